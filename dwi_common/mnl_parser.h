@@ -1,0 +1,47 @@
+// MnlParser: netlink messages of a netfilter socket into per-message
+// callbacks with an attribute table indexed by attribute type. A thin, traced
+// layer over libmnl's mnl_cb_run and mnl_attr_parse.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <unordered_map>
+
+#include "qor/trace/tracer.h"
+
+struct nlmsghdr;
+struct nlattr;
+
+namespace dwi::tools {
+
+class MnlParser {
+public:
+    // Callback gets the message and its attribute table (null when the parser
+    // has no maximum type); returns MNL_CB_OK (1), MNL_CB_STOP (0) or
+    // MNL_CB_ERROR (-1).
+    using Callback = std::function<int(const nlmsghdr*, const nlattr**)>;
+    // Checker maps an attribute type to a validator; a negative result
+    // rejects the attribute (and the whole message).
+    using Checker = std::unordered_map<int, std::function<int(const nlattr*)>>;
+
+    // The tracer and checker are not owned; the checker must outlive the parser.
+    MnlParser(qor::ITracer* tracer, Callback callback, std::optional<unsigned long> maxType,
+              const Checker* checker);
+
+    // Parse runs every message of `buf` through the callback; returns what
+    // mnl_cb_run returns (-1 with errno set for libmnl's own failures, such as
+    // truncation or an NLMSG_ERROR message). Never throws.
+    int Parse(const void* buf, std::size_t numBytes, unsigned int seq, unsigned int portId) const;
+
+    // ParseAttribute is the per-attribute step (libmnl callback convention).
+    int ParseAttribute(const nlattr** table, const nlattr* attr) const;
+
+private:
+    qor::ITracer* m_tracer;
+    Callback m_callback;
+    std::optional<unsigned long> m_maxType;
+    const Checker* m_checker;
+};
+
+}  // namespace dwi::tools

@@ -1,0 +1,25 @@
+// The nti subcommands. Each adds itself to the CLI and runs with the common
+// options; a command returns the process exit code.
+#pragma once
+
+#include <functional>
+
+#include "host/host_context.h"
+
+namespace CLI {
+class App;
+}
+
+namespace nti::host {
+
+// Exit codes shared by the commands.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitUsage = 2;
+
+using CommandRunner = std::function<int(const CommonOptions&)>;
+
+// Each Add*Command registers its subcommand and returns what runs it.
+CommandRunner AddInfoCommand(CLI::App& app);
+
+}  // namespace nti::host

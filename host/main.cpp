@@ -1,0 +1,44 @@
+// nti: the host program for the network traffic interceptor module.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <map>
+
+#include "host/commands/commands.h"
+
+int main(int argc, char** argv) {
+    using namespace nti::host;
+    CLI::App app{
+        "nti - load the network traffic interceptor module and use it on this machine:\n"
+        "intercept packets through NFQUEUE and watch per-connection traffic statistics."};
+    app.require_subcommand(1);
+    CommonOptions options;
+    app.add_option("--module", options.module,
+                   "Module to load: a path, or a name searched as lib<name>.so")
+        ->capture_default_str();
+    app.add_option("--trace-level", options.traceLevel,
+                   "Highest trace level written (300 errors, 500 warnings, 800 all)")
+        ->capture_default_str()
+        ->check(CLI::Range(0u, 1000u));
+    app.add_option("--trace-file", options.traceFile, "Write traces to this file, not stderr");
+
+    std::map<CLI::App*, CommandRunner> runners;
+    const auto add = [&](CommandRunner (*adder)(CLI::App&)) {
+        const std::size_t before = app.get_subcommands({}).size();
+        CommandRunner runner = adder(app);
+        runners.emplace(app.get_subcommands({})[before], std::move(runner));
+    };
+    add(&AddInfoCommand);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int code = app.exit(e);
+        return code == 0 ? kExitOk : kExitUsage;
+    }
+    for (auto& [sub, runner] : runners) {
+        if (sub->parsed()) {
+            return runner(options);
+        }
+    }
+    return kExitUsage;
+}

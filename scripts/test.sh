@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds the release and asan presets and runs every
+# test of both with ctest.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/deps.sh
+nti_install_deps
+jobs=$(nproc)
+for preset in release asan; do
+  echo "== $preset"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  ctest --preset "$preset" -j "$jobs"
+done

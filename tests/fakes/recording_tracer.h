@@ -1,0 +1,78 @@
+// RecordingTracer keeps every committed record's text for assertions.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "qor/object.h"
+#include "qor/trace/tracer.h"
+
+namespace nti::test {
+
+struct TraceLine {
+    std::uint32_t level;
+    std::string text;
+};
+
+class RecordingTracer : public qor::object::Ifaces<qor::ITracer> {
+public:
+    explicit RecordingTracer(std::uint32_t maxLevel = 1000) : m_maxLevel(maxLevel) {}
+
+    qor::result_t BeginRecord(std::uint32_t level, std::uint32_t* position,
+                              qor::TraceBuffer* buffer) noexcept override {
+        if (level > m_maxLevel) {
+            return qor::errors::kNotMatched;
+        }
+        if (buffer != nullptr && position != nullptr) {
+            // The level rides in front of the text until the commit.
+            std::memcpy(buffer->data, &level, sizeof(level));
+            *position += sizeof(level);
+        }
+        return 0;
+    }
+    qor::result_t CommitRecord(qor::TraceBuffer* buffer, std::uint32_t length) noexcept override {
+        std::uint32_t level = 0;
+        std::memcpy(&level, buffer->data, sizeof(level));
+        std::lock_guard lock(m_mutex);
+        m_lines.push_back({level, std::string(buffer->data + sizeof(level), length - sizeof(level))});
+        return 0;
+    }
+    std::uint32_t GetMaxLevel() noexcept override { return m_maxLevel; }
+
+    std::vector<TraceLine> Lines() const {
+        std::lock_guard lock(m_mutex);
+        return m_lines;
+    }
+    std::vector<std::string> Texts() const {
+        std::lock_guard lock(m_mutex);
+        std::vector<std::string> texts;
+        for (const auto& l : m_lines) {
+            texts.push_back(l.text);
+        }
+        return texts;
+    }
+    // Contains is true when some record's text contains `part`.
+    bool Contains(const std::string& part) const {
+        std::lock_guard lock(m_mutex);
+        for (const auto& l : m_lines) {
+            if (l.text.find(part) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+    void Clear() {
+        std::lock_guard lock(m_mutex);
+        m_lines.clear();
+    }
+
+private:
+    std::uint32_t m_maxLevel;
+    mutable std::mutex m_mutex;
+    std::vector<TraceLine> m_lines;
+};
+
+}  // namespace nti::test
