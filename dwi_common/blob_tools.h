@@ -1,0 +1,19 @@
+// Blob tools: serialisable objects to flat byte blobs and back, through the
+// host's serialisers.
+#pragma once
+
+#include "qor/byte_vector.h"
+#include "qor/meta.h"
+#include "qor/service_locator.h"
+
+namespace dwi::tools {
+
+// AnyToBlob serialises `any` with the host's IBinarySerializer (buffer owned
+// by the host's IAllocator) into `dataBlob`. Returns 0 or a failure code
+// (0x80000046 when `any` refers to nothing), traced at level 300.
+int AnyToBlob(qor::IServiceLocator* sl, const qor::AnyRef& any, qor::ByteVector& dataBlob);
+
+// AnyFromBlob deserialises `dataBlob` into the object behind `any`.
+int AnyFromBlob(qor::IServiceLocator* sl, const qor::ByteVector& dataBlob, const qor::AnyRef& any);
+
+}  // namespace dwi::tools
