@@ -94,7 +94,9 @@ void TraceRecord::Pad(std::size_t length) noexcept {
     m_buf.size += static_cast<std::uint32_t>(pad);
 }
 
-TraceRecord& TraceRecord::WriteChar(char c) noexcept { return Write(std::string_view(&c, 1)); }
+TraceRecord& TraceRecord::WriteChar(char c) noexcept {
+    return Write(std::string_view(&c, 1));
+}
 
 namespace {
 std::size_t FormatUnsigned(char* end, std::uint64_t value, std::uint32_t flags) {
@@ -150,8 +152,8 @@ TraceRecord& TraceRecord::WriteDouble(double value) noexcept {
     const int n = std::snprintf(buf, sizeof(buf), format, m_width, m_precision, value);
     m_width = 0;
     if (n > 0) {
-        Write(std::string_view(buf, std::min<std::size_t>(static_cast<std::size_t>(n),
-                                                          sizeof(buf) - 1)));
+        Write(std::string_view(
+            buf, std::min<std::size_t>(static_cast<std::size_t>(n), sizeof(buf) - 1)));
     }
     return *this;
 }
