@@ -68,6 +68,9 @@ TraceRecord& TraceRecord::Write(std::string_view text) noexcept {
         return *this;
     }
     Pad(text.size());
+    if (text.empty()) {
+        return *this;  // an empty view may have a null data pointer
+    }
     if (!Reserve(static_cast<std::uint32_t>(text.size()))) {
         const std::uint32_t room = m_buf.capacity - m_buf.size;
         text = text.substr(0, room);
