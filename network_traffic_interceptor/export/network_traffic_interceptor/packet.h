@@ -197,8 +197,17 @@ private:
 };
 
 inline qor::result_t ParsedPacket::Parse(ByteRange payload, bool requirePorts) {
-    *this = ParsedPacket{};
+    // Field by field: one aggregate reset compiles to a slow `rep stos`.
+    m_protocol = 0;
     m_payload = payload;
+    m_transport = {};
+    m_applicationPayload = {};
+    m_ipv4 = {};
+    m_ipv6 = {};
+    m_tcp = {};
+    m_udp = {};
+    m_source = {};
+    m_destination = {};
 
     switch (IpVersion(payload)) {
         case 4:
