@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "network_traffic_interceptor/ipv6_header.h"
@@ -48,7 +49,7 @@ std::string V6(std::string_view nextHeader) {
 constexpr std::string_view kTcp = "9c 43 00 50 00 00 00 01 00 00 00 00 50 02 ff ff 00 00 00 00 ";
 // UDP 40001 -> 40002, length 12, "abcd".
 constexpr std::string_view kUdp = "9c 41 9c 42 00 0c 00 00 61 62 63 64 ";
-// ICMP / ICMPv6 echo request.
+// ICMP echo request.
 constexpr std::string_view kIcmpEcho = "08 00 f7 ff 00 00 00 00 ";
 
 std::string operator+(std::string a, std::string_view b) {
@@ -64,7 +65,7 @@ std::string Repeat(std::string_view byte, int count) {
     return out;
 }
 
-// ExpectTooSmall parses `bytes` and expects the size failure `message`.
+// ExpectTooSmall parses `range` and expects the size failure `message`.
 void ExpectTooSmall(ByteRange range, bool requirePorts, std::string_view message) {
     ParsedPacket packet;
     try {
@@ -135,9 +136,10 @@ TEST(ParsedPacketSizeCheck, FailedParseKeepsWhatWasParsedBefore) {
     EXPECT_EQ(packet.Tcp(), nullptr);
 }
 
-// ExpectViewSize checks that ViewHeader<Header> needs exactly `size` bytes.
+// ExpectViewSize checks that ViewHeader<Header> needs exactly `size` bytes
+// and reports one byte less with `message`.
 template <class Header>
-void ExpectViewSize(std::size_t size) {
+void ExpectViewSize(std::size_t size, std::string_view message) {
     SCOPED_TRACE(size);
     const std::vector<std::uint8_t> bytes(size, 0x45);
     const ByteRange full = Range(bytes);
@@ -146,17 +148,16 @@ void ExpectViewSize(std::size_t size) {
         ViewHeader<Header>({full.begin, full.end - 1});
         ADD_FAILURE() << "ViewHeader did not throw";
     } catch (const qor::CheckFailedException& e) {
-        EXPECT_EQ(e.Message(), ": payload size is to small: expected " + std::to_string(size) +
-                                   ", actual: " + std::to_string(size - 1));
+        EXPECT_EQ(e.Message(), message);
         EXPECT_EQ(e.Where().file, kLocation);
     }
 }
 
 TEST(ParsedPacketSizeCheck, EachViewChecksItsHeaderSize) {
-    ExpectViewSize<Ipv4Header>(20);
-    ExpectViewSize<Ipv6Header>(40);
-    ExpectViewSize<TcpHeader>(20);
-    ExpectViewSize<UdpHeader>(8);
+    ExpectViewSize<Ipv4Header>(20, ": payload size is to small: expected 20, actual: 19");
+    ExpectViewSize<Ipv6Header>(40, ": payload size is to small: expected 40, actual: 39");
+    ExpectViewSize<TcpHeader>(20, ": payload size is to small: expected 20, actual: 19");
+    ExpectViewSize<UdpHeader>(8, ": payload size is to small: expected 8, actual: 7");
 
     const auto one = Hex("6f");
     EXPECT_EQ(IpVersion(Range(one)), 6);
