@@ -56,6 +56,7 @@ enum class Capture : std::uint8_t {
 constexpr int kNoNamespace = 77;
 constexpr int kSetupFailed = 78;
 constexpr int kNotCaptured = 79;
+constexpr int kNoIpTool = 80;
 
 constexpr std::uint16_t kUdpClientPort = 40001;
 constexpr std::uint16_t kServerPort = 40002;
@@ -302,10 +303,16 @@ void SendAndCaptureV6(Capturer& capture) {
         Fail(kNoNamespace);
     }
     // Only this namespace's loopback changes; it goes away with the child.
-    Require(std::system("ip link set lo up mtu 1500 && "
-                        "ip addr add 198.18.0.1/32 dev lo && ip addr add 198.18.0.2/32 dev lo && "
-                        "ip -6 addr add fd00:198:18::1/128 dev lo nodad && "
-                        "ip -6 addr add fd00:198:18::2/128 dev lo nodad") == 0);
+    const int configured = std::system(
+        "command -v ip >/dev/null || exit 127; "
+        "ip link set lo up mtu 1500 && "
+        "ip addr add 198.18.0.1/32 dev lo && ip addr add 198.18.0.2/32 dev lo && "
+        "ip -6 addr add fd00:198:18::1/128 dev lo nodad && "
+        "ip -6 addr add fd00:198:18::2/128 dev lo nodad");
+    if (WIFEXITED(configured) && WEXITSTATUS(configured) == 127) {
+        Fail(kNoIpTool);
+    }
+    Require(configured == 0);
     const int loopback = static_cast<int>(if_nametoindex("lo"));
     Require(loopback > 0);
     Fd packets(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_ALL)));
@@ -394,6 +401,9 @@ protected:
         const int status = s_captured->childStatus;
         if (WIFEXITED(status) && WEXITSTATUS(status) == kNoNamespace) {
             GTEST_SKIP() << "cannot create a network namespace here";
+        }
+        if (WIFEXITED(status) && WEXITSTATUS(status) == kNoIpTool) {
+            GTEST_SKIP() << "no ip command to configure the namespace";
         }
         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
             << "capture child ended with status " << status << " (exit code " << WEXITSTATUS(status)
