@@ -80,6 +80,25 @@ bool AttributesFillMessage(const nlmsghdr* nlh) noexcept {
     return tail - reinterpret_cast<const char*>(attr) <= 0;
 }
 
+// WalkableLength is how much of `buf` mnl_cb_run may walk. libmnl compares a
+// message length as int, so a length with bit 31 set passes its check and
+// moves the walk far beyond the buffer; the buffer ends before such a
+// message. Any other bad length is left to libmnl, which stops there itself.
+std::size_t WalkableLength(const void* buf, std::size_t numBytes) noexcept {
+    std::size_t offset = 0;
+    while (numBytes - offset >= sizeof(nlmsghdr)) {
+        const auto* nlh = reinterpret_cast<const nlmsghdr*>(static_cast<const char*>(buf) + offset);
+        if (nlh->nlmsg_len > INT32_MAX) {
+            return offset;
+        }
+        if (nlh->nlmsg_len < sizeof(nlmsghdr) || nlh->nlmsg_len > numBytes - offset) {
+            break;
+        }
+        offset += std::min<std::size_t>(MNL_ALIGN(nlh->nlmsg_len), numBytes - offset);
+    }
+    return numBytes;
+}
+
 }  // namespace
 
 MnlParser::MnlParser(qor::ITracer* tracer, Callback callback, std::optional<unsigned long> maxType,
@@ -93,7 +112,8 @@ int MnlParser::Parse(const void* buf, std::size_t numBytes, unsigned int seq,
         << " numBytes=" << numBytes << " seq=" << seq << " portId=" << portId << " bufDump:\n"
         << HexDump{buf, numBytes};
     const mnl_cb_t step = m_callback ? &MnlParser::MessageStep : nullptr;
-    return mnl_cb_run(buf, numBytes, seq, portId, step, const_cast<MnlParser*>(this));
+    return mnl_cb_run(buf, WalkableLength(buf, numBytes), seq, portId, step,
+                      const_cast<MnlParser*>(this));
 }
 
 int MnlParser::MessageStep(const nlmsghdr* nlh, void* data) noexcept {
