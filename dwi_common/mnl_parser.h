@@ -35,7 +35,8 @@ public:
     // one returns 0 or less; returns what mnl_cb_run returns: -1 when a
     // callback, a checker or the attribute walk failed (traced), and -1 with
     // errno set for libmnl's own failures, such as an NLMSG_ERROR message or a
-    // sequence or port mismatch. Never throws.
+    // sequence or port mismatch. A message that the end of the buffer cuts
+    // short ends the walk quietly, as libmnl does. Never throws.
     int Parse(const void* buf, std::size_t numBytes, unsigned int seq, unsigned int portId) const;
 
     // ParseAttribute is the per-attribute step (libmnl callback convention):
