@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the release and asan presets and runs every
-# test of both with ctest.
+# test of both with ctest, then fuzzes every libFuzzer target for a while.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -12,3 +12,5 @@ for preset in release asan; do
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$jobs"
 done
+echo "== fuzz"
+bash scripts/run_fuzzers.sh "${NTI_FUZZ_SECONDS:-30}"
