@@ -30,12 +30,10 @@ constexpr std::uint8_t kForward = 2;
 constexpr std::uint8_t kLocalOut = 3;
 constexpr std::uint32_t kBypassMark = 0x4000;
 
-const std::array<std::uint8_t, 4> kHostV4{10, 0, 0, 2};
-const std::array<std::uint8_t, 4> kPeerV4{93, 184, 216, 34};
-const std::array<std::uint8_t, 16> kHostV6{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0,
-                                           0,    0,    0,    0,    0, 0, 0, 2};
-const std::array<std::uint8_t, 16> kPeerV6{0x26, 0x06, 0x28, 0x00, 0, 0, 0, 0,
-                                           0,    0,    0,    0,    0, 0, 0, 9};
+using nti::test::kHostV4;
+using nti::test::kHostV6;
+using nti::test::kPeerV4;
+using nti::test::kPeerV6;
 const Mac48 kHostMac{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 const Mac48 kRouterMac{0x02, 0x00, 0x00, 0x00, 0x00, 0xfe};
 

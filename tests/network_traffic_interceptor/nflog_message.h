@@ -23,6 +23,14 @@ inline constexpr std::uint8_t kUdp = 17;
 inline constexpr std::uint8_t kIcmp = 1;
 inline constexpr std::uint8_t kIcmpv6 = 58;
 
+// Addresses of this host and of a remote peer.
+inline constexpr std::array<std::uint8_t, 4> kHostV4{10, 0, 0, 2};
+inline constexpr std::array<std::uint8_t, 4> kPeerV4{93, 184, 216, 34};
+inline constexpr std::array<std::uint8_t, 16> kHostV6{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0,
+                                                      0,    0,    0,    0,    0, 0, 0, 2};
+inline constexpr std::array<std::uint8_t, 16> kPeerV6{0x26, 0x06, 0x28, 0x00, 0, 0, 0, 0,
+                                                      0,    0,    0,    0,    0, 0, 0, 9};
+
 // TransportHeader: TCP (20 bytes), UDP (8) or 8 zero bytes for any other
 // protocol.
 inline Bytes TransportHeader(std::uint8_t protocol, std::uint16_t sourcePort,
