@@ -28,9 +28,9 @@ enum DirectionBits : std::uint32_t {
 
 // IpNetwork is an address with a prefix length; family 0 means "any".
 struct IpNetwork {
-    std::uint8_t family = 0;  // 0 any, 4 IPv4, 6 IPv6
+    std::uint8_t family = 0;                 // 0 any, 4 IPv4, 6 IPv6
     std::array<std::uint8_t, 16> address{};  // network byte order; IPv4 in the first 4 bytes
-    std::uint8_t prefixLength = 0;  // 0..32 or 0..128
+    std::uint8_t prefixLength = 0;           // 0..32 or 0..128
 };
 
 // PortRange matches [first, last]; first == 0 and last == 0 mean "any".
@@ -44,13 +44,13 @@ struct PortRange {
 struct QueueRule {
     std::uint32_t direction = kInbound;  // DirectionBits; the first field by contract
     std::uint16_t queueNumber = 0;
-    std::uint8_t family = 0;      // 0 both IPv4 and IPv6, 4, 6
-    std::uint8_t protocol = 0;    // IP protocol number; 0 any
-    IpNetwork localAddress;       // destination when inbound, source when outbound
-    IpNetwork remoteAddress;      // the other side
-    PortRange localPorts;         // TCP/UDP only
-    PortRange remotePorts;        // TCP/UDP only
-    std::string interfaceName;    // empty: any interface
+    std::uint8_t family = 0;    // 0 both IPv4 and IPv6, 4, 6
+    std::uint8_t protocol = 0;  // IP protocol number; 0 any
+    IpNetwork localAddress;     // destination when inbound, source when outbound
+    IpNetwork remoteAddress;    // the other side
+    PortRange localPorts;       // TCP/UDP only
+    PortRange remotePorts;      // TCP/UDP only
+    std::string interfaceName;  // empty: any interface
 };
 
 // Chain codes of NFLOG rules.
@@ -62,13 +62,13 @@ enum ChainCode : std::uint8_t {
 
 // NflogRule copies matching packets to an NFLOG group.
 struct NflogRule {
-    std::string name;                 // e.g. "zolt_stats_in"; also the rule's comment
-    std::uint8_t chain = 0;           // ChainCode
+    std::string name;        // e.g. "zolt_stats_in"; also the rule's comment
+    std::uint8_t chain = 0;  // ChainCode
     std::uint16_t nflogGroup = 0;
-    std::uint32_t bypassMark = 0;     // packets carrying this mark are not logged ...
-    bool bypassMarkSet = false;       // ... when this flag is set
-    bool excludeLoopback = false;     // skip traffic on loopback interfaces
-    bool excludeMulticast = false;    // skip multicast and broadcast destinations
+    std::uint32_t bypassMark = 0;           // packets carrying this mark are not logged ...
+    bool bypassMarkSet = false;             // ... when this flag is set
+    bool excludeLoopback = false;           // skip traffic on loopback interfaces
+    bool excludeMulticast = false;          // skip multicast and broadcast destinations
     std::optional<std::uint8_t> ipVersion;  // 4: IPv4 only (iptables without ip6tables)
 };
 
