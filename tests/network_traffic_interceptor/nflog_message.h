@@ -89,10 +89,11 @@ inline Bytes Ipv6Packet(std::array<std::uint8_t, 16> source,
 // EthernetHeader: destination MAC, source MAC, EtherType.
 inline Bytes EthernetHeader(std::array<std::uint8_t, 6> destination,
                             std::array<std::uint8_t, 6> source, std::uint16_t etherType) {
-    Bytes h(destination.begin(), destination.end());
-    h.insert(h.end(), source.begin(), source.end());
-    h.push_back(static_cast<std::uint8_t>(etherType >> 8));
-    h.push_back(static_cast<std::uint8_t>(etherType));
+    Bytes h(14, 0);
+    std::memcpy(h.data(), destination.data(), destination.size());
+    std::memcpy(h.data() + 6, source.data(), source.size());
+    h[12] = static_cast<std::uint8_t>(etherType >> 8);
+    h[13] = static_cast<std::uint8_t>(etherType);
     return h;
 }
 
