@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "host/nflog_listener.h"
 #include "host/tracer_sink.h"
 #include "qor/exception.h"
 
@@ -20,6 +21,16 @@ qor::result_t HostContext::Open(const CommonOptions& options) {
             m_tracer = OpenFileTracer(options.traceFile, options.traceLevel);
         }
         m_locator->Register(m_tracer.Get());
+        m_timer = qor::object::Create<Timer>();
+        m_locator->Register<qor::ITimer>(m_timer.Get());
+        m_locator->Register<dwi::firewall::INflogListenerFactory>(
+            qor::object::Create<NflogListenerFactory>(m_tracer.Get()).Get());
+        m_locator->Register<dwi::firewall::IIptablesInfoProvider>(
+            qor::object::Create<IptablesInfoProvider>(options.ip6tables).Get());
+        m_locator->Register<dwi::firewall::IStartupDataProvider>(
+            qor::object::Create<StartupDataProvider>(
+                dwi::firewall::StartupData{options.nflogBypassMark})
+                .Get());
     } catch (const std::exception& e) {
         m_error = e.what();
         return qor::CurrentExceptionToResult(nullptr, "");
@@ -40,6 +51,9 @@ qor::result_t HostContext::CreateObject(std::uint32_t clsid, qor::IObject** out)
 qor::result_t HostContext::Shutdown() {
     if (m_locator) {
         m_locator->Clear();
+    }
+    if (m_timer) {
+        m_timer->Shutdown();  // drops runnables of the module before it goes
     }
     return m_module.Unload();
 }

@@ -3,10 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
+#include "host/iptables_info.h"
 #include "host/module_loader.h"
 #include "host/service_locator.h"
+#include "host/timer.h"
 #include "qor/object.h"
 #include "qor/trace/tracer.h"
 
@@ -17,6 +20,10 @@ struct CommonOptions {
     std::string module = ModuleLoader::kDefaultModule;  // path or name
     std::uint32_t traceLevel = 300;                     // records above are dropped
     std::string traceFile;                              // empty: stderr
+    // Statistics firewall settings: ip6tables availability (unset: detect)
+    // and the mark that keeps packets out of NFLOG.
+    std::optional<bool> ip6tables;
+    std::uint32_t nflogBypassMark = kDefaultNflogBypassMark;
 };
 
 class HostContext {
@@ -26,8 +33,9 @@ public:
     HostContext& operator=(const HostContext&) = delete;
     ~HostContext();
 
-    // Open installs the tracer and loads the module. Returns 0 or a failure
-    // code with a message in Error().
+    // Open installs the tracer and the host services (timer, NFLOG listener
+    // factory, iptables and startup data providers) and loads the module.
+    // Returns 0 or a failure code with a message in Error().
     qor::result_t Open(const CommonOptions& options);
 
     ServiceLocator& Locator() { return *m_locator; }
@@ -38,13 +46,15 @@ public:
     // CreateObject creates class `clsid` of the module through the locator.
     qor::result_t CreateObject(std::uint32_t clsid, qor::IObject** out);
 
-    // Shutdown drops the services and unloads the module if it allows.
+    // Shutdown drops the services, stops the timer thread and unloads the
+    // module if it allows.
     // Returns the module's unload answer (0 unloaded, 1 objects still live).
     qor::result_t Shutdown();
 
 private:
     qor::RefPtr<ServiceLocator> m_locator;
     qor::RefPtr<qor::ITracer> m_tracer;
+    qor::object::ImplPtr<Timer> m_timer;
     ModuleLoader m_module;
     std::string m_error;
 };

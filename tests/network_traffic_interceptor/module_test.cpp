@@ -17,6 +17,9 @@
 #include "host/service_locator.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/exception.h"
+#include "tests/fakes/fake_key_value_storage.h"
+#include "tests/fakes/fake_meta_info_provider.h"
+#include "tests/fakes/fake_timer.h"
 #include "tests/fakes/recording_tracer.h"
 
 namespace {
@@ -99,6 +102,12 @@ protected:
 
 TEST_F(ModuleTest, ModuleLockCountsLiveObjects) {
     ASSERT_EQ(m_locator->Register(m_tracer.Get()), 0);
+    // The statistics service needs its storage, timer and metadata services.
+    m_locator->Register(app_core::component::IKeyValueStorage::IID,
+                        qor::object::Create<nti::test::FakeKeyValueStorage>().Get());
+    m_locator->Register(qor::ITimer::IID, qor::object::Create<nti::test::FakeTimer>().Get());
+    m_locator->Register(qor::IMetaInfoProvider::IID,
+                        qor::object::Create<nti::test::FakeMetaInfoProvider>().Get());
     EXPECT_EQ(m_module.CanUnloadModule(), 0);
     qor::RefPtr<qor::IObject> facade;
     ASSERT_EQ(Create(ni::kNetworkInterceptorClassId, facade), 0);

@@ -1,0 +1,163 @@
+// Bounded test traffic over sockets opened inside test namespaces.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/netns.h"
+
+namespace nti::test {
+
+// Fd owns a descriptor.
+class Fd {
+public:
+    Fd() = default;
+    explicit Fd(int fd) : m_fd(fd) {}
+    Fd(Fd&& o) noexcept : m_fd(std::exchange(o.m_fd, -1)) {}
+    Fd& operator=(Fd&& o) noexcept {
+        std::swap(m_fd, o.m_fd);
+        return *this;
+    }
+    ~Fd() {
+        if (m_fd >= 0) {
+            close(m_fd);
+        }
+    }
+    int Get() const { return m_fd; }
+
+private:
+    int m_fd = -1;
+};
+
+// Endpoint is an address (IPv4 or IPv6 text) and a port.
+struct Endpoint {
+    std::string address;
+    std::uint16_t port = 0;
+
+    sockaddr_storage Sockaddr(socklen_t* length) const {
+        sockaddr_storage storage{};
+        if (address.find(':') == std::string::npos) {
+            auto* in = reinterpret_cast<sockaddr_in*>(&storage);
+            in->sin_family = AF_INET;
+            in->sin_port = htons(port);
+            inet_pton(AF_INET, address.c_str(), &in->sin_addr);
+            *length = sizeof(sockaddr_in);
+        } else {
+            auto* in6 = reinterpret_cast<sockaddr_in6*>(&storage);
+            in6->sin6_family = AF_INET6;
+            in6->sin6_port = htons(port);
+            inet_pton(AF_INET6, address.c_str(), &in6->sin6_addr);
+            *length = sizeof(sockaddr_in6);
+        }
+        return storage;
+    }
+};
+
+// BoundSocket opens a socket of `type` in `ns` bound to `local`.
+inline Fd BoundSocket(const NetNs& ns, int type, const Endpoint& local) {
+    ScopedNetNs inside(ns);
+    socklen_t length = 0;
+    const sockaddr_storage address = local.Sockaddr(&length);
+    Fd fd(socket(address.ss_family, type | SOCK_CLOEXEC, 0));
+    const int one = 1;
+    setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    if (fd.Get() < 0 || bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+        throw std::runtime_error("cannot bind " + local.address + ":" + std::to_string(local.port) +
+                                 ": " + std::strerror(errno));
+    }
+    return fd;
+}
+
+// SendDatagrams sends `count` datagrams of `size` bytes to `to`.
+inline void SendDatagrams(const Fd& fd, const Endpoint& to, int count, std::size_t size) {
+    socklen_t length = 0;
+    const sockaddr_storage address = to.Sockaddr(&length);
+    const std::vector<char> data(size, 'x');
+    for (int i = 0; i < count; ++i) {
+        if (sendto(fd.Get(), data.data(), data.size(), 0,
+                   reinterpret_cast<const sockaddr*>(&address),
+                   length) != static_cast<ssize_t>(size)) {
+            throw std::runtime_error(std::string("sendto: ") + std::strerror(errno));
+        }
+    }
+}
+
+// ReceiveDatagrams reads up to `count` datagrams, each wait bounded by
+// `timeoutMs`; returns how many arrived.
+inline int ReceiveDatagrams(const Fd& fd, int count, int timeoutMs = 2000) {
+    std::vector<char> buffer(65536);
+    int received = 0;
+    pollfd pfd{fd.Get(), POLLIN, 0};
+    while (received < count && poll(&pfd, 1, timeoutMs) == 1) {
+        if (recv(fd.Get(), buffer.data(), buffer.size(), 0) >= 0) {
+            ++received;
+        }
+    }
+    return received;
+}
+
+// TcpExchange connects from `client` (bound in `clientNs`) to a listener
+// bound at `server` in `serverNs`, sends `up` bytes, answers `down` bytes
+// and closes both sides in order (client first). Returns when both saw the
+// end of the stream.
+inline void TcpExchange(const NetNs& clientNs, const Endpoint& client, const NetNs& serverNs,
+                        const Endpoint& server, std::size_t up, std::size_t down) {
+    Fd listener = BoundSocket(serverNs, SOCK_STREAM, server);
+    if (listen(listener.Get(), 1) != 0) {
+        throw std::runtime_error("listen");
+    }
+    Fd connection = BoundSocket(clientNs, SOCK_STREAM, client);
+    socklen_t length = 0;
+    const sockaddr_storage address = server.Sockaddr(&length);
+    if (connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+        throw std::runtime_error(std::string("connect: ") + std::strerror(errno));
+    }
+    Fd accepted(accept(listener.Get(), nullptr, nullptr));
+    const auto transfer = [](const Fd& from, const Fd& to, std::size_t bytes) {
+        const std::vector<char> data(bytes, 'y');
+        std::vector<char> buffer(65536);
+        std::size_t sent = 0, got = 0;
+        while (got < bytes) {
+            if (sent < bytes) {
+                const ssize_t n = send(from.Get(), data.data() + sent, bytes - sent, 0);
+                if (n < 0) {
+                    throw std::runtime_error("send");
+                }
+                sent += static_cast<std::size_t>(n);
+            }
+            pollfd pfd{to.Get(), POLLIN, 0};
+            if (poll(&pfd, 1, 2000) != 1) {
+                throw std::runtime_error("tcp receive timed out");
+            }
+            const ssize_t n = recv(to.Get(), buffer.data(), buffer.size(), 0);
+            if (n <= 0) {
+                throw std::runtime_error("recv");
+            }
+            got += static_cast<std::size_t>(n);
+        }
+    };
+    transfer(connection, accepted, up);
+    transfer(accepted, connection, down);
+    shutdown(connection.Get(), SHUT_WR);
+    std::vector<char> buffer(16);
+    pollfd pfd{accepted.Get(), POLLIN, 0};
+    if (poll(&pfd, 1, 2000) != 1 || recv(accepted.Get(), buffer.data(), buffer.size(), 0) != 0) {
+        throw std::runtime_error("no end of stream at the server");
+    }
+    shutdown(accepted.Get(), SHUT_WR);
+    pfd = {connection.Get(), POLLIN, 0};
+    if (poll(&pfd, 1, 2000) != 1 || recv(connection.Get(), buffer.data(), buffer.size(), 0) != 0) {
+        throw std::runtime_error("no end of stream at the client");
+    }
+}
+
+}  // namespace nti::test
