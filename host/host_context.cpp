@@ -7,7 +7,9 @@
 
 namespace nti::host {
 
-HostContext::~HostContext() { Shutdown(); }
+HostContext::~HostContext() {
+    Shutdown();
+}
 
 qor::result_t HostContext::Open(const CommonOptions& options) {
     try {
