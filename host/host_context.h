@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <string>
 
+#include "host/firewall_rules.h"
 #include "host/module_loader.h"
+#include "host/nfqueue_query.h"
 #include "host/service_locator.h"
 #include "qor/object.h"
 #include "qor/trace/tracer.h"
@@ -19,6 +21,13 @@ struct CommonOptions {
     std::string traceFile;                              // empty: stderr
 };
 
+// Settings of the firewall services the host offers the module.
+struct FirewallSettings {
+    std::uint16_t queueFirst = 1000;  // queue numbers handed out
+    std::uint16_t queueLast = 1999;
+    bool failClosed = false;  // queue rules drop packets while nobody reads the queue
+};
+
 class HostContext {
 public:
     HostContext() = default;
@@ -29,6 +38,14 @@ public:
     // Open installs the tracer and loads the module. Returns 0 or a failure
     // code with a message in Error().
     qor::result_t Open(const CommonOptions& options);
+
+    // StartFirewall creates the queue number and firewall rules services,
+    // removes the rules that ended runs left behind and registers both in
+    // the locator. Returns 0 or a failure code with a message in Error().
+    qor::result_t StartFirewall(const FirewallSettings& settings);
+    // The services StartFirewall made; null before it.
+    NfqueueQuery* Queues() { return m_queues.Get(); }
+    DynamicRules* Firewall() { return m_firewall.Get(); }
 
     ServiceLocator& Locator() { return *m_locator; }
     ModuleLoader& Module() { return m_module; }
@@ -45,6 +62,8 @@ public:
 private:
     qor::RefPtr<ServiceLocator> m_locator;
     qor::RefPtr<qor::ITracer> m_tracer;
+    qor::object::ImplPtr<NfqueueQuery> m_queues;
+    qor::object::ImplPtr<DynamicRules> m_firewall;
     ModuleLoader m_module;
     std::string m_error;
 };
