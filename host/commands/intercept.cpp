@@ -217,8 +217,11 @@ public:
         const std::uint32_t queue = packet.queue <= 2 ? packet.queue : 0;
         ++m_perQueue[queue];
         if (m_settings.mark) {
+            // The mark goes back only with the payload.
             packet.payloadChanged = true;
             packet.mark = *m_settings.mark;
+            FillChecksums(packet.payloadBegin,
+                          static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin));
         }
         verdict = m_settings.verdict.verdict;
         Delayed* delayed = m_delayed.load();

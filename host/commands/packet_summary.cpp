@@ -20,7 +20,77 @@ bool IsExtensionHeader(std::uint8_t next) {
     return next == 0 || next == 43 || next == 60 || next == 135;
 }
 
+// Sum adds 16-bit big-endian words to a one's-complement accumulator.
+std::uint32_t Sum(const std::uint8_t* p, std::size_t n, std::uint32_t acc = 0) {
+    for (; n > 1; p += 2, n -= 2) {
+        acc += Be16(p);
+    }
+    if (n == 1) {
+        acc += static_cast<std::uint32_t>(p[0] << 8);
+    }
+    return acc;
+}
+
+std::uint16_t Fold(std::uint32_t acc) {
+    while ((acc >> 16) != 0) {
+        acc = (acc & 0xFFFFu) + (acc >> 16);
+    }
+    return static_cast<std::uint16_t>(~acc & 0xFFFFu);
+}
+
+void Put16(std::uint8_t* p, std::uint16_t v) {
+    p[0] = static_cast<std::uint8_t>(v >> 8);
+    p[1] = static_cast<std::uint8_t>(v);
+}
+
 }  // namespace
+
+bool FillChecksums(std::uint8_t* data, std::size_t size) {
+    const PacketSummary s = Summarize(data, size);
+    if (s.version == 0 || !s.sourcePort || (*s.protocol != 6 && *s.protocol != 17)) {
+        return false;
+    }
+    std::size_t offset = 0;
+    std::uint32_t pseudo = 0;
+    if (s.version == 4) {
+        offset = (data[0] & 0x0Fu) * 4u;
+        const std::size_t total = Be16(data + 2);
+        if ((Be16(data + 6) & 0x3FFFu) != 0 || total != size) {
+            return false;  // a fragment, or padding we cannot judge
+        }
+        Put16(data + 10, 0);
+        Put16(data + 10, Fold(Sum(data, offset)));
+        pseudo = Sum(data + 12, 8);
+    } else {
+        if (std::size_t{Be16(data + 4)} + 40 != size) {
+            return false;
+        }
+        // The transport header is where Summarize found the ports: walk again.
+        std::uint8_t next = data[6];
+        offset = 40;
+        while (next != *s.protocol) {
+            if (next == 44) {
+                return false;
+            }
+            next = data[offset];
+            offset += (std::size_t{data[offset + 1]} + 1) * 8;
+        }
+        pseudo = Sum(data + 8, 32);
+    }
+    const std::size_t length = size - offset;
+    const std::size_t field = offset + (*s.protocol == 6 ? 16 : 6);
+    if (field + 2 > size) {
+        return false;
+    }
+    Put16(data + field, 0);
+    pseudo += static_cast<std::uint32_t>(length) + *s.protocol;
+    std::uint16_t checksum = Fold(Sum(data + offset, length, pseudo));
+    if (checksum == 0 && *s.protocol == 17) {
+        checksum = 0xFFFF;  // 0 means "no checksum" in UDP
+    }
+    Put16(data + field, checksum);
+    return true;
+}
 
 PacketSummary Summarize(const std::uint8_t* data, std::size_t size) {
     PacketSummary s;

@@ -22,4 +22,12 @@ struct PacketSummary {
 // leaves the fields it would need absent.
 PacketSummary Summarize(const std::uint8_t* data, std::size_t size);
 
+// FillChecksums writes the IPv4 header checksum and the TCP or UDP checksum
+// of a whole (unfragmented) packet. A payload handed back with a verdict
+// replaces the kernel's copy, whose checksum may still have been left to the
+// sending device (veth, offload): the receiver would drop it. Returns false,
+// changing nothing, for what it cannot check (other protocols, fragments,
+// truncated data).
+bool FillChecksums(std::uint8_t* data, std::size_t size);
+
 }  // namespace nti::host
