@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <deque>
@@ -117,8 +118,9 @@ public:
         : m_facade(facade), m_event(event), m_final(final), m_thread([this] { Run(); }) {}
     ~Delayed() { Flush(); }
 
-    // Add copies what the verdict needs; the payload only when it goes back.
-    void Add(const Packet& packet, std::chrono::steady_clock::time_point due) {
+    // Add copies what the verdict needs (the payload only when it goes
+    // back); false once flushed, when the caller answers at once.
+    bool Add(const Packet& packet, std::chrono::steady_clock::time_point due) {
         Entry e{due, packet, {}};
         if (packet.payloadChanged) {
             e.payload.assign(packet.payloadBegin, packet.payloadEnd);
@@ -127,9 +129,13 @@ public:
         e.packet.payloadEnd = nullptr;
         {
             std::lock_guard lock(m_mutex);
+            if (m_flush) {
+                return false;
+            }
             m_entries.push_back(std::move(e));
         }
         m_wake.notify_one();
+        return true;
     }
 
     // Flush answers everything still held at once and ends the thread.
@@ -225,11 +231,11 @@ public:
         }
         verdict = m_settings.verdict.verdict;
         Delayed* delayed = m_delayed.load();
-        if (verdict == Verdict::LATER && delayed != nullptr) {
-            delayed->Add(packet, std::chrono::steady_clock::now() +
-                                     std::chrono::milliseconds(m_settings.verdict.laterMs));
-        } else if (verdict == Verdict::LATER) {
-            verdict = Verdict::ALLOW;
+        if (verdict == Verdict::LATER &&
+            (delayed == nullptr ||
+             !delayed->Add(packet, std::chrono::steady_clock::now() +
+                                       std::chrono::milliseconds(m_settings.verdict.laterMs)))) {
+            verdict = Verdict::ALLOW;  // stopping: nobody would answer later
         }
         ++m_verdicts[static_cast<std::size_t>(verdict)];
         if (!m_settings.quiet) {
@@ -426,6 +432,10 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
 
     // Signals arrive through a descriptor; every thread started from here on
     // inherits the mask.
+    // A shell starts background jobs with SIGINT ignored; an ignored signal
+    // never reaches the descriptor.
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
