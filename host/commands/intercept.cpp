@@ -49,6 +49,7 @@ struct InterceptOptions {
     bool quiet = false;
     std::string verdict = "allow";
     std::optional<std::uint32_t> mark;
+    std::string rewrite;
     std::uint64_t count = 0;
     double duration = 0;
     std::string queueRange = "1000-1999";
@@ -206,6 +207,7 @@ public:
     struct Settings {
         VerdictChoice verdict;
         std::optional<std::uint32_t> mark;
+        std::string rewrite;  // written over the start of UDP payloads
         bool json = false;
         bool quiet = false;
         std::uint64_t count = 0;
@@ -222,12 +224,18 @@ public:
     qor::result_t OnPacketReceived(Packet& packet, Verdict& verdict) noexcept override {
         const std::uint32_t queue = packet.queue <= 2 ? packet.queue : 0;
         ++m_perQueue[queue];
+        const bool rewritten = !m_settings.rewrite.empty() && RewriteUdp(packet);
         if (m_settings.mark) {
             // The mark goes back only with the payload.
             packet.payloadChanged = true;
             packet.mark = *m_settings.mark;
+        }
+        if (packet.payloadChanged) {
             FillChecksums(packet.payloadBegin,
                           static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin));
+        }
+        if (rewritten) {
+            ++m_rewritten;
         }
         verdict = m_settings.verdict.verdict;
         Delayed* delayed = m_delayed.load();
@@ -254,7 +262,27 @@ public:
     std::uint64_t PerQueue(std::uint32_t queue) const { return m_perQueue[queue]; }
     std::uint64_t Verdicts(Verdict v) const { return m_verdicts[static_cast<std::size_t>(v)]; }
 
+    std::uint64_t Rewritten() const { return m_rewritten; }
+
 private:
+    // RewriteUdp writes the rewrite text over the start of a UDP payload,
+    // never past its end.
+    bool RewriteUdp(Packet& packet) {
+        const auto size = static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin);
+        const PacketSummary s = Summarize(packet.payloadBegin, size);
+        if (s.protocol != 17 || !s.sourcePort || s.fragment) {
+            return false;
+        }
+        const std::size_t start = s.transportOffset + 8;
+        const std::size_t n = std::min(m_settings.rewrite.size(), size - std::min(size, start));
+        if (n == 0) {
+            return false;
+        }
+        std::copy_n(m_settings.rewrite.begin(), n, packet.payloadBegin + start);
+        packet.payloadChanged = true;
+        return true;
+    }
+
     void Print(const Packet& packet, std::uint32_t queue, Verdict verdict) {
         const std::size_t length =
             static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin);
@@ -310,6 +338,7 @@ private:
     std::atomic<Delayed*> m_delayed{nullptr};
     InterfaceNames m_names;
     std::atomic<std::uint64_t> m_seen{0};
+    std::atomic<std::uint64_t> m_rewritten{0};
     std::array<std::atomic<std::uint64_t>, 3> m_perQueue{};
     std::array<std::atomic<std::uint64_t>, 4> m_verdicts{};
 };
@@ -370,7 +399,7 @@ void PrintSummary(const Consumer& consumer, const std::vector<QueueStats>& kerne
     if (json) {
         std::printf(
             "{\"summary\":{\"reason\":\"%s\",\"packets\":%llu,\"queueIn\":%llu,\"queueOut\":%llu,"
-            "\"allow\":%llu,\"drop\":%llu,\"repeat\":%llu,\"later\":%llu,"
+            "\"allow\":%llu,\"drop\":%llu,\"repeat\":%llu,\"later\":%llu,\"rewritten\":%llu,"
             "\"kernel\":[{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u},"
             "{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u}]}}\n",
             reason, static_cast<unsigned long long>(consumer.Seen()),
@@ -379,20 +408,21 @@ void PrintSummary(const Consumer& consumer, const std::vector<QueueStats>& kerne
             static_cast<unsigned long long>(consumer.Verdicts(Verdict::ALLOW)),
             static_cast<unsigned long long>(consumer.Verdicts(Verdict::DROP)),
             static_cast<unsigned long long>(consumer.Verdicts(Verdict::REPEAT)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)), in.queue,
-            in.queueDropped, in.userDropped, in.waiting, out.queue, out.queueDropped,
-            out.userDropped, out.waiting);
+            static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)),
+            static_cast<unsigned long long>(consumer.Rewritten()), in.queue, in.queueDropped,
+            in.userDropped, in.waiting, out.queue, out.queueDropped, out.userDropped, out.waiting);
     } else {
         std::printf("stopped by %s\n", reason);
         std::printf("packets: %llu (queue in %u: %llu, queue out %u: %llu)\n",
                     static_cast<unsigned long long>(consumer.Seen()), in.queue,
                     static_cast<unsigned long long>(consumer.PerQueue(1)), out.queue,
                     static_cast<unsigned long long>(consumer.PerQueue(2)));
-        std::printf("verdicts: allow %llu, drop %llu, repeat %llu, later %llu\n",
+        std::printf("verdicts: allow %llu, drop %llu, repeat %llu, later %llu; rewritten %llu\n",
                     static_cast<unsigned long long>(consumer.Verdicts(Verdict::ALLOW)),
                     static_cast<unsigned long long>(consumer.Verdicts(Verdict::DROP)),
                     static_cast<unsigned long long>(consumer.Verdicts(Verdict::REPEAT)),
-                    static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)));
+                    static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)),
+                    static_cast<unsigned long long>(consumer.Rewritten()));
         for (const QueueStats& s : {in, out}) {
             std::printf("kernel queue %u: queue dropped %u, user dropped %u, waiting %u\n", s.queue,
                         s.queueDropped, s.userDropped, s.waiting);
@@ -475,6 +505,7 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
     Consumer::Settings settings;
     settings.verdict = *ParseVerdict(o.verdict);
     settings.mark = o.mark;
+    settings.rewrite = o.rewrite;
     settings.json = o.json;
     settings.quiet = o.quiet;
     settings.count = o.count;
@@ -568,6 +599,8 @@ CommandRunner AddInterceptCommand(CLI::App& app) {
         ->capture_default_str()
         ->check(Accepts("a verdict", ParseVerdict));
     sub->add_option("--mark", o.mark, "Give every packet this mark with its verdict");
+    sub->add_option("--rewrite-udp-payload", o.rewrite,
+                    "Write this text over the start of every UDP payload (checksums refilled)");
     sub->add_option("--count", o.count, "Stop after this many packets")
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 62));
     sub->add_option("--duration", o.duration, "Stop after this many seconds")

@@ -47,44 +47,31 @@ void Put16(std::uint8_t* p, std::uint16_t v) {
 
 bool FillChecksums(std::uint8_t* data, std::size_t size) {
     const PacketSummary s = Summarize(data, size);
-    if (s.version == 0 || !s.sourcePort || (*s.protocol != 6 && *s.protocol != 17)) {
+    if (!s.sourcePort || s.fragment || (*s.protocol != 6 && *s.protocol != 17)) {
         return false;
     }
-    std::size_t offset = 0;
+    const std::size_t field = s.transportOffset + (*s.protocol == 6 ? 16 : 6);
+    if (field + 2 > size) {
+        return false;
+    }
     std::uint32_t pseudo = 0;
     if (s.version == 4) {
-        offset = (data[0] & 0x0Fu) * 4u;
-        const std::size_t total = Be16(data + 2);
-        if ((Be16(data + 6) & 0x3FFFu) != 0 || total != size) {
-            return false;  // a fragment, or padding we cannot judge
+        if (Be16(data + 2) != size) {
+            return false;  // padding or truncation we cannot judge
         }
         Put16(data + 10, 0);
-        Put16(data + 10, Fold(Sum(data, offset)));
+        Put16(data + 10, Fold(Sum(data, s.transportOffset)));
         pseudo = Sum(data + 12, 8);
     } else {
         if (std::size_t{Be16(data + 4)} + 40 != size) {
             return false;
         }
-        // The transport header is where Summarize found the ports: walk again.
-        std::uint8_t next = data[6];
-        offset = 40;
-        while (next != *s.protocol) {
-            if (next == 44) {
-                return false;
-            }
-            next = data[offset];
-            offset += (std::size_t{data[offset + 1]} + 1) * 8;
-        }
         pseudo = Sum(data + 8, 32);
     }
-    const std::size_t length = size - offset;
-    const std::size_t field = offset + (*s.protocol == 6 ? 16 : 6);
-    if (field + 2 > size) {
-        return false;
-    }
+    const std::size_t length = size - s.transportOffset;
     Put16(data + field, 0);
     pseudo += static_cast<std::uint32_t>(length) + *s.protocol;
-    std::uint16_t checksum = Fold(Sum(data + offset, length, pseudo));
+    std::uint16_t checksum = Fold(Sum(data + s.transportOffset, length, pseudo));
     if (checksum == 0 && *s.protocol == 17) {
         checksum = 0xFFFF;  // 0 means "no checksum" in UDP
     }
@@ -105,6 +92,7 @@ PacketSummary Summarize(const std::uint8_t* data, std::size_t size) {
         s.source = AddressText(AF_INET, data + 12);
         s.destination = AddressText(AF_INET, data + 16);
         // Only the first fragment carries the ports.
+        s.fragment = (Be16(data + 6) & 0x3FFFu) != 0;
         if ((Be16(data + 6) & 0x1FFFu) != 0) {
             return s;
         }
@@ -124,6 +112,7 @@ PacketSummary Summarize(const std::uint8_t* data, std::size_t size) {
             next = following;
         }
         if (next == 44) {  // fragment: ports only in the first one
+            s.fragment = true;
             if (offset + 8 > size || (Be16(data + offset + 2) & 0xFFF8u) != 0) {
                 return s;
             }
@@ -138,6 +127,7 @@ PacketSummary Summarize(const std::uint8_t* data, std::size_t size) {
     if ((p == 6 || p == 17 || p == 132 || p == 136) && offset + 4 <= size) {
         s.sourcePort = Be16(data + offset);
         s.destinationPort = Be16(data + offset + 2);
+        s.transportOffset = offset;
     }
     return s;
 }

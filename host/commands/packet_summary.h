@@ -15,6 +15,8 @@ struct PacketSummary {
     std::optional<std::uint8_t> protocol;  // after IPv6 extension headers
     std::optional<std::uint16_t> sourcePort;
     std::optional<std::uint16_t> destinationPort;
+    std::size_t transportOffset = 0;  // start of the header that has the ports
+    bool fragment = false;            // one piece of a fragmented packet
 };
 
 // Summarize reads the IPv4 or IPv6 header (skipping IPv6 extension headers)

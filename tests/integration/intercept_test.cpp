@@ -187,6 +187,30 @@ TEST_F(InterceptTest, MarkGivenWithTheVerdictIsSeenByLaterRules) {
     EXPECT_EQ(Count(nti->OutputLines(), {"\"mark\":66"}), 3u);
 }
 
+TEST_F(InterceptTest, RewrittenUdpPayloadReachesTheReceiverChanged) {
+    auto sink4 = Sink(5000);
+    auto sink6 = Sink(5000, AF_INET6);
+    auto sender4 = Sender();
+    auto sender6 = Sender(AF_INET6);
+    auto nti = StartNti(
+        {"--proto", "udp", "--local-port", "5000", "--rewrite-udp-payload", "HELLO", "--json"});
+    for (auto [sender, sink, address] :
+         {std::tuple{sender4.get(), sink4.get(), NetnsPair::kDut4},
+          std::tuple{sender6.get(), sink6.get(), NetnsPair::kDut6}}) {
+        SCOPED_TRACE(address);
+        ASSERT_TRUE(sender->SendTo(address, 5000, "hello world"));
+        std::string payload;
+        ASSERT_TRUE(sink->Receive(payload, 1000ms));
+        EXPECT_EQ(payload, "HELLO world");
+        // Shorter than the text: only the payload's own bytes change.
+        ASSERT_TRUE(sender->SendTo(address, 5000, "hi"));
+        ASSERT_TRUE(sink->Receive(payload, 1000ms));
+        EXPECT_EQ(payload, "HE");
+    }
+    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
+    EXPECT_EQ(Count(nti->OutputLines(), {"\"summary\"", "\"rewritten\":4,"}), 1u);
+}
+
 TEST_F(InterceptTest, Ipv6TrafficIsInterceptedToo) {
     auto sink = Sink(5000, AF_INET6);
     auto sender = Sender(AF_INET6);
