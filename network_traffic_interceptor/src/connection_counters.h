@@ -19,10 +19,9 @@ public:
     qor::result_t RegisterCollector(std::uint32_t id,
                                     system_interceptors::net::statistics::PeriodAlignment alignment,
                                     std::uint32_t period) noexcept override;
-    qor::result_t ReadCounters(
-        std::uint32_t id,
-        std::vector<system_interceptors::net::statistics::IntervalCounters>& counters) noexcept
-        override;
+    qor::result_t ReadCounters(std::uint32_t id,
+                               std::vector<system_interceptors::net::statistics::IntervalCounters>&
+                                   counters) noexcept override;
     qor::result_t UnregisterCollector(std::uint32_t id) noexcept override;
 };
 
