@@ -84,6 +84,16 @@ NetnsPair::NetnsPair(const std::string& purpose) {
             return;
         }
     }
+    // Both families answer before a test starts: neighbour entries are
+    // resolved and the IPv6 link routes are in.
+    for (const char* address : {kDut4, kDut6}) {
+        int tries = 0;
+        while (RunIn(m_gen, {"ping", "-c", "1", "-W", "1", address}) != 0) {
+            if (++tries == 5) {
+                return;
+            }
+        }
+    }
     m_ok = true;
 }
 
