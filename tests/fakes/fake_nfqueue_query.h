@@ -1,4 +1,5 @@
-// FakeNfqueueQuery hands out a fixed queue number, or fails.
+// FakeNfqueueQuery hands out consecutive queue numbers from a set first
+// one on, the way the host reserves them, or fails.
 #pragma once
 
 #include <atomic>
@@ -20,7 +21,7 @@ public:
         if (!QOR_SUCCEEDED(m_result)) {
             return m_result;
         }
-        *queueNum = m_first;
+        *queueNum = m_first.fetch_add(static_cast<std::uint16_t>(count));
         return m_result;
     }
 
