@@ -272,12 +272,16 @@ TEST_F(InterceptTest, StopUnderTrafficLeavesNoRuleAndNoBoundQueue) {
 }
 
 TEST_F(InterceptTest, RulesOfAKilledRunAreRemovedByTheNextStart) {
+    auto sink = Sink(5000);
+    auto sender = Sender();
     auto killed = StartNti({"--tag", "stale", "--proto", "udp"});
     killed->Signal(SIGKILL);
     ASSERT_EQ(killed->Wait(5s), 128 + SIGKILL);
     for (const char* save : {"iptables-save", "ip6tables-save"}) {
         ASSERT_NE(DutSave(save).find(":stale\""), std::string::npos) << save;
     }
+    // Fail-open: with nobody on the queue the stale rule lets traffic pass.
+    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 2), 2);
     auto next = StartNti({"--tag", "fresh", "--proto", "udp"});
     for (const char* save : {"iptables-save", "ip6tables-save"}) {
         const std::string text = DutSave(save);
@@ -286,6 +290,17 @@ TEST_F(InterceptTest, RulesOfAKilledRunAreRemovedByTheNextStart) {
     }
     ASSERT_EQ(Stop(*next), 0) << next->Error();
     EXPECT_EQ(DutSave("iptables-save").find("\"nti:"), std::string::npos);
+}
+
+TEST_F(InterceptTest, FailClosedRulesDropWhileNobodyReadsTheQueue) {
+    auto sink = Sink(5000);
+    auto sender = Sender();
+    auto killed = StartNti({"--fail-closed", "--proto", "udp", "--local-port", "5000"});
+    const std::string rules = DutSave("iptables-save");
+    EXPECT_NE(rules.find("-j NFQUEUE --queue-num 1000\n"), std::string::npos) << rules;
+    killed->Signal(SIGKILL);
+    ASSERT_EQ(killed->Wait(5s), 128 + SIGKILL);
+    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 2, 500ms), 0);
 }
 
 TEST_F(InterceptTest, WrongArgumentsExitWithUsageAndTouchNothing) {
