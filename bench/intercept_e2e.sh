@@ -6,7 +6,8 @@
 #   peer    NFQUEUE rule + bench/nfq_peer (libnetfilter_queue, immediate accept)
 #   nti     nti intercept --verdict allow --quiet (its own rule)
 # The consumer is pinned to CONSUMER_CPU, generator and sink to TRAFFIC_CPU.
-# Prints one line per run and the medians. Background jobs are started with
+# Prints one line per run and the medians (all columns of the table are
+# medians over the rounds). Background jobs are started with
 # `ip netns exec` directly so that $! is the program itself (ip and taskset
 # exec into it) and SIGTERM reaches it.
 #
@@ -121,8 +122,8 @@ done
 
 median() { sort -n | awk '{v[NR]=$1} END {print (NR%2) ? v[(NR+1)/2] : int((v[NR/2]+v[NR/2+1])/2)}'; }
 echo
-echo "| path | delivered pps (median) | vs kernel | vs peer | queue/user/sink drops (median) |"
-echo "|---|---|---|---|---|"
+echo "| path | offered pps | delivered pps | vs kernel | vs peer | queue/user/sink drops per run |"
+echo "|---|---|---|---|---|---|"
 declare -A pps
 for path in kernel peer nti; do
   pps[$path]=$(awk -v p="$path" -v s="$RUN_SECONDS" '$1 == p {print int($3 / s)}' "$WORK/results" | median)
@@ -131,6 +132,7 @@ for path in kernel peer nti; do
   qd=$(awk -v p="$path" '$1 == p {print $4}' "$WORK/results" | median)
   ud=$(awk -v p="$path" '$1 == p {print $5}' "$WORK/results" | median)
   sd=$(awk -v p="$path" '$1 == p {print $6}' "$WORK/results" | median)
-  printf '| %s | %s | %.2f | %.2f | %s/%s/%s |\n' "$path" "${pps[$path]}" \
+  offered=$(awk -v p="$path" -v s="$RUN_SECONDS" '$1 == p {print int($2 / s)}' "$WORK/results" | median)
+  printf '| %s | %s | %s | %.2f | %.2f | %s/%s/%s |\n' "$path" "$offered" "${pps[$path]}" \
     "$(echo "${pps[$path]} / ${pps[kernel]}" | bc -l)" "$(echo "${pps[$path]} / ${pps[peer]}" | bc -l)" "$qd" "$ud" "$sd"
 done
