@@ -148,8 +148,8 @@ qor::result_t RenderQueueRule(const QueueRule& rule, IpFamily family, std::strin
     if (!local || !remote) {
         return kInvalid;
     }
-    std::optional<std::string> localPort = PortText(rule.localPorts);
-    std::optional<std::string> remotePort = PortText(rule.remotePorts);
+    const std::optional<std::string> localPort = PortText(rule.localPorts);
+    const std::optional<std::string> remotePort = PortText(rule.remotePorts);
     if (!localPort || !remotePort) {
         return kInvalid;
     }
@@ -177,13 +177,11 @@ qor::result_t RenderQueueRule(const QueueRule& rule, IpFamily family, std::strin
     }
     if (ports) {
         s += " -m " + ProtocolText(rule.protocol);
-        const PortRange& sourcePorts = outbound ? rule.localPorts : rule.remotePorts;
-        const PortRange& destinationPorts = outbound ? rule.remotePorts : rule.localPorts;
-        if (!IsAny(sourcePorts)) {
-            s += " --sport " + *PortText(sourcePorts);
+        if (!IsAny(outbound ? rule.localPorts : rule.remotePorts)) {
+            s += " --sport " + (outbound ? *localPort : *remotePort);
         }
-        if (!IsAny(destinationPorts)) {
-            s += " --dport " + *PortText(destinationPorts);
+        if (!IsAny(outbound ? rule.remotePorts : rule.localPorts)) {
+            s += " --dport " + (outbound ? *remotePort : *localPort);
         }
     }
     s += CommentMatch(comment);
