@@ -83,6 +83,10 @@ bool EventFdAvailable() noexcept {
 }
 
 EventFdDescriptorNotifier::EventFdDescriptorNotifier(bool blocking) {
+    if (!g_eventFdAvailable) {
+        // Only reachable by building this class directly on such a C library.
+        ThrowSystemError(ENOSYS, "Creation of eventfd failed", kEventFdConstructor, __LINE__);
+    }
     m_fds[0] = ::eventfd(0, blocking ? 0 : EFD_NONBLOCK | EFD_CLOEXEC);
     if (m_fds[0] < 0 && errno != 0) {
         ThrowSystemError(errno, "Creation of eventfd failed", kEventFdConstructor, __LINE__);

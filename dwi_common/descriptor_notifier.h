@@ -52,8 +52,8 @@ public:
     // A non-blocking notifier's eventfd is EFD_NONBLOCK | EFD_CLOEXEC; a
     // blocking one has neither, so Reset waits for a Notify. Throws
     // DescriptorNotifierError ("Creation of eventfd failed") when eventfd
-    // fails with errno set; a failure without errno keeps the negative
-    // descriptor.
+    // fails with errno set (ENOSYS when the C library has no eventfd); a
+    // failure without errno keeps the negative descriptor.
     explicit EventFdDescriptorNotifier(bool blocking);
     ~EventFdDescriptorNotifier();
 

@@ -71,20 +71,59 @@ TraceRecord& operator<<(TraceRecord& r, HexDump dump) noexcept {
 // message. libmnl's walk stops quietly at an attribute that overruns the
 // message; such a message is broken, not short.
 bool AttributesFillMessage(const nlmsghdr* nlh) noexcept {
+    // The same steps as mnl_attr_ok and mnl_attr_next, inline: this runs for
+    // every message.
     const auto* tail = static_cast<const char*>(mnl_nlmsg_get_payload_tail(nlh));
     const auto* attr =
-        static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(nlh, sizeof(nfgenmsg)));
-    while (mnl_attr_ok(attr, static_cast<int>(tail - reinterpret_cast<const char*>(attr)))) {
-        attr = mnl_attr_next(attr);
+        static_cast<const char*>(mnl_nlmsg_get_payload_offset(nlh, sizeof(nfgenmsg)));
+    while (tail - attr >= static_cast<std::ptrdiff_t>(sizeof(nlattr))) {
+        const std::uint16_t length = reinterpret_cast<const nlattr*>(attr)->nla_len;
+        if (length < sizeof(nlattr) || length > tail - attr) {
+            return false;
+        }
+        attr += MNL_ALIGN(length);
     }
-    return tail - reinterpret_cast<const char*>(attr) <= 0;
+    return tail - attr <= 0;
+}
+
+// WalkableLength is how much of `buf` mnl_cb_run may walk. libmnl compares a
+// message length as int, so a length with bit 31 set passes its check and
+// moves the walk far beyond the buffer; the buffer ends before such a
+// message. Any other bad length is left to libmnl, which stops there itself.
+std::size_t WalkableLength(const void* buf, std::size_t numBytes) noexcept {
+    std::size_t offset = 0;
+    while (numBytes - offset >= sizeof(nlmsghdr)) {
+        const auto* nlh = reinterpret_cast<const nlmsghdr*>(static_cast<const char*>(buf) + offset);
+        if (nlh->nlmsg_len > INT32_MAX) {
+            return offset;
+        }
+        if (nlh->nlmsg_len < sizeof(nlmsghdr) || nlh->nlmsg_len > numBytes - offset) {
+            break;
+        }
+        offset += std::min<std::size_t>(MNL_ALIGN(nlh->nlmsg_len), numBytes - offset);
+    }
+    return numBytes;
 }
 
 }  // namespace
 
 MnlParser::MnlParser(qor::ITracer* tracer, Callback callback, std::optional<unsigned long> maxType,
                      const Checker* checker)
-    : m_tracer(tracer), m_callback(std::move(callback)), m_maxType(maxType), m_checker(checker) {}
+    : m_tracer(tracer), m_callback(std::move(callback)), m_maxType(maxType), m_checker(checker) {
+    if (m_checker == nullptr || !m_maxType) {
+        return;
+    }
+    const long maxChecked = static_cast<long>(std::min<unsigned long>(*m_maxType, UINT16_MAX));
+    for (const auto& [type, check] : *m_checker) {
+        if (type < 0 || type > maxChecked) {
+            continue;  // never looked up: the type is skipped or impossible
+        }
+        if (static_cast<std::size_t>(type) >= m_checks.size()) {
+            m_checks.resize(type + 1, nullptr);
+        }
+        m_checks[type] = &check;
+    }
+}
 
 int MnlParser::Parse(const void* buf, std::size_t numBytes, unsigned int seq,
                      unsigned int portId) const {
@@ -93,7 +132,8 @@ int MnlParser::Parse(const void* buf, std::size_t numBytes, unsigned int seq,
         << " numBytes=" << numBytes << " seq=" << seq << " portId=" << portId << " bufDump:\n"
         << HexDump{buf, numBytes};
     const mnl_cb_t step = m_callback ? &MnlParser::MessageStep : nullptr;
-    return mnl_cb_run(buf, numBytes, seq, portId, step, const_cast<MnlParser*>(this));
+    return mnl_cb_run(buf, WalkableLength(buf, numBytes), seq, portId, step,
+                      const_cast<MnlParser*>(this));
 }
 
 int MnlParser::MessageStep(const nlmsghdr* nlh, void* data) noexcept {
@@ -132,13 +172,13 @@ int MnlParser::ParseAttribute(const nlattr** table, const nlattr* attr) const {
         return MNL_CB_OK;
     }
     const std::uint16_t type = mnl_attr_get_type(attr);
-    if (m_checker == nullptr) {
+    const Checker::mapped_type* check = type < m_checks.size() ? m_checks[type] : nullptr;
+    if (check == nullptr) {
         table[type] = attr;
         return MNL_CB_OK;
     }
     try {
-        const auto it = m_checker->find(type);
-        if (it == m_checker->end() || it->second(attr) >= 0) {
+        if ((*check)(attr) >= 0) {
             table[type] = attr;
             return MNL_CB_OK;
         }

@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 #include <unordered_map>
+#include <vector>
 
 #include "qor/trace/tracer.h"
 
@@ -25,7 +26,8 @@ public:
     // rejects the attribute (and the whole message).
     using Checker = std::unordered_map<int, std::function<int(const nlattr*)>>;
 
-    // The tracer and checker are not owned; the checker must outlive the parser.
+    // The tracer and checker are not owned; the checker must outlive the
+    // parser and keep its entries unchanged while the parser lives.
     MnlParser(qor::ITracer* tracer, Callback callback, std::optional<unsigned long> maxType,
               const Checker* checker);
 
@@ -33,7 +35,8 @@ public:
     // one returns 0 or less; returns what mnl_cb_run returns: -1 when a
     // callback, a checker or the attribute walk failed (traced), and -1 with
     // errno set for libmnl's own failures, such as an NLMSG_ERROR message or a
-    // sequence or port mismatch. Never throws.
+    // sequence or port mismatch. A message that the end of the buffer cuts
+    // short ends the walk quietly, as libmnl does. Never throws.
     int Parse(const void* buf, std::size_t numBytes, unsigned int seq, unsigned int portId) const;
 
     // ParseAttribute is the per-attribute step (libmnl callback convention):
@@ -50,6 +53,10 @@ private:
     Callback m_callback;
     std::optional<unsigned long> m_maxType;
     const Checker* m_checker;
+    // m_checks indexes m_checker's entries by attribute type up to the
+    // highest checked type: one hash lookup per attribute costs more than
+    // the rest of the walk.
+    std::vector<const Checker::mapped_type*> m_checks;
 };
 
 }  // namespace dwi::tools

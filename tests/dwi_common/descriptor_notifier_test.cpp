@@ -12,12 +12,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <boost/exception/get_error_info.hpp>
+#include <boost/exception/info.hpp>
 
 namespace {
 
@@ -176,52 +179,89 @@ int CountOpenDescriptors(int limit) {
     return count;
 }
 
-// ExhaustAndConstruct runs in a child: it leaves `free` descriptors of a
-// small table, constructs, and reports every mismatch on stderr.
+// ExpectEmfile reports on stderr how `e` differs from the EMFILE error of
+// Notifier's construction; returns the number of differences.
 template <class Notifier>
-int ExhaustAndConstruct(int free) {
-    constexpr int kLimit = 64;
-    rlimit limit{kLimit, kLimit};
-    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return 100;
-    }
-    while (::open("/dev/null", O_RDONLY) != -1) {
-    }
-    for (int fd = kLimit - 1; fd >= 0 && free > 0; --fd) {
-        free -= ::close(fd) == 0;
-    }
-    const int before = CountOpenDescriptors(kLimit);
+int ExpectEmfile(const std::system_error& e) {
     int failures = 0;
     auto fail = [&](const std::string& what) {
         std::fprintf(stderr, "%s\n", what.c_str());
         ++failures;
     };
+    if (e.code() != std::error_code(EMFILE, std::generic_category())) {
+        fail("code " + e.code().message());
+    }
+    const std::string expected =
+        std::string(Traits<Notifier>::kMessage) + ": " + std::strerror(EMFILE);
+    if (e.what() != expected) {
+        fail(std::string("what ") + e.what());
+    }
+    const auto* info = dynamic_cast<const boost::exception*>(&e);
+    const char* const* function =
+        info != nullptr ? boost::get_error_info<boost::throw_function>(*info) : nullptr;
+    const char* const* file =
+        info != nullptr ? boost::get_error_info<boost::throw_file>(*info) : nullptr;
+    if (function == nullptr || std::string(*function) != Traits<Notifier>::kFunction) {
+        fail("function");
+    }
+    if (file == nullptr || std::string(*file) != "dwi_common/descriptor_notifier") {
+        fail("file");
+    }
+    return failures;
+}
+
+// ExhaustAndConstruct runs in a child: it leaves `free` descriptors of a
+// small table, constructs, and reports every mismatch on stderr.
+template <class Notifier>
+int ExhaustAndConstruct(int free) {
+    constexpr int kLimit = 64;
+    // The sanitizers check dynamic types through a pipe of their own; with
+    // the table full they cannot, so their type cache is filled beforehand.
+    ExpectEmfile<Notifier>(DescriptorNotifierError(std::error_code(EMFILE, std::generic_category()),
+                                                   Traits<Notifier>::kMessage)
+                           << boost::throw_function(Traits<Notifier>::kFunction)
+                           << boost::throw_file("dwi_common/descriptor_notifier")
+                           << boost::throw_line(1));
+    rlimit limit{kLimit, kLimit};
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return 100;
+    }
+    std::vector<int> fillers;
+    fillers.reserve(kLimit);
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY)) != -1;) {
+        fillers.push_back(fd);
+    }
+    for (; free > 0 && !fillers.empty(); --free) {
+        ::close(fillers.back());
+        fillers.pop_back();
+    }
+    const int before = CountOpenDescriptors(kLimit);
+    std::exception_ptr error;
     try {
         Notifier n(false);
+    } catch (...) {
+        error = std::current_exception();
+    }
+    const int after = CountOpenDescriptors(kLimit);
+    // The sanitizers need descriptors of their own to inspect the exception.
+    for (const int fd : fillers) {
+        ::close(fd);
+    }
+    int failures = 0;
+    auto fail = [&](const std::string& what) {
+        std::fprintf(stderr, "%s\n", what.c_str());
+        ++failures;
+    };
+    if (after != before) {
+        fail("leaked");
+    }
+    try {
+        if (error) {
+            std::rethrow_exception(error);
+        }
         fail("constructed");
     } catch (const std::system_error& e) {
-        if (e.code() != std::error_code(EMFILE, std::generic_category())) {
-            fail("code " + e.code().message());
-        }
-        const std::string expected =
-            std::string(Traits<Notifier>::kMessage) + ": " + std::strerror(EMFILE);
-        if (e.what() != expected) {
-            fail(std::string("what ") + e.what());
-        }
-        const auto* info = dynamic_cast<const boost::exception*>(&e);
-        const char* const* function =
-            info != nullptr ? boost::get_error_info<boost::throw_function>(*info) : nullptr;
-        const char* const* file =
-            info != nullptr ? boost::get_error_info<boost::throw_file>(*info) : nullptr;
-        if (function == nullptr || std::string(*function) != Traits<Notifier>::kFunction) {
-            fail("function");
-        }
-        if (file == nullptr || std::string(*file) != "dwi_common/descriptor_notifier") {
-            fail("file");
-        }
-    }
-    if (CountOpenDescriptors(kLimit) != before) {
-        fail("leaked");
+        failures += ExpectEmfile<Notifier>(e);
     }
     return failures;
 }

@@ -280,6 +280,21 @@ INSTANTIATE_TEST_SUITE_P(Replies, MnlParserSequenceTest,
                                            SequenceCase{"Error", MNL_CB_ERROR, -1, {1}}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+TEST_F(MnlParserTest, LengthWithTopBitSetEndsTheBuffer) {
+    std::vector<char> buf;
+    Message first;
+    first.Header()->nlmsg_seq = 1;
+    first.U32(NFQA_MARK, 1).AppendTo(buf);
+    const std::size_t second = buf.size();
+    Message().U32(NFQA_MARK, 2).AppendTo(buf);
+    Message().U32(NFQA_MARK, 3).AppendTo(buf);
+    // libmnl reads this length as a negative int and would leave the buffer.
+    reinterpret_cast<nlmsghdr*>(buf.data() + second)->nlmsg_len = 0x80000014;
+    MnlParser parser(m_tracer.Get(), Recorder(), kNfqueueMaxAttribute, &NfqueueAttributeChecker());
+    EXPECT_EQ(parser.Parse(buf.data(), buf.size(), 0, 0), MNL_CB_OK);
+    EXPECT_EQ(m_seqs, std::vector<std::uint32_t>{1});
+}
+
 TEST_F(MnlParserTest, ThrowingCallbackIsContained) {
     std::vector<char> buf;
     Message().U32(NFQA_MARK, 1).AppendTo(buf);

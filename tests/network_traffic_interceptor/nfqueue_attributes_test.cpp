@@ -4,6 +4,7 @@
 #include <linux/netfilter/nfnetlink_queue.h>
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -48,7 +49,8 @@ INSTANTIATE_TEST_SUITE_P(Types, NfqueueAttributeCheckTest,
                                            CheckCase{NFQA_IFINDEX_OUTDEV, 4},
                                            CheckCase{NFQA_IFINDEX_PHYSINDEV, 4},
                                            CheckCase{NFQA_IFINDEX_PHYSOUTDEV, 4},
-                                           CheckCase{NFQA_HWADDR, 12}));
+                                           CheckCase{NFQA_HWADDR, 12}),
+                         [](const auto& info) { return "Type" + std::to_string(info.param.type); });
 
 TEST(NfqueueAttributeCheckerTest, HeaderAndPayloadGoUnchecked) {
     const auto& checker = NfqueueAttributeChecker();
