@@ -76,6 +76,10 @@ qor::result_t ThreadRunnable::Join() noexcept {
         }
         handle = m_handle;
     }
+    // Asked before pthread_join: not every runtime survives a self-join.
+    if (pthread_equal(handle, pthread_self()) != 0) {
+        return qor::ErrnoToResult(EDEADLK);
+    }
     const int error = pthread_join(handle, nullptr);
     if (error != 0) {
         return qor::ErrnoToResult(error);

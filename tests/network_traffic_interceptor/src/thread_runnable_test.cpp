@@ -24,6 +24,7 @@ struct Worker {
         joined = true;
         while (!released.load()) {
         }
+        done = true;
         return 0;
     }
 
@@ -31,6 +32,7 @@ struct Worker {
     std::atomic<qor::result_t> selfJoin{0};
     std::atomic<bool> joined{false};
     std::atomic<bool> released{false};
+    std::atomic<bool> done{false};
 };
 
 TEST(ThreadRunnableTest, JoinGivesTheBodysResultOnce) {
@@ -57,6 +59,8 @@ TEST(ThreadRunnableTest, SelfJoinFailsAndTheDetachedThreadFreesItself) {
     EXPECT_FALSE(thread->Joinable());
     thread.reset();
     worker.released = true;
+    // The worker lives on this stack: its last use must be seen ending.
+    ASSERT_TRUE(nti::test::Eventually([&] { return worker.done.load(); }));
     // The thread frees its object on the way out; the sanitizers watch that.
     EXPECT_TRUE(nti::test::Eventually([] { return nti::test::CountThreads("nfqTestSelf") == 0; }));
 }
