@@ -29,15 +29,23 @@ public:
     MnlParser(qor::ITracer* tracer, Callback callback, std::optional<unsigned long> maxType,
               const Checker* checker);
 
-    // Parse runs every message of `buf` through the callback; returns what
-    // mnl_cb_run returns (-1 with errno set for libmnl's own failures, such as
-    // truncation or an NLMSG_ERROR message). Never throws.
+    // Parse runs every message of `buf` through the callback, in order, until
+    // one returns 0 or less; returns what mnl_cb_run returns: -1 when a
+    // callback, a checker or the attribute walk failed (traced), and -1 with
+    // errno set for libmnl's own failures, such as an NLMSG_ERROR message or a
+    // sequence or port mismatch. Never throws.
     int Parse(const void* buf, std::size_t numBytes, unsigned int seq, unsigned int portId) const;
 
-    // ParseAttribute is the per-attribute step (libmnl callback convention).
+    // ParseAttribute is the per-attribute step (libmnl callback convention):
+    // stores `attr` in `table` by type unless its type is above the maximum
+    // (skipped) or its checker entry rejects it or throws (MNL_CB_ERROR).
     int ParseAttribute(const nlattr** table, const nlattr* attr) const;
 
 private:
+    // MessageStep is the libmnl message callback; `data` is the parser.
+    static int MessageStep(const nlmsghdr* nlh, void* data) noexcept;
+    int HandleMessage(const nlmsghdr* nlh) const noexcept;
+
     qor::ITracer* m_tracer;
     Callback m_callback;
     std::optional<unsigned long> m_maxType;

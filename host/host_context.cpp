@@ -42,6 +42,26 @@ qor::result_t HostContext::Open(const CommonOptions& options) {
     return loaded;
 }
 
+qor::result_t HostContext::StartFirewall(const FirewallSettings& settings) {
+    try {
+        FirewallOptions options;
+        options.failClosed = settings.failClosed;
+        auto firewall = qor::object::Create<DynamicRules>(options, m_tracer);
+        if (const qor::result_t r = firewall->Initialize(); !QOR_SUCCEEDED(r)) {
+            m_error = "cannot set up the firewall chains (is iptables-restore there?)";
+            return r;
+        }
+        m_queues = qor::object::Create<NfqueueQuery>(settings.queueFirst, settings.queueLast);
+        m_firewall = std::move(firewall);
+        m_locator->Register(m_queues.Get());
+        m_locator->Register(m_firewall.Get());
+        return qor::errors::kOk;
+    } catch (const std::exception& e) {
+        m_error = e.what();
+        return qor::CurrentExceptionToResult(nullptr, "");
+    }
+}
+
 qor::result_t HostContext::CreateObject(std::uint32_t clsid, qor::IObject** out) {
     qor::CreationContext context;
     context.locator = m_locator.Get();
@@ -52,6 +72,8 @@ qor::result_t HostContext::Shutdown() {
     if (m_locator) {
         m_locator->Clear();
     }
+    m_queues = nullptr;
+    m_firewall = nullptr;
     if (m_timer) {
         m_timer->Shutdown();  // drops runnables of the module before it goes
     }

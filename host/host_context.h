@@ -6,8 +6,10 @@
 #include <optional>
 #include <string>
 
+#include "host/firewall_rules.h"
 #include "host/iptables_info.h"
 #include "host/module_loader.h"
+#include "host/nfqueue_query.h"
 #include "host/service_locator.h"
 #include "host/timer.h"
 #include "qor/object.h"
@@ -26,6 +28,13 @@ struct CommonOptions {
     std::uint32_t nflogBypassMark = kDefaultNflogBypassMark;
 };
 
+// Settings of the firewall services the host offers the module.
+struct FirewallSettings {
+    std::uint16_t queueFirst = 1000;  // queue numbers handed out
+    std::uint16_t queueLast = 1999;
+    bool failClosed = false;  // queue rules drop packets while nobody reads the queue
+};
+
 class HostContext {
 public:
     HostContext() = default;
@@ -37,6 +46,14 @@ public:
     // factory, iptables and startup data providers) and loads the module.
     // Returns 0 or a failure code with a message in Error().
     qor::result_t Open(const CommonOptions& options);
+
+    // StartFirewall creates the queue number and firewall rules services,
+    // removes the rules that ended runs left behind and registers both in
+    // the locator. Returns 0 or a failure code with a message in Error().
+    qor::result_t StartFirewall(const FirewallSettings& settings);
+    // The services StartFirewall made; null before it.
+    NfqueueQuery* Queues() { return m_queues.Get(); }
+    DynamicRules* Firewall() { return m_firewall.Get(); }
 
     ServiceLocator& Locator() { return *m_locator; }
     ModuleLoader& Module() { return m_module; }
@@ -54,6 +71,8 @@ public:
 private:
     qor::RefPtr<ServiceLocator> m_locator;
     qor::RefPtr<qor::ITracer> m_tracer;
+    qor::object::ImplPtr<NfqueueQuery> m_queues;
+    qor::object::ImplPtr<DynamicRules> m_firewall;
     qor::object::ImplPtr<Timer> m_timer;
     ModuleLoader m_module;
     std::string m_error;

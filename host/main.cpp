@@ -28,6 +28,7 @@ int main(int argc, char** argv) {
         runners.emplace(app.get_subcommands({})[before], std::move(runner));
     };
     add(&AddInfoCommand);
+    add(&AddInterceptCommand);
 
     try {
         app.parse(argc, argv);

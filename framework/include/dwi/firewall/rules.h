@@ -28,15 +28,17 @@ enum DirectionBits : std::uint32_t {
 
 // IpNetwork is an address with a prefix length; family 0 means "any".
 struct IpNetwork {
-    std::uint8_t family = 0;  // 0 any, 4 IPv4, 6 IPv6
+    std::uint8_t family = 0;                 // 0 any, 4 IPv4, 6 IPv6
     std::array<std::uint8_t, 16> address{};  // network byte order; IPv4 in the first 4 bytes
-    std::uint8_t prefixLength = 0;  // 0..32 or 0..128
+    std::uint8_t prefixLength = 0;           // 0..32 or 0..128
+    friend bool operator==(const IpNetwork&, const IpNetwork&) = default;
 };
 
 // PortRange matches [first, last]; first == 0 and last == 0 mean "any".
 struct PortRange {
     std::uint16_t first = 0;
     std::uint16_t last = 0;
+    friend bool operator==(const PortRange&, const PortRange&) = default;
 };
 
 // QueueRule sends matching packets to an NFQUEUE queue. Consumers pass these
@@ -44,13 +46,15 @@ struct PortRange {
 struct QueueRule {
     std::uint32_t direction = kInbound;  // DirectionBits; the first field by contract
     std::uint16_t queueNumber = 0;
-    std::uint8_t family = 0;      // 0 both IPv4 and IPv6, 4, 6
-    std::uint8_t protocol = 0;    // IP protocol number; 0 any
-    IpNetwork localAddress;       // destination when inbound, source when outbound
-    IpNetwork remoteAddress;      // the other side
-    PortRange localPorts;         // TCP/UDP only
-    PortRange remotePorts;        // TCP/UDP only
-    std::string interfaceName;    // empty: any interface
+    std::uint8_t family = 0;    // 0 both IPv4 and IPv6, 4, 6
+    std::uint8_t protocol = 0;  // IP protocol number; 0 any
+    IpNetwork localAddress;     // destination when inbound, source when outbound
+    IpNetwork remoteAddress;    // the other side
+    PortRange localPorts;       // TCP/UDP only
+    PortRange remotePorts;      // TCP/UDP only
+    // Input interface without kOutbound, output interface with it; empty: any.
+    std::string interfaceName;
+    friend bool operator==(const QueueRule&, const QueueRule&) = default;
 };
 
 // Chain codes of NFLOG rules.
@@ -62,18 +66,20 @@ enum ChainCode : std::uint8_t {
 
 // NflogRule copies matching packets to an NFLOG group.
 struct NflogRule {
-    std::string name;                 // e.g. "zolt_stats_in"; also the rule's comment
-    std::uint8_t chain = 0;           // ChainCode
+    std::string name;        // e.g. "zolt_stats_in"; also the rule's comment
+    std::uint8_t chain = 0;  // ChainCode
     std::uint16_t nflogGroup = 0;
-    std::uint32_t bypassMark = 0;     // packets carrying this mark are not logged ...
-    bool bypassMarkSet = false;       // ... when this flag is set
-    bool excludeLoopback = false;     // skip traffic on loopback interfaces
-    bool excludeMulticast = false;    // skip multicast and broadcast destinations
+    std::uint32_t bypassMark = 0;           // packets carrying this mark are not logged ...
+    bool bypassMarkSet = false;             // ... when this flag is set
+    bool excludeLoopback = false;           // skip traffic on loopback interfaces
+    bool excludeMulticast = false;          // skip multicast and broadcast destinations
     std::optional<std::uint8_t> ipVersion;  // 4: IPv4 only (iptables without ip6tables)
+    friend bool operator==(const NflogRule&, const NflogRule&) = default;
 };
 
 // Rule is one record of the firewall's rule variant. Queue rules are the
-// alternative at index 2.
+// alternative at index 2. Records compare equal field by field; RemoveRules
+// finds what to remove that way.
 using Rule = std::variant<std::monostate, NflogRule, QueueRule>;
 inline constexpr std::size_t kQueueRuleIndex = 2;
 static_assert(std::is_same_v<std::variant_alternative_t<kQueueRuleIndex, Rule>, QueueRule>);

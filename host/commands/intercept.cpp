@@ -1,0 +1,575 @@
+// nti intercept: queue the traffic a filter selects, print and answer it.
+#include <net/if.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <ctime>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "host/commands/commands.h"
+#include "host/commands/intercept_options.h"
+#include "host/commands/packet_summary.h"
+#include "network_traffic_interceptor/network_interceptor.h"
+#include "qor/result.h"
+
+namespace nti::host {
+namespace {
+
+using dwi::network_interceptor::INetworkInterceptor;
+using dwi::network_interceptor::IPacketEventCallback;
+using dwi::network_interceptor::Packet;
+using dwi::network_interceptor::Verdict;
+
+constexpr std::chrono::seconds kRulesTimeout{10};
+
+struct InterceptOptions {
+    std::vector<std::string> directions;
+    std::string protocol;
+    std::string localPort;
+    std::string remotePort;
+    std::string localAddress;
+    std::string remoteAddress;
+    std::string family = "any";
+    std::string interfaceName;
+    bool json = false;
+    bool quiet = false;
+    std::string verdict = "allow";
+    std::optional<std::uint32_t> mark;
+    std::uint64_t count = 0;
+    double duration = 0;
+    std::string queueRange = "1000-1999";
+    bool failClosed = false;
+    std::string tag = "nti_intercept";
+};
+
+const char* VerdictName(Verdict v) {
+    switch (v) {
+        case Verdict::ALLOW:
+            return "ALLOW";
+        case Verdict::DROP:
+            return "DROP";
+        case Verdict::REPEAT:
+            return "REPEAT";
+        case Verdict::LATER:
+            return "LATER";
+    }
+    return "?";
+}
+
+// Validator accepts what `parse` accepts.
+template <class F>
+CLI::Validator Accepts(const char* what, F parse) {
+    return CLI::Validator(
+        [what, parse](std::string& value) -> std::string {
+            return parse(value) ? std::string() : std::string("not ") + what + ": " + value;
+        },
+        what);
+}
+
+std::string TimeText() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm utc{};
+    gmtime_r(&now.tv_sec, &utc);
+    char text[32];
+    std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%06ld", utc.tm_hour, utc.tm_min, utc.tm_sec,
+                  now.tv_nsec / 1000);
+    return text;
+}
+
+// InterfaceNames caches index-to-name lookups; used from the poll thread only.
+class InterfaceNames {
+public:
+    const std::string& Name(std::uint32_t index) {
+        auto it = m_names.find(index);
+        if (it == m_names.end()) {
+            char name[IF_NAMESIZE] = {};
+            std::string text = index == 0                               ? ""
+                               : if_indextoname(index, name) != nullptr ? name
+                                                                        : std::to_string(index);
+            it = m_names.emplace(index, std::move(text)).first;
+        }
+        return it->second;
+    }
+
+private:
+    std::map<std::uint32_t, std::string> m_names;
+};
+
+// Delayed holds LATER packets and answers each when its time has come, from
+// a thread of its own, through the facade.
+class Delayed {
+public:
+    Delayed(INetworkInterceptor* facade, IPacketEventCallback* event, Verdict final)
+        : m_facade(facade), m_event(event), m_final(final), m_thread([this] { Run(); }) {}
+    ~Delayed() { Flush(); }
+
+    // Add copies what the verdict needs; the payload only when it goes back.
+    void Add(const Packet& packet, std::chrono::steady_clock::time_point due) {
+        Entry e{due, packet, {}};
+        if (packet.payloadChanged) {
+            e.payload.assign(packet.payloadBegin, packet.payloadEnd);
+        }
+        e.packet.payloadBegin = nullptr;
+        e.packet.payloadEnd = nullptr;
+        {
+            std::lock_guard lock(m_mutex);
+            m_entries.push_back(std::move(e));
+        }
+        m_wake.notify_one();
+    }
+
+    // Flush answers everything still held at once and ends the thread.
+    void Flush() {
+        {
+            std::lock_guard lock(m_mutex);
+            m_flush = true;
+        }
+        m_wake.notify_one();
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+
+    std::uint64_t Failed() const { return m_failed; }
+
+private:
+    struct Entry {
+        std::chrono::steady_clock::time_point due;
+        Packet packet;
+        std::vector<std::uint8_t> payload;
+    };
+
+    void Run() {
+        std::unique_lock lock(m_mutex);
+        for (;;) {
+            if (m_entries.empty()) {
+                if (m_flush) {
+                    return;
+                }
+                m_wake.wait(lock);
+                continue;
+            }
+            // Every packet waits the same time: the front is always due first.
+            if (!m_flush && std::chrono::steady_clock::now() < m_entries.front().due) {
+                m_wake.wait_until(lock, m_entries.front().due);
+                continue;
+            }
+            Entry e = std::move(m_entries.front());
+            m_entries.pop_front();
+            lock.unlock();
+            if (!e.payload.empty()) {
+                e.packet.payloadBegin = e.payload.data();
+                e.packet.payloadEnd = e.payload.data() + e.payload.size();
+            }
+            if (!QOR_SUCCEEDED(
+                    m_facade->SetVerdict(m_event, e.packet, static_cast<std::uint32_t>(m_final)))) {
+                ++m_failed;
+            }
+            lock.lock();
+        }
+    }
+
+    INetworkInterceptor* m_facade;
+    IPacketEventCallback* m_event;
+    Verdict m_final;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::deque<Entry> m_entries;
+    bool m_flush = false;
+    std::atomic<std::uint64_t> m_failed{0};
+    std::thread m_thread;
+};
+
+// Consumer prints and answers each packet on the poll thread.
+class Consumer : public qor::object::Ifaces<IPacketEventCallback> {
+public:
+    struct Settings {
+        VerdictChoice verdict;
+        std::optional<std::uint32_t> mark;
+        bool json = false;
+        bool quiet = false;
+        std::uint64_t count = 0;
+        int countReachedFd = -1;
+    };
+
+    explicit Consumer(Settings settings) : m_settings(settings) {}
+
+    // SetQueues and SetDelayed complete the consumer once the interception
+    // runs; no packet arrives before the firewall rules are in.
+    void SetQueues(std::uint16_t first) { m_firstQueue = first; }
+    void SetDelayed(Delayed* delayed) { m_delayed.store(delayed); }
+
+    qor::result_t OnPacketReceived(Packet& packet, Verdict& verdict) noexcept override {
+        const std::uint32_t queue = packet.queue <= 2 ? packet.queue : 0;
+        ++m_perQueue[queue];
+        if (m_settings.mark) {
+            packet.payloadChanged = true;
+            packet.mark = *m_settings.mark;
+        }
+        verdict = m_settings.verdict.verdict;
+        Delayed* delayed = m_delayed.load();
+        if (verdict == Verdict::LATER && delayed != nullptr) {
+            delayed->Add(packet, std::chrono::steady_clock::now() +
+                                     std::chrono::milliseconds(m_settings.verdict.laterMs));
+        } else if (verdict == Verdict::LATER) {
+            verdict = Verdict::ALLOW;
+        }
+        ++m_verdicts[static_cast<std::size_t>(verdict)];
+        if (!m_settings.quiet) {
+            Print(packet, queue, verdict);
+        }
+        const std::uint64_t seen = ++m_seen;
+        if (m_settings.count != 0 && seen == m_settings.count) {
+            const std::uint64_t one = 1;
+            [[maybe_unused]] const ssize_t n =
+                ::write(m_settings.countReachedFd, &one, sizeof(one));
+        }
+        return qor::errors::kOk;
+    }
+
+    std::uint64_t Seen() const { return m_seen; }
+    std::uint64_t PerQueue(std::uint32_t queue) const { return m_perQueue[queue]; }
+    std::uint64_t Verdicts(Verdict v) const { return m_verdicts[static_cast<std::size_t>(v)]; }
+
+private:
+    void Print(const Packet& packet, std::uint32_t queue, Verdict verdict) {
+        const std::size_t length =
+            static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin);
+        const PacketSummary s = Summarize(packet.payloadBegin, length);
+        const char* queueName = queue == 1 ? "in" : queue == 2 ? "out" : "unknown";
+        const int queueNumber = queue == 0 ? -1 : m_firstQueue + static_cast<int>(queue) - 1;
+        const std::string& in = m_names.Name(packet.indev);
+        const std::string& out = m_names.Name(packet.outdev);
+        const auto port = [](const std::optional<std::uint16_t>& p) {
+            return p ? std::to_string(*p) : std::string();
+        };
+        std::string line;
+        char head[160];
+        if (m_settings.json) {
+            std::snprintf(head, sizeof(head),
+                          "{\"time\":\"%s\",\"queue\":\"%s\",\"queueNumber\":%d,\"id\":%u,",
+                          TimeText().c_str(), queueName, queueNumber, packet.id);
+            line = head;
+            line += "\"indev\":\"" + in + "\",\"outdev\":\"" + out + "\",";
+            line += "\"mark\":" + std::to_string(packet.mark) + ",";
+            line += "\"family\":" + std::to_string(s.version) + ",";
+            line += "\"src\":\"" + s.source + "\",\"dst\":\"" + s.destination + "\",";
+            line += "\"proto\":" + (s.protocol ? std::to_string(*s.protocol) : "null") + ",";
+            line += "\"sport\":" + (s.sourcePort ? port(s.sourcePort) : "null") + ",";
+            line += "\"dport\":" + (s.destinationPort ? port(s.destinationPort) : "null") + ",";
+            line += "\"len\":" + std::to_string(length) + ",\"verdict\":\"" + VerdictName(verdict) +
+                    "\"}\n";
+        } else {
+            std::snprintf(head, sizeof(head), "%s %s/%d id=%u ", TimeText().c_str(), queueName,
+                          queueNumber, packet.id);
+            line = head;
+            line += "in=" + (in.empty() ? "-" : in) + " out=" + (out.empty() ? "-" : out);
+            char mark[24];
+            std::snprintf(mark, sizeof(mark), " mark=0x%x ", packet.mark);
+            line += mark;
+            const auto endpoint = [&](const std::string& a, const std::optional<std::uint16_t>& p) {
+                if (!p) {
+                    return a;
+                }
+                return (s.version == 6 ? "[" + a + "]" : a) + ":" + port(p);
+            };
+            line += endpoint(s.source, s.sourcePort) + " > " +
+                    endpoint(s.destination, s.destinationPort);
+            line += " proto=" + (s.protocol ? std::to_string(*s.protocol) : "?");
+            line += " len=" + std::to_string(length) + " " + VerdictName(verdict) + "\n";
+        }
+        std::fwrite(line.data(), 1, line.size(), stdout);
+        std::fflush(stdout);
+    }
+
+    Settings m_settings;
+    std::atomic<int> m_firstQueue{0};
+    std::atomic<Delayed*> m_delayed{nullptr};
+    InterfaceNames m_names;
+    std::atomic<std::uint64_t> m_seen{0};
+    std::array<std::atomic<std::uint64_t>, 3> m_perQueue{};
+    std::array<std::atomic<std::uint64_t>, 4> m_verdicts{};
+};
+
+// Fd closes a descriptor at the end of its scope.
+struct Fd {
+    int fd = -1;
+    ~Fd() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+};
+
+// WaitForEnd sleeps until a signal, the packet count or the duration.
+const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
+    const auto start = std::chrono::steady_clock::now();
+    const auto deadline = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                      std::chrono::duration<double>(durationSeconds));
+    for (;;) {
+        int timeout = -1;
+        if (durationSeconds > 0) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) {
+                return "duration";
+            }
+            timeout = static_cast<int>(std::min<long long>(left.count() + 1, 1 << 30));
+        }
+        pollfd fds[2] = {{signalFd, POLLIN, 0}, {countFd, POLLIN, 0}};
+        const int n = ::poll(fds, 2, timeout);
+        if (n < 0 && errno != EINTR) {
+            return "poll error";
+        }
+        if (n > 0 && (fds[0].revents & POLLIN) != 0) {
+            signalfd_siginfo info{};
+            [[maybe_unused]] const ssize_t r = ::read(signalFd, &info, sizeof(info));
+            return info.ssi_signo == SIGINT ? "SIGINT" : "SIGTERM";
+        }
+        if (n > 0 && (fds[1].revents & POLLIN) != 0) {
+            return "count";
+        }
+    }
+}
+
+void PrintSummary(const Consumer& consumer, const std::vector<QueueStats>& kernel,
+                  std::uint16_t firstQueue, const char* reason, bool json) {
+    const auto stats = [&](std::uint16_t queue) {
+        for (const QueueStats& s : kernel) {
+            if (s.queue == queue) {
+                return s;
+            }
+        }
+        return QueueStats{queue};
+    };
+    const QueueStats in = stats(firstQueue);
+    const QueueStats out = stats(static_cast<std::uint16_t>(firstQueue + 1));
+    if (json) {
+        std::printf(
+            "{\"summary\":{\"reason\":\"%s\",\"packets\":%llu,\"queueIn\":%llu,\"queueOut\":%llu,"
+            "\"allow\":%llu,\"drop\":%llu,\"repeat\":%llu,\"later\":%llu,"
+            "\"kernel\":[{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u},"
+            "{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u}]}}\n",
+            reason, static_cast<unsigned long long>(consumer.Seen()),
+            static_cast<unsigned long long>(consumer.PerQueue(1)),
+            static_cast<unsigned long long>(consumer.PerQueue(2)),
+            static_cast<unsigned long long>(consumer.Verdicts(Verdict::ALLOW)),
+            static_cast<unsigned long long>(consumer.Verdicts(Verdict::DROP)),
+            static_cast<unsigned long long>(consumer.Verdicts(Verdict::REPEAT)),
+            static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)), in.queue,
+            in.queueDropped, in.userDropped, in.waiting, out.queue, out.queueDropped,
+            out.userDropped, out.waiting);
+    } else {
+        std::printf("stopped by %s\n", reason);
+        std::printf("packets: %llu (queue in %u: %llu, queue out %u: %llu)\n",
+                    static_cast<unsigned long long>(consumer.Seen()), in.queue,
+                    static_cast<unsigned long long>(consumer.PerQueue(1)), out.queue,
+                    static_cast<unsigned long long>(consumer.PerQueue(2)));
+        std::printf("verdicts: allow %llu, drop %llu, repeat %llu, later %llu\n",
+                    static_cast<unsigned long long>(consumer.Verdicts(Verdict::ALLOW)),
+                    static_cast<unsigned long long>(consumer.Verdicts(Verdict::DROP)),
+                    static_cast<unsigned long long>(consumer.Verdicts(Verdict::REPEAT)),
+                    static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)));
+        for (const QueueStats& s : {in, out}) {
+            std::printf("kernel queue %u: queue dropped %u, user dropped %u, waiting %u\n", s.queue,
+                        s.queueDropped, s.userDropped, s.waiting);
+        }
+    }
+    std::fflush(stdout);
+}
+
+int Run(const CommonOptions& common, const InterceptOptions& o) {
+    // Options were validated one by one; now as a whole.
+    FilterOptions f;
+    for (const std::string& d : o.directions) {
+        f.directions.push_back(*ParseDirection(d));
+    }
+    f.family = *ParseFamily(o.family);
+    f.protocol = o.protocol.empty() ? 0 : *ParseProtocol(o.protocol);
+    if (!o.localPort.empty()) {
+        f.localPorts = *ParsePortRange(o.localPort);
+    }
+    if (!o.remotePort.empty()) {
+        f.remotePorts = *ParsePortRange(o.remotePort);
+    }
+    if (!o.localAddress.empty()) {
+        f.localAddress = *ParseNetwork(o.localAddress);
+    }
+    if (!o.remoteAddress.empty()) {
+        f.remoteAddress = *ParseNetwork(o.remoteAddress);
+    }
+    f.interfaceName = o.interfaceName;
+    std::string error;
+    const std::optional<dwi::firewall::Filter> filter = BuildFilter(f, error);
+    if (!filter) {
+        std::fprintf(stderr, "nti intercept: %s\n", error.c_str());
+        return kExitUsage;
+    }
+    const auto [queueFirst, queueLast] = *ParseQueueRange(o.queueRange);
+
+    // Signals arrive through a descriptor; every thread started from here on
+    // inherits the mask.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    Fd signalFd{::signalfd(-1, &signals, SFD_CLOEXEC)};
+    Fd countFd{::eventfd(0, EFD_CLOEXEC)};
+    if (signalFd.fd < 0 || countFd.fd < 0) {
+        std::perror("nti intercept: signalfd/eventfd");
+        return kExitFailure;
+    }
+
+    HostContext host;
+    if (const qor::result_t r = host.Open(common); !QOR_SUCCEEDED(r)) {
+        std::fprintf(stderr, "nti intercept: cannot load module: %s\n", host.Error().c_str());
+        return kExitFailure;
+    }
+    FirewallSettings firewall{queueFirst, queueLast, o.failClosed};
+    if (const qor::result_t r = host.StartFirewall(firewall); !QOR_SUCCEEDED(r)) {
+        std::fprintf(stderr, "nti intercept: %s: %s\n", host.Error().c_str(),
+                     qor::FormatResult(r).c_str());
+        return kExitFailure;
+    }
+    qor::RefPtr<qor::IObject> object;
+    qor::RefPtr<INetworkInterceptor> facade;
+    qor::result_t r =
+        host.CreateObject(dwi::network_interceptor::kNetworkInterceptorClassId, object.Ref());
+    if (QOR_SUCCEEDED(r)) {
+        r = qor::QueryInterfaceAs(object.Get(), facade);
+    }
+    if (!QOR_SUCCEEDED(r)) {
+        std::fprintf(stderr, "nti intercept: cannot create NetworkInterceptor: %s\n",
+                     qor::FormatResult(r).c_str());
+        return kExitFailure;
+    }
+
+    Consumer::Settings settings;
+    settings.verdict = *ParseVerdict(o.verdict);
+    settings.mark = o.mark;
+    settings.json = o.json;
+    settings.quiet = o.quiet;
+    settings.count = o.count;
+    settings.countReachedFd = countFd.fd;
+    auto consumer = qor::object::Create<Consumer>(settings);
+    IPacketEventCallback* event = consumer.Get();
+    std::optional<Delayed> delayed;
+    if (settings.verdict.verdict == Verdict::LATER) {
+        delayed.emplace(facade.Get(), event, Verdict::ALLOW);
+        consumer->SetDelayed(&*delayed);
+    }
+
+    r = facade->StartInterception(event, *filter, o.tag.c_str());
+    if (!QOR_SUCCEEDED(r)) {
+        std::fprintf(stderr, "nti intercept: cannot start interception: %s\n",
+                     qor::FormatResult(r).c_str());
+        return kExitFailure;
+    }
+    const std::vector<std::uint16_t> taken = host.Queues()->Taken();
+    const std::uint16_t firstQueue = taken.empty() ? 0 : taken.front();
+    consumer->SetQueues(firstQueue);
+
+    int exitCode = kExitOk;
+    const char* reason = "rules";
+    if (host.Firewall()->WaitForTag(o.tag, kRulesTimeout)) {
+        std::fprintf(stderr, "nti intercept: intercepting on queues %u-%u with tag %s\n",
+                     firstQueue, firstQueue + 1u, o.tag.c_str());
+        reason = WaitForEnd(signalFd.fd, countFd.fd, o.duration);
+    } else {
+        std::fprintf(stderr, "nti intercept: the firewall rules were not installed\n");
+        exitCode = kExitFailure;
+    }
+
+    // The kernel's counters go with the queues: read them first.
+    const std::vector<QueueStats> kernel = ReadQueueStats(kNfqueueProcPath);
+    if (delayed) {
+        delayed->Flush();
+    }
+    r = facade->StopInterception(event);
+    if (!QOR_SUCCEEDED(r)) {
+        std::fprintf(stderr, "nti intercept: cannot stop interception: %s\n",
+                     qor::FormatResult(r).c_str());
+        exitCode = kExitFailure;
+    }
+    host.Queues()->ReleaseQueues(firstQueue, 2);
+    if (host.Firewall()->InstalledCount() != 0) {
+        std::fprintf(stderr, "nti intercept: firewall rules were left; removing them\n");
+        exitCode = kExitFailure;
+    }
+    PrintSummary(*consumer, kernel, firstQueue, reason, o.json);
+    if (delayed && delayed->Failed() != 0) {
+        std::fprintf(stderr, "nti intercept: %llu delayed verdicts failed\n",
+                     static_cast<unsigned long long>(delayed->Failed()));
+    }
+    consumer->SetDelayed(nullptr);
+    delayed.reset();
+    facade = nullptr;
+    object = nullptr;
+    return exitCode;
+}
+
+}  // namespace
+
+CommandRunner AddInterceptCommand(CLI::App& app) {
+    auto options = std::make_shared<InterceptOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "intercept",
+        "Queue the packets the filter selects through the module, print each one with its "
+        "verdict, and remove the firewall rules at the end. Run it only inside a network "
+        "namespace made for it.");
+    InterceptOptions& o = *options;
+    sub->add_option("--direction", o.directions, "in, out, fwd-in or fwd-out (repeatable)")
+        ->check(Accepts("a direction", ParseDirection));
+    sub->add_option("--proto", o.protocol, "tcp, udp, icmp, icmpv6 or a protocol number")
+        ->check(Accepts("a protocol", ParseProtocol));
+    sub->add_option("--local-port", o.localPort, "Local port N or range N-M (tcp/udp)")
+        ->check(Accepts("a port or port range", ParsePortRange));
+    sub->add_option("--remote-port", o.remotePort, "Remote port N or range N-M (tcp/udp)")
+        ->check(Accepts("a port or port range", ParsePortRange));
+    sub->add_option("--local-addr", o.localAddress, "Local address or CIDR network")
+        ->check(Accepts("an address or CIDR network", ParseNetwork));
+    sub->add_option("--remote-addr", o.remoteAddress, "Remote address or CIDR network")
+        ->check(Accepts("an address or CIDR network", ParseNetwork));
+    sub->add_option("--family", o.family, "4, 6 or any")
+        ->capture_default_str()
+        ->check(Accepts("a family", ParseFamily));
+    sub->add_option("--interface", o.interfaceName, "Interface name");
+    sub->add_flag("--json", o.json, "One JSON object per line");
+    sub->add_flag("--quiet", o.quiet, "No line per packet, only the summary");
+    sub->add_option("--verdict", o.verdict, "allow, drop, repeat or later:<ms> (then allow)")
+        ->capture_default_str()
+        ->check(Accepts("a verdict", ParseVerdict));
+    sub->add_option("--mark", o.mark, "Give every packet this mark with its verdict");
+    sub->add_option("--count", o.count, "Stop after this many packets")
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 62));
+    sub->add_option("--duration", o.duration, "Stop after this many seconds")
+        ->check(CLI::Range(0.001, 1e7));
+    sub->add_option("--queue-range", o.queueRange, "Queue numbers to take from, A-B")
+        ->capture_default_str()
+        ->check(Accepts("a queue range A-B", ParseQueueRange));
+    sub->add_flag("--fail-closed", o.failClosed,
+                  "Drop the selected packets while nobody reads the queues");
+    sub->add_option("--tag", o.tag, "Tag of the firewall rules")
+        ->capture_default_str()
+        ->check(Accepts("a tag (letters, digits, _.-@)", [](const std::string& t) {
+            return ValidTag(t) ? std::optional<bool>(true) : std::nullopt;
+        }));
+    return [options](const CommonOptions& common) { return Run(common, *options); };
+}
+
+}  // namespace nti::host

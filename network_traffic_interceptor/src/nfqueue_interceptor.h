@@ -1,0 +1,161 @@
+// NfQueueInterceptor: one consumer's packet interception over a pair of
+// NFQUEUE queues, with its netlink channels, poll thread and reply thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "dwi/firewall/rules.h"
+#include "dwi/firewall/services.h"
+#include "dwi_common/descriptor_notifier.h"
+#include "network_traffic_interceptor/network_interceptor.h"
+#include "network_traffic_interceptor/src/thread_runnable.h"
+#include "qor/object.h"
+#include "qor/rtl/providers.h"
+#include "qor/service_locator.h"
+#include "qor/trace/tracer.h"
+
+struct mnl_socket;
+struct nlmsghdr;
+struct nlattr;
+
+namespace dwi::network_interceptor {
+
+// QueueEndpoint is one channel: its netlink socket and the queue it is bound
+// to. Packets and verdicts are matched to a channel by both fields.
+struct QueueEndpoint {
+    mnl_socket* socket = nullptr;
+    std::uint16_t queueNumber = 0xFFFF;
+
+    friend bool operator==(const QueueEndpoint&, const QueueEndpoint&) = default;
+};
+
+// VerdictRequest is a verdict waiting for the reply thread.
+struct VerdictRequest {
+    QueueEndpoint endpoint;
+    std::uint32_t packetId = 0;
+    std::uint32_t verdict = 0;
+};
+
+// Room for one configuration message.
+inline constexpr std::size_t kConfigBufferSize = 256;
+// Room for one verdict: the largest payload plus the headers.
+inline constexpr std::size_t kMaxVerdictPayload = 0xFFFF;
+inline constexpr std::size_t kVerdictBufferSize = kMaxVerdictPayload + 256;
+// Room for one verdict without payload.
+inline constexpr std::size_t kShortVerdictBufferSize = 64;
+// One read from a channel: the largest packet plus the message around it.
+inline constexpr std::size_t kReceiveBufferSize = 0xFFFF + 2048;
+
+// Configuration builders. Each writes one NFQNL_MSG_CONFIG request (with
+// NLM_F_ACK) into `buffer` (at least kConfigBufferSize bytes, aligned for
+// nlmsghdr) and returns its header.
+//
+// BuildCfgPfRequest: a per-family command (NFQNL_CFG_CMD_PF_BIND/UNBIND)
+// for family `pf`; res_id 0.
+nlmsghdr* BuildCfgPfRequest(char* buffer, std::uint8_t command, std::uint16_t pf);
+// BuildCfgRequest: `command` for queue `queueNumber`, family AF_INET.
+nlmsghdr* BuildCfgRequest(char* buffer, std::uint8_t command, std::uint16_t queueNumber);
+// BuildCfgParams: copy `mode` with `range` bytes.
+nlmsghdr* BuildCfgParams(char* buffer, std::uint8_t mode, std::uint32_t range,
+                         std::uint16_t queueNumber);
+// BuildCfgFlagsGSO: mask and flags NFQA_CFG_F_GSO.
+nlmsghdr* BuildCfgFlagsGSO(char* buffer, std::uint16_t queueNumber);
+// BuildCfgQueueMaxLen: queue length 65535.
+nlmsghdr* BuildCfgQueueMaxLen(char* buffer, std::uint16_t queueNumber);
+
+// BuildVerdictMessage writes an NFQNL_MSG_VERDICT for `packetId` with the
+// netfilter verdict `nfVerdict`. With a packet record, its mark goes along
+// when not 0 and its payload when `payloadChanged` is set. `buffer` holds
+// `size` bytes; returns null when the message does not fit.
+nlmsghdr* BuildVerdictMessage(char* buffer, std::size_t size, std::uint16_t queueNumber,
+                              std::uint32_t packetId, std::uint32_t nfVerdict,
+                              const Packet* packet) noexcept;
+
+// NetfilterVerdict maps a Verdict value to the netfilter verdict sent for it
+// (NF_ACCEPT for values without one).
+std::uint32_t NetfilterVerdict(std::uint32_t verdict) noexcept;
+// VerdictName is the trace name of a Verdict value ("unreachable" for
+// values without one).
+const char* VerdictName(std::uint32_t verdict) noexcept;
+
+class NfQueueInterceptor : public qor::object::Ifaces<>,
+                           private qor::ServiceLocatorProvider,
+                           private qor::TracerProvider {
+public:
+    NfQueueInterceptor(qor::IServiceLocator* serviceLocator, qor::ITracer* tracer,
+                       qor::RefPtr<dwi::firewall::IDynamicRules> firewall);
+    // Does not stop: an interceptor still started is woken and joined, its
+    // rules removed by its poll thread on the way out.
+    virtual ~NfQueueInterceptor();
+
+    // Start reserves two queues, opens their channels and starts the poll and
+    // reply threads; the poll thread installs `filter` tagged `serviceName`.
+    // 0x8000006A when started already.
+    virtual qor::result_t Start(const dwi::firewall::Filter& filter,
+                                IPacketEventCallback* eventCallback,
+                                const char* serviceName) noexcept;
+    // Stop wakes and joins both threads and closes the channels. 0x8000006A
+    // when stopped already.
+    virtual qor::result_t Stop() noexcept;
+    // SetVerdict sends or queues the verdict for `packet` on the queue it came
+    // from (packet.queue 1 input, 2 output). 1 for LATER.
+    virtual qor::result_t SetVerdict(const Packet& packet, std::uint32_t verdict) noexcept;
+
+protected:
+    // SendTo writes one whole message to the kernel; returns the byte count or
+    // -1 with errno set. Every message of the interceptor leaves through it.
+    virtual ssize_t SendTo(mnl_socket* socket, const nlmsghdr* nlh) noexcept;
+
+private:
+    qor::result_t InitNetLinkSocket();
+    qor::result_t InitNetLinkSocket(std::uint16_t queueNumber, mnl_socket** socket);
+    qor::result_t Request(mnl_socket* sock, const nlmsghdr* nlh);
+    qor::result_t SendMessage(mnl_socket* socket, const nlmsghdr* nlh);
+
+    qor::result_t AddFirewallRules();
+    qor::result_t RemoveFirewallRules();
+    qor::result_t SetFirewallRules(bool insert);
+
+    qor::result_t Run();
+    qor::result_t ReadFromSocket(const QueueEndpoint& endpoint);
+    int HandlePacket(const QueueEndpoint& endpoint, const nlmsghdr* nlh, const nlattr** table);
+    qor::result_t NewPacketReceived(const QueueEndpoint& endpoint, Packet& packet);
+
+    qor::result_t SetVerdict(const QueueEndpoint& endpoint, const Packet& packet,
+                             std::uint32_t verdict);
+    qor::result_t ReplyThread();
+
+    // Wakes threads left running (after a failed reply-thread start, or on
+    // destruction) and joins them.
+    void ReapThreads() noexcept;
+    void CloseSockets() noexcept;
+
+    QueueEndpoint m_input;
+    QueueEndpoint m_output;
+    // Guards the verdict queue and the lifetime of the three notifiers, which
+    // the threads destroy on their way out while others may notify them.
+    std::recursive_mutex m_verdictMutex;
+    std::vector<VerdictRequest> m_verdicts;
+    std::optional<DescriptorNotifier> m_stop;
+    bool m_stopped = true;
+    std::recursive_mutex m_stateMutex;
+    ThreadHandle m_pollThread;
+    ThreadHandle m_replyThread;
+    std::optional<DescriptorNotifier> m_stopReply;
+    std::optional<DescriptorNotifier> m_verdictEvent;
+    qor::RefPtr<IPacketEventCallback> m_eventCallback;
+    dwi::firewall::Filter m_filter;
+    std::string m_tag;
+    qor::RefPtr<dwi::firewall::IDynamicRules> m_firewall;
+    // Poll thread only.
+    std::vector<std::uint8_t> m_receiveBuffer;
+};
+
+}  // namespace dwi::network_interceptor
