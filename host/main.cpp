@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
     };
     add(&AddInfoCommand);
     add(&AddInterceptCommand);
+    add(&AddStatsCommand);
 
     try {
         app.parse(argc, argv);
