@@ -2,12 +2,16 @@
 
 #include <unistd.h>
 
+#include "host/host_services.h"
+#include "host/key_value_storage.h"
 #include "host/tracer_sink.h"
 #include "qor/exception.h"
 
 namespace nti::host {
 
-HostContext::~HostContext() { Shutdown(); }
+HostContext::~HostContext() {
+    Shutdown();
+}
 
 qor::result_t HostContext::Open(const CommonOptions& options) {
     try {
@@ -25,6 +29,14 @@ qor::result_t HostContext::Open(const CommonOptions& options) {
     const qor::result_t loaded = m_module.Load(options.module);
     if (!QOR_SUCCEEDED(loaded)) {
         m_error = m_module.Error();
+        return loaded;
+    }
+    try {
+        m_metaInfo = RegisterHostServices(
+            *m_locator, m_module, options.stateDir.empty() ? DefaultStateDir() : options.stateDir);
+    } catch (const std::exception& e) {
+        m_error = e.what();
+        return qor::CurrentExceptionToResult(nullptr, "");
     }
     return loaded;
 }
@@ -38,6 +50,11 @@ qor::result_t HostContext::CreateObject(std::uint32_t clsid, qor::IObject** out)
 qor::result_t HostContext::Shutdown() {
     if (m_locator) {
         m_locator->Clear();
+    }
+    // The module's registry must go before the module may unload.
+    if (m_metaInfo) {
+        m_metaInfo->DropRegistries();
+        m_metaInfo.Reset();
     }
     return m_module.Unload();
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "host/meta_info_provider.h"
 #include "host/module_loader.h"
 #include "host/service_locator.h"
 #include "qor/object.h"
@@ -17,6 +18,7 @@ struct CommonOptions {
     std::string module = ModuleLoader::kDefaultModule;  // path or name
     std::uint32_t traceLevel = 300;                     // records above are dropped
     std::string traceFile;                              // empty: stderr
+    std::string stateDir;                               // empty: DefaultStateDir()
 };
 
 class HostContext {
@@ -26,8 +28,9 @@ public:
     HostContext& operator=(const HostContext&) = delete;
     ~HostContext();
 
-    // Open installs the tracer and loads the module. Returns 0 or a failure
-    // code with a message in Error().
+    // Open installs the tracer, loads the module and registers the host
+    // services (RegisterHostServices). Returns 0 or a failure code with a
+    // message in Error().
     qor::result_t Open(const CommonOptions& options);
 
     ServiceLocator& Locator() { return *m_locator; }
@@ -45,6 +48,7 @@ public:
 private:
     qor::RefPtr<ServiceLocator> m_locator;
     qor::RefPtr<qor::ITracer> m_tracer;
+    qor::RefPtr<MetaInfoProvider> m_metaInfo;
     ModuleLoader m_module;
     std::string m_error;
 };

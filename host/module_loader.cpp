@@ -4,7 +4,9 @@
 
 namespace nti::host {
 
-ModuleLoader::~ModuleLoader() { Unload(); }
+ModuleLoader::~ModuleLoader() {
+    Unload();
+}
 
 qor::result_t ModuleLoader::Load(const std::string& pathOrName) {
     if (m_handle != nullptr) {

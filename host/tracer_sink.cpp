@@ -19,11 +19,10 @@ std::string FormatTraceLine(std::int64_t unixNanos, long threadId, std::uint32_t
     std::tm utc{};
     gmtime_r(&seconds, &utc);
     char head[96];
-    const int n = std::snprintf(head, sizeof(head), "%04d-%02d-%02dT%02d:%02d:%02d.%06lldZ %ld %u ",
-                                utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour,
-                                utc.tm_min, utc.tm_sec,
-                                static_cast<long long>((unixNanos % 1000000000) / 1000), threadId,
-                                level);
+    const int n = std::snprintf(
+        head, sizeof(head), "%04d-%02d-%02dT%02d:%02d:%02d.%06lldZ %ld %u ", utc.tm_year + 1900,
+        utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+        static_cast<long long>((unixNanos % 1000000000) / 1000), threadId, level);
     std::string line(head, n > 0 ? static_cast<std::size_t>(n) : 0);
     line.append(text);
     line.push_back('\n');
@@ -65,10 +64,10 @@ qor::result_t LineTracer::CommitRecord(qor::TraceBuffer* buffer, std::uint32_t l
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     try {
-        const std::string line = FormatTraceLine(
-            static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec,
-            static_cast<long>(syscall(SYS_gettid)), level,
-            std::string_view(buffer->data + sizeof(level), length - sizeof(level)));
+        const std::string line =
+            FormatTraceLine(static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec,
+                            static_cast<long>(syscall(SYS_gettid)), level,
+                            std::string_view(buffer->data + sizeof(level), length - sizeof(level)));
         std::size_t done = 0;
         while (done < line.size()) {
             const ssize_t n = write(m_fd, line.data() + done, line.size() - done);
