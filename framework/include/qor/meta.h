@@ -19,10 +19,11 @@ enum class Kind : std::uint8_t {
     Bool,
     String,      // std::string
     ByteVector,  // std::vector<std::uint8_t>
-    Mac48,       // qor::mac48_address_t
-    Ipv4,        // ipv4_t
-    Ipv6,        // ipv6_t
-    IpAddress,   // ip_t (either family)
+    FixedBytes,  // std::array<std::uint8_t, size>
+    Mac48,       // qor::mac48_address_t: one FixedBytes field
+    Ipv4,        // ipv4_t: one FixedBytes field
+    Ipv6,        // ipv6_t: one FixedBytes field
+    IpAddress,   // ip_t: fields family (UInt8), an Ipv4 and an Ipv6
     Struct,      // fields below
     Vector,      // std::vector<element>, through VectorOps
     Optional,    // std::optional<element>, through OptionalOps
@@ -54,6 +55,8 @@ struct FieldDescriptor {
     const TypeDescriptor* type;
 };
 
+// TypeDescriptor describes one C++ type. Descriptors are static tables of
+// the module that owns the type; they stay valid while the module is loaded.
 struct TypeDescriptor {
     std::uint32_t typeId;  // 0 for anonymous (primitives, vectors, optionals)
     const char* name;
@@ -76,6 +79,13 @@ struct AnyRef {
     const meta::TypeDescriptor* type = nullptr;
     bool IsValid() const noexcept { return object != nullptr && type != nullptr; }
 };
+
+// MakeAnyRef refers to `object` described by `type` (a null `type` gives an
+// invalid reference).
+template <class T>
+AnyRef MakeAnyRef(T& object, const meta::TypeDescriptor* type) noexcept {
+    return AnyRef{&object, type};
+}
 
 // IMetaInfoProvider answers type descriptors by type id.
 struct IMetaInfoProvider : IObject {
