@@ -14,19 +14,19 @@ namespace dwi::network {
 using Mac48 = std::array<std::uint8_t, 6>;
 
 struct Gateway {
-    std::uint8_t family = 4;                  // 4 or 6
-    std::array<std::uint8_t, 16> address{};   // network order; IPv4 in the first 4 bytes
-    std::optional<Mac48> mac;                 // from the neighbour table, when known
+    std::uint8_t family = 4;                 // 4 or 6
+    std::array<std::uint8_t, 16> address{};  // network order; IPv4 in the first 4 bytes
+    std::optional<Mac48> mac;                // from the neighbour table, when known
 };
 
 struct NetworkInterface {
     std::uint32_t index = 0;
     std::string name;
-    bool enabled = false;       // IFF_UP
-    std::string dnsSuffix;      // empty when unknown
-    std::uint32_t type = 0;     // ARPHRD_* from /sys/class/net/<name>/type
-    std::optional<Mac48> mac;   // MAC-48 from /sys/class/net/<name>/address
-    bool tunnel = false;        // tun/tap, ip tunnels, WireGuard and the like
+    bool enabled = false;                // IFF_UP
+    std::string dnsSuffix;               // empty when unknown
+    std::uint32_t type = 0;              // ARPHRD_* from /sys/class/net/<name>/type
+    std::optional<Mac48> mac;            // MAC-48 from /sys/class/net/<name>/address
+    bool tunnel = false;                 // tun/tap, ip tunnels, WireGuard and the like
     std::optional<Gateway> ipv4Gateway;  // default route of the main table
     std::optional<Gateway> ipv6Gateway;
 };

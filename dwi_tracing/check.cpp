@@ -15,8 +15,8 @@ TraceRecord& operator<<(TraceRecord& r, const BoolHead& head) noexcept {
 }
 
 TraceRecord& operator<<(TraceRecord& r, const IgnoredHead& head) noexcept {
-    return r << head.function << ": '(" << head.expression << ")=" << qor::trace::Result{head.result}
-             << '\'';
+    return r << head.function << ": '(" << head.expression
+             << ")=" << qor::trace::Result{head.result} << '\'';
 }
 
 }  // namespace dwi::check

@@ -61,45 +61,45 @@ qor::trace::TraceRecord& operator<<(qor::trace::TraceRecord& r, const IgnoredHea
 
 // DWI_CHECK_RETURN(tracer, expr, message...): evaluates `expr`; on failure
 // traces at level 300 and returns the code from the enclosing function.
-#define DWI_CHECK_RETURN(tracer, expr, ...)                                                    \
-    do {                                                                                       \
-        const ::qor::result_t _result = (expr);                                                \
-        if (!QOR_SUCCEEDED(_result)) {                                                         \
-            DWI_CHECK_RECORD(tracer, ::qor::trace_level::kError, QOR_HERE, #expr, _result)     \
-                << __VA_ARGS__;                                                                \
-            return _result;                                                                    \
-        }                                                                                      \
+#define DWI_CHECK_RETURN(tracer, expr, ...)                                                \
+    do {                                                                                   \
+        const ::qor::result_t _result = (expr);                                            \
+        if (!QOR_SUCCEEDED(_result)) {                                                     \
+            DWI_CHECK_RECORD(tracer, ::qor::trace_level::kError, QOR_HERE, #expr, _result) \
+                << __VA_ARGS__;                                                            \
+            return _result;                                                                \
+        }                                                                                  \
     } while (0)
 
 // DWI_CHECK_THROW(tracer, expr, message...): like DWI_CHECK_RETURN but throws
 // CheckResultFailedException("Expression failed") with the code.
-#define DWI_CHECK_THROW(tracer, expr, ...)                                                     \
-    do {                                                                                       \
-        const ::qor::result_t _result = (expr);                                                \
-        if (!QOR_SUCCEEDED(_result)) {                                                         \
-            DWI_CHECK_RECORD(tracer, ::qor::trace_level::kError, QOR_HERE, #expr, _result)     \
-                << __VA_ARGS__;                                                                \
-            throw ::qor::CheckResultFailedException(                                           \
-                std::string(::dwi::check::kExpressionFailed), QOR_HERE, #expr, _result);       \
-        }                                                                                      \
+#define DWI_CHECK_THROW(tracer, expr, ...)                                                        \
+    do {                                                                                          \
+        const ::qor::result_t _result = (expr);                                                   \
+        if (!QOR_SUCCEEDED(_result)) {                                                            \
+            DWI_CHECK_RECORD(tracer, ::qor::trace_level::kError, QOR_HERE, #expr, _result)        \
+                << __VA_ARGS__;                                                                   \
+            throw ::qor::CheckResultFailedException(std::string(::dwi::check::kExpressionFailed), \
+                                                    QOR_HERE, #expr, _result);                    \
+        }                                                                                         \
     } while (0)
 
 // DWI_CHECK_TRACE(tracer, level, expr, message...): evaluates `expr`, traces a
 // failure at `level` and goes on; the statement yields nothing.
-#define DWI_CHECK_TRACE(tracer, level, expr, ...)                                      \
-    do {                                                                               \
-        const ::qor::result_t _result = (expr);                                        \
-        if (!QOR_SUCCEEDED(_result)) {                                                 \
-            DWI_CHECK_RECORD(tracer, level, QOR_HERE, #expr, _result) << __VA_ARGS__;  \
-        }                                                                              \
+#define DWI_CHECK_TRACE(tracer, level, expr, ...)                                     \
+    do {                                                                              \
+        const ::qor::result_t _result = (expr);                                       \
+        if (!QOR_SUCCEEDED(_result)) {                                                \
+            DWI_CHECK_RECORD(tracer, level, QOR_HERE, #expr, _result) << __VA_ARGS__; \
+        }                                                                             \
     } while (0)
 
 // DWI_IGNORED_RESULT(tracer, expr, message...): destructors' form; never throws.
-#define DWI_IGNORED_RESULT(tracer, expr, ...)                                               \
-    do {                                                                                    \
-        const ::qor::result_t _result = (expr);                                             \
-        if (!QOR_SUCCEEDED(_result)) {                                                      \
-            QOR_TRACE(tracer, ::qor::trace_level::kError)                                   \
+#define DWI_IGNORED_RESULT(tracer, expr, ...)                                                 \
+    do {                                                                                      \
+        const ::qor::result_t _result = (expr);                                               \
+        if (!QOR_SUCCEEDED(_result)) {                                                        \
+            QOR_TRACE(tracer, ::qor::trace_level::kError)                                     \
                 << ::dwi::check::IgnoredHead{__func__, #expr, _result} << ' ' << __VA_ARGS__; \
-        }                                                                                   \
+        }                                                                                     \
     } while (0)

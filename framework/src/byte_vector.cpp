@@ -44,7 +44,8 @@ void ByteVector::Release() noexcept {
 }
 
 bool operator==(const ByteVector& a, const ByteVector& b) noexcept {
-    return a.size() == b.size() && (a.size() == 0 || std::memcmp(a.data(), b.data(), a.size()) == 0);
+    return a.size() == b.size() &&
+           (a.size() == 0 || std::memcmp(a.data(), b.data(), a.size()) == 0);
 }
 
 }  // namespace qor

@@ -3,8 +3,8 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 
-#include <cstdio>
 #include <cxxabi.h>
+#include <cstdio>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -141,8 +141,7 @@ const char* exception::what() const noexcept {
     }
 }
 
-ResultCodeException::ResultCodeException(std::string message, SourceLocation where,
-                                         result_t result)
+ResultCodeException::ResultCodeException(std::string message, SourceLocation where, result_t result)
     : ExceptionBase(std::move(message), where), m_result(result) {
     SetProperty(kPropResult, ResultValue{result});
 }
@@ -235,11 +234,10 @@ result_t CurrentExceptionToResult(ITracer* tracer, std::string_view context) noe
     // Any exception while classifying or tracing ends in std::terminate via
     // noexcept: a conversion must never fail silently.
     Classified c = Classify();
-    QOR_TRACE(tracer, trace_level::kError) << context
-                                           << (context.empty() || context.back() == ' '
-                                                   ? std::string_view{}
-                                                   : std::string_view{": "})
-                                           << c.text;
+    QOR_TRACE(tracer, trace_level::kError)
+        << context
+        << (context.empty() || context.back() == ' ' ? std::string_view{} : std::string_view{": "})
+        << c.text;
     return c.code;
 }
 

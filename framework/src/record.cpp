@@ -68,6 +68,9 @@ TraceRecord& TraceRecord::Write(std::string_view text) noexcept {
         return *this;
     }
     Pad(text.size());
+    if (text.empty()) {
+        return *this;  // an empty view may have a null data pointer
+    }
     if (!Reserve(static_cast<std::uint32_t>(text.size()))) {
         const std::uint32_t room = m_buf.capacity - m_buf.size;
         text = text.substr(0, room);
@@ -94,7 +97,9 @@ void TraceRecord::Pad(std::size_t length) noexcept {
     m_buf.size += static_cast<std::uint32_t>(pad);
 }
 
-TraceRecord& TraceRecord::WriteChar(char c) noexcept { return Write(std::string_view(&c, 1)); }
+TraceRecord& TraceRecord::WriteChar(char c) noexcept {
+    return Write(std::string_view(&c, 1));
+}
 
 namespace {
 std::size_t FormatUnsigned(char* end, std::uint64_t value, std::uint32_t flags) {
@@ -150,8 +155,8 @@ TraceRecord& TraceRecord::WriteDouble(double value) noexcept {
     const int n = std::snprintf(buf, sizeof(buf), format, m_width, m_precision, value);
     m_width = 0;
     if (n > 0) {
-        Write(std::string_view(buf, std::min<std::size_t>(static_cast<std::size_t>(n),
-                                                          sizeof(buf) - 1)));
+        Write(std::string_view(
+            buf, std::min<std::size_t>(static_cast<std::size_t>(n), sizeof(buf) - 1)));
     }
     return *this;
 }

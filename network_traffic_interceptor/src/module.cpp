@@ -27,8 +27,9 @@ result_t ReportCreationFailure(qor::IServiceLocator* locator, std::string_view c
 
 extern "C" {
 
-__attribute__((visibility("default"))) result_t qorCreateObject(
-    std::uint32_t clsid, const qor::CreationContext* context, qor::IObject** out) {
+__attribute__((visibility("default"))) result_t qorCreateObject(std::uint32_t clsid,
+                                                                const qor::CreationContext* context,
+                                                                qor::IObject** out) {
     using namespace dwi::network_interceptor;
     if (clsid == kCrashClassId) {
         std::terminate();
@@ -50,8 +51,8 @@ __attribute__((visibility("default"))) result_t qorCreateObject(
 }
 
 __attribute__((visibility("default"))) result_t qorGetObjectFactory(qor::IServiceLocator* locator,
-                                                                     std::uint32_t clsid,
-                                                                     qor::IObject** out) {
+                                                                    std::uint32_t clsid,
+                                                                    qor::IObject** out) {
     using namespace dwi::network_interceptor;
     if (clsid == kCrashClassId) {
         std::terminate();

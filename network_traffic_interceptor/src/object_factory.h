@@ -10,8 +10,7 @@
 namespace dwi::network_interceptor {
 
 // CreateFn builds one class's object with count 1; throws on failure.
-using CreateFn = qor::RefPtr<qor::IObject> (*)(qor::IServiceLocator* locator,
-                                               qor::ITracer* tracer);
+using CreateFn = qor::RefPtr<qor::IObject> (*)(qor::IServiceLocator* locator, qor::ITracer* tracer);
 
 // FindClass returns the creator of `clsid`, or null for a class that
 // qorCreateObject does not make.

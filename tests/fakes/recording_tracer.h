@@ -37,7 +37,8 @@ public:
         std::uint32_t level = 0;
         std::memcpy(&level, buffer->data, sizeof(level));
         std::lock_guard lock(m_mutex);
-        m_lines.push_back({level, std::string(buffer->data + sizeof(level), length - sizeof(level))});
+        m_lines.push_back(
+            {level, std::string(buffer->data + sizeof(level), length - sizeof(level))});
         return 0;
     }
     std::uint32_t GetMaxLevel() noexcept override { return m_maxLevel; }

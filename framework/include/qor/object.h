@@ -203,4 +203,3 @@ ImplPtr<T> Create(A&&... args) {
 
 }  // namespace object
 }  // namespace qor
-

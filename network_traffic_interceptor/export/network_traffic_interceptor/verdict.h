@@ -16,12 +16,12 @@ enum class Verdict : std::uint32_t {
 // Packet is one queued packet. The payload points into the receive buffer and
 // is valid only during OnPacketReceived; copy it to decide LATER.
 struct Packet {
-    std::uint32_t id = 0;      // packet id, host order
-    std::uint32_t queue = 0;   // 0 unknown, 1 input queue, 2 output queue
-    std::uint32_t indev = 0;   // input interface index, 0 when none
-    std::uint32_t outdev = 0;  // output interface index, 0 when none
-    bool payloadChanged = false;  // set to send the payload and mark back with the verdict
-    std::uint32_t mark = 0;       // packet mark, host order
+    std::uint32_t id = 0;                  // packet id, host order
+    std::uint32_t queue = 0;               // 0 unknown, 1 input queue, 2 output queue
+    std::uint32_t indev = 0;               // input interface index, 0 when none
+    std::uint32_t outdev = 0;              // output interface index, 0 when none
+    bool payloadChanged = false;           // set to send the payload and mark back with the verdict
+    std::uint32_t mark = 0;                // packet mark, host order
     std::uint8_t* payloadBegin = nullptr;  // the network-layer packet
     std::uint8_t* payloadEnd = nullptr;
 };

@@ -139,14 +139,18 @@ inline TraceRecord& operator<<(TraceRecord& r, SetFill f) noexcept {
     r.SetFill(f.fill);
     return r;
 }
-inline TraceRecord& operator<<(TraceRecord& r, std::string_view s) noexcept { return r.Write(s); }
+inline TraceRecord& operator<<(TraceRecord& r, std::string_view s) noexcept {
+    return r.Write(s);
+}
 inline TraceRecord& operator<<(TraceRecord& r, const char* s) noexcept {
     return s != nullptr ? r.Write(s) : r.Write("null");
 }
 inline TraceRecord& operator<<(TraceRecord& r, const std::string& s) noexcept {
     return r.Write(s);
 }
-inline TraceRecord& operator<<(TraceRecord& r, char c) noexcept { return r.WriteChar(c); }
+inline TraceRecord& operator<<(TraceRecord& r, char c) noexcept {
+    return r.WriteChar(c);
+}
 inline TraceRecord& operator<<(TraceRecord& r, bool b) noexcept {
     return r.WriteUnsigned(b ? 1 : 0);
 }
@@ -170,7 +174,9 @@ inline TraceRecord& operator<<(TraceRecord& r, double value) noexcept {
 inline TraceRecord& operator<<(TraceRecord& r, const void* p) noexcept {
     return r.WritePointer(p);
 }
-inline TraceRecord& operator<<(TraceRecord& r, std::nullptr_t) noexcept { return r.Write("null"); }
+inline TraceRecord& operator<<(TraceRecord& r, std::nullptr_t) noexcept {
+    return r.Write("null");
+}
 TraceRecord& operator<<(TraceRecord& r, Hex0x value) noexcept;
 TraceRecord& operator<<(TraceRecord& r, Result value) noexcept;
 template <class T>
@@ -184,7 +190,12 @@ TraceRecord& operator<<(TraceRecord& r, const std::optional<T>& value) noexcept 
 }  // namespace qor::trace
 
 // QOR_TRACE(tracer, level) << ...; streams a record when `level` is accepted.
-#define QOR_TRACE(tracer, level)                                                  \
-    if (::qor::trace::TraceRecord qor_trace_record_{(tracer), (level)}; !qor_trace_record_) { \
-    } else                                                                        \
+// A refused level costs one virtual call: no record is even constructed.
+#define QOR_TRACE(tracer, level)                                                        \
+    if (::qor::ITracer* const qor_trace_tracer_ = (tracer);                             \
+        qor_trace_tracer_ == nullptr ||                                                 \
+        qor_trace_tracer_->BeginRecord((level), nullptr, nullptr) != 0) {               \
+    } else if (::qor::trace::TraceRecord qor_trace_record_{qor_trace_tracer_, (level)}; \
+               !qor_trace_record_) {                                                    \
+    } else                                                                              \
         qor_trace_record_

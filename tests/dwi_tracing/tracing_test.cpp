@@ -1,0 +1,181 @@
+#include "dwi_tracing/tracing.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "dwi_tracing/check.h"
+#include "host/service_locator.h"
+#include "qor/exception.h"
+#include "tests/fakes/recording_tracer.h"
+
+namespace {
+
+using nti::test::RecordingTracer;
+using qor::trace::TraceRecord;
+
+// Counts how often it is formatted, to prove refused records format nothing.
+struct Probe {
+    int* count;
+};
+TraceRecord& operator<<(TraceRecord& r, const Probe& p) {
+    ++*p.count;
+    return r << "probe";
+}
+
+class TracingTest : public testing::Test {
+protected:
+    qor::object::ImplPtr<RecordingTracer> m_host = qor::object::Create<RecordingTracer>(800);
+    qor::RefPtr<qor::ITracer> m_tracer = qor::trace::CreatePrefixTracer(m_host.Get(), "Obj");
+};
+
+qor::result_t FailingCall() {
+    return qor::errors::kUnspecified;
+}
+
+qor::result_t ReturnsThroughCheck(qor::ITracer* tracer) {
+    DWI_CHECK_RETURN(tracer, FailingCall(),
+                     "Cannot do it for "
+                         << "svc");
+    return 0;
+}
+
+TEST_F(TracingTest, ResultCheckRecordBytes) {
+    EXPECT_EQ(ReturnsThroughCheck(m_tracer.Get()), qor::errors::kUnspecified);
+    const auto lines = m_host->Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, 300u);
+    EXPECT_THAT(
+        lines[0].text,
+        testing::MatchesRegex("Obj: tests/dwi_tracing/tracing_test:[0-9]+\\(FailingCall\\(\\)\\),"
+                              "\\(QOR_SUCCEEDED\\(_result\\)\\) failed: result = 0x8000004b "
+                              "\\(Unspecified error\\) Cannot do it for svc"));
+}
+
+TEST_F(TracingTest, FixedLineCheckRecordBytes) {
+    DWI_CHECK_RECORD(m_tracer.Get(), 300, QOR_AT(44),
+                     "interceptor->Start(filter, event, serviceName)", qor::errors::kInvalidState)
+        << "Cannot start interceptor for "
+        << "svc";
+    ASSERT_EQ(m_host->Texts().size(), 1u);
+    EXPECT_EQ(m_host->Texts()[0],
+              "Obj: tests/dwi_tracing/tracing_test:44(interceptor->Start(filter, event, "
+              "serviceName)),(QOR_SUCCEEDED(_result)) failed: result = 0x8000006a (Invalid state) "
+              "Cannot start interceptor for svc");
+}
+
+TEST_F(TracingTest, BooleanCheckRecordBytes) {
+    DWI_BOOL_RECORD(m_tracer.Get(), 300, QOR_AT(65), "it != m_interceptors.end()")
+        << "Cannot find " << qor::trace::Hex0x{0};
+    ASSERT_EQ(m_host->Texts().size(), 1u);
+    EXPECT_EQ(m_host->Texts()[0],
+              "Obj: tests/dwi_tracing/tracing_test:65(it != m_interceptors.end()),(bool) failed: "
+              "result = false Cannot find 0x0");
+}
+
+struct Stoppable {
+    qor::result_t Stop() { return qor::errors::kUnspecified; }
+};
+
+void DestructorLike(qor::ITracer* tracer) {
+    Stoppable s;
+    Stoppable* interceptor = &s;
+    DWI_IGNORED_RESULT(tracer, interceptor->Stop(), "Cannot stop interceptor");
+}
+
+TEST_F(TracingTest, IgnoredResultRecordBytes) {
+    DestructorLike(m_tracer.Get());
+    ASSERT_EQ(m_host->Texts().size(), 1u);
+    EXPECT_EQ(m_host->Texts()[0],
+              "Obj: DestructorLike: '(interceptor->Stop())=0x8000004b (Unspecified error)' Cannot "
+              "stop interceptor");
+}
+
+TEST_F(TracingTest, EntryExitAndMessageForms) {
+    struct Local {
+        static void Operation(qor::ITracer* t) {
+            DWI_TRACE_ENTRY(t);
+            DWI_TRACE_FN(t, 500) << "degraded";
+            DWI_TRACE_EXIT(t) << "done";
+        }
+    };
+    Local::Operation(m_tracer.Get());
+    EXPECT_THAT(m_host->Texts(),
+                testing::ElementsAre("Obj: Operation() ", "Obj: Operation: degraded",
+                                     "Obj: Operation() <- done"));
+}
+
+TEST_F(TracingTest, RefusedLevelFormatsNothing) {
+    int formatted = 0;
+    QOR_TRACE(m_tracer.Get(), 801) << Probe{&formatted};
+    EXPECT_EQ(formatted, 0);
+    EXPECT_TRUE(m_host->Lines().empty());
+    QOR_TRACE(m_tracer.Get(), 800) << Probe{&formatted};
+    EXPECT_EQ(formatted, 1);
+    EXPECT_EQ(m_host->Texts(), std::vector<std::string>{"Obj: probe"});
+}
+
+TEST_F(TracingTest, PrefixJoinsOverParentPrefixTracer) {
+    auto child = qor::trace::CreatePrefixTracer(m_tracer.Get(), "Child");
+    auto grandChild = qor::trace::CreatePrefixTracer(child.Get(), "Leaf");
+    QOR_TRACE(child.Get(), 300) << "a";
+    QOR_TRACE(grandChild.Get(), 300) << "b";
+    EXPECT_THAT(m_host->Texts(), testing::ElementsAre("Obj::Child: a", "Obj::Child::Leaf: b"));
+}
+
+TEST_F(TracingTest, BeginWithoutBufferPassesThrough) {
+    EXPECT_EQ(m_tracer->BeginRecord(800, nullptr, nullptr), 0);
+    EXPECT_EQ(m_tracer->BeginRecord(900, nullptr, nullptr), qor::errors::kNotMatched);
+    EXPECT_EQ(m_tracer->GetMaxLevel(), 800u);
+}
+
+TEST_F(TracingTest, RecordGrowsBeyondInitialCapacity) {
+    const std::string big(3000, 'x');
+    QOR_TRACE(m_tracer.Get(), 300) << big << "|end";
+    ASSERT_EQ(m_host->Texts().size(), 1u);
+    EXPECT_EQ(m_host->Texts()[0], "Obj: " + big + "|end");
+}
+
+TEST_F(TracingTest, ValueFormatting) {
+    using namespace qor::trace;
+    QOR_TRACE(m_tracer.Get(), 300)
+        << 255 << ' ' << hex << showbase << 255 << ' ' << -255 << ' ' << oct << 8 << ' ' << dec
+        << noshowbase << -3 << ' ' << SetWidth{5} << SetFill{'.'} << 42 << ' ' << fixed
+        << SetPrecision{2} << 3.14159 << ' ' << scientific << 1234.5 << ' ' << std::optional<int>()
+        << ' ' << std::optional<int>(7) << ' ' << static_cast<const void*>(nullptr) << ' ' << true
+        << ' ' << Result{1};
+    ASSERT_EQ(m_host->Texts().size(), 1u);
+    EXPECT_EQ(m_host->Texts()[0],
+              "Obj: 255 0xff -0xff 010 -3 ...42 3.14 1.23e+03 null 7 null 1 0x00000001 (False)");
+}
+
+TEST(PrefixTracerCreation, LocatorWithoutTracerThrowsAtFixedLine) {
+    auto locator = qor::object::Create<nti::host::ServiceLocator>();
+    try {
+        qor::trace::CreatePrefixTracer(locator.Get(), "X");
+        FAIL() << "no exception";
+    } catch (const qor::CheckResultFailedException& e) {
+        EXPECT_EQ(e.Message(), "Expression failed");
+        EXPECT_EQ(e.Where().file, "dwi_tracing/tracing");
+        EXPECT_EQ(e.Where().line, 107u);
+        EXPECT_EQ(e.Result(), qor::errors::kNoInterface);
+    }
+}
+
+TEST(PrefixTracerCreation, QueryInterfaceTable) {
+    auto host = qor::object::Create<RecordingTracer>();
+    auto tracer = qor::trace::CreatePrefixTracer(host.Get(), "T");
+    for (const qor::iid_t iid : {0x00000000u, 0x6EF3329Bu, 0xCE153B3Bu}) {
+        void* out = nullptr;
+        EXPECT_EQ(tracer->QueryInterface(iid, &out), 0) << std::hex << iid;
+        ASSERT_NE(out, nullptr);
+        static_cast<qor::IObject*>(out)->Release();
+    }
+    void* out = nullptr;
+    EXPECT_EQ(tracer->QueryInterface(0x12345678, &out), qor::errors::kNoInterface);
+    EXPECT_EQ(out, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,162 @@
+#include "qor/exception.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <new>
+#include <stdexcept>
+#include <typeinfo>
+
+#include "tests/fakes/recording_tracer.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr qor::SourceLocation kWhere{"framework/src/example", 42};
+
+qor::result_t Convert(const std::function<void()>& thrower, nti::test::RecordingTracer* tracer,
+                      std::string_view context = "Ctx") {
+    try {
+        thrower();
+    } catch (...) {
+        return qor::CurrentExceptionToResult(tracer, context);
+    }
+    return qor::errors::kOk;
+}
+
+qor::exception RootWith(std::string_view name, qor::PropertyValue value) {
+    qor::exception e("root", kWhere);
+    e.SetProperty(name, std::move(value));
+    return e;
+}
+
+struct ConversionCase {
+    const char* name;
+    std::function<void()> thrower;
+    std::uint32_t expected;
+    const char* textPart;  // part of the exception text written to the record
+};
+
+const ConversionCase kConversions[] = {
+    {"ResultCode", [] { throw qor::ResultCodeException("rc", kWhere, qor::errors::kNotFound); },
+     0x8000004C, "rc (framework/src/example:42)."},
+    {"ResultCodeSuccess", [] { throw qor::ResultCodeException("ok", kWhere, 1); }, 0x80000152,
+     "ok ("},
+    {"CheckResultFailed",
+     [] { throw qor::CheckResultFailedException("Expression failed", kWhere, "f()", -5); },
+     0xFFFFFFFB, "Expression failed"},
+    {"SystemException", [] { throw qor::SystemException("sys", kWhere, 2); }, 0x80010102,
+     "os.result=0x00000002"},
+    {"TimeSystemError", [] { throw qor::datetime::TimeSystemError("time", kWhere, 22); },
+     0x80000046, "time ("},
+    {"CheckFailed", [] { throw qor::CheckFailedException("check", kWhere); }, 0x80000151,
+     "check ("},
+    {"RuntimeError", [] { throw qor::RuntimeError("rt", kWhere); }, 0x80000151, "rt ("},
+    {"GetInterface", [] { throw qor::GetInterfaceException(kWhere, 0x6EF3329B, 0, 0x80000001); },
+     0x80000001, "Can't get interface (framework/src/example:42)."},
+    {"RootNoProperty", [] { throw qor::exception("bare", kWhere); }, 0x80000151, "bare ("},
+    {"RootResult", [] { throw RootWith(qor::kPropResult, qor::ResultValue{-7}); }, 0xFFFFFFF9,
+     "qor.result=0xfffffff9"},
+    {"RootOsResult", [] { throw RootWith(qor::kPropOsResult, qor::OsResultValue{13}); }, 0x80000045,
+     "os.result=0x0000000d"},
+    {"RootOsResultUnmapped", [] { throw RootWith(qor::kPropOsResult, qor::OsResultValue{4}); },
+     0x80060004, "root"},
+    {"RootModuleResultEmpty", [] { throw RootWith(qor::kPropModuleResult, std::string()); },
+     0x00000000, "root"},
+    {"RootModuleResultUndefinedSymbol",
+     [] { throw RootWith(qor::kPropModuleResult, std::string("undefined symbol: foo")); },
+     0x80010107, "os.module_result=undefined symbol: foo"},
+    {"RootModuleResultOther",
+     [] { throw RootWith(qor::kPropModuleResult, std::string("cannot open shared object")); },
+     0x80010100, "root"},
+    {"BadAlloc", [] { throw std::bad_alloc(); }, 0x80000041, "std::bad_alloc"},
+    {"BadCast", [] { throw std::bad_cast(); }, 0x80000047, "std::bad_cast"},
+    {"LengthError", [] { throw std::length_error("too long"); }, 0x8000005C, "too long"},
+    {"OutOfRange", [] { throw std::out_of_range("range"); }, 0x8000005E, "range"},
+    {"InvalidArgument", [] { throw std::invalid_argument("arg"); }, 0x80000046, "arg"},
+    {"OtherStd", [] { throw std::runtime_error("other"); }, 0x80000151, "other"},
+    {"Unknown", [] { throw 42; }, 0x80000072, "Unknown exception"},
+};
+
+void PrintTo(const ConversionCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class ConversionTest : public testing::TestWithParam<ConversionCase> {};
+
+TEST_P(ConversionTest, ClassifiesAndTracesOneErrorRecord) {
+    const auto& c = GetParam();
+    auto tracer = qor::object::Create<nti::test::RecordingTracer>();
+    EXPECT_EQ(static_cast<std::uint32_t>(Convert(c.thrower, tracer.Get())), c.expected);
+    const auto lines = tracer->Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, 300u);
+    EXPECT_THAT(lines[0].text, StartsWith("Ctx: "));
+    EXPECT_THAT(lines[0].text, HasSubstr(c.textPart));
+}
+
+INSTANTIATE_TEST_SUITE_P(AllKinds, ConversionTest, testing::ValuesIn(kConversions),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ConversionTest, NoCurrentException) {
+    auto tracer = qor::object::Create<nti::test::RecordingTracer>();
+    EXPECT_EQ(qor::CurrentExceptionToResult(tracer.Get(), "Ctx"), qor::errors::kNoCurrentException);
+}
+
+TEST(ConversionTest, ContextEndingInBlankIsNotFollowedByColon) {
+    auto tracer = qor::object::Create<nti::test::RecordingTracer>();
+    Convert([] { throw std::invalid_argument("bad"); }, tracer.Get(),
+            "Exception during object construction: ");
+    ASSERT_EQ(tracer->Texts().size(), 1u);
+    EXPECT_EQ(tracer->Texts()[0], "Exception during object construction: bad");
+}
+
+TEST(ConversionTest, WithoutTracerStillReturnsTheCode) {
+    EXPECT_EQ(Convert([] { throw std::out_of_range("r"); }, nullptr), qor::errors::kOutOfRange);
+}
+
+TEST(ExceptionTextTest, LayoutOfWhat) {
+    qor::GetInterfaceException e({"framework/include/qor/rtl/objclient", 103}, 0x4CEB704A, 0,
+                                 qor::errors::kNoInterface);
+    const std::string text = e.what();
+    EXPECT_THAT(text, StartsWith("Can't get interface (framework/include/qor/rtl/objclient:103). "
+                                 "Properties: qor.iid=0x000000004ceb704a; "
+                                 "qor.serviceKey=0x0000000000000000; qor.result=0x80000001;\n"
+                                 "Call stack:\n# "));
+    EXPECT_THAT(text, HasSubstr("!"));
+}
+
+struct ValueCase {
+    qor::PropertyValue value;
+    const char* text;
+};
+
+TEST(ExceptionTextTest, PropertyValueForms) {
+    const ValueCase cases[] = {
+        {qor::ResultValue{qor::errors::kNotFound}, "0x8000004c"},
+        {qor::OsResultValue{11}, "0x0000000b"},
+        {std::int64_t{-16}, "-0x0000000000000010"},
+        {std::int64_t{255}, "0x00000000000000ff"},
+        {std::uint64_t{0xABCDEF}, "0x0000000000abcdef"},
+        {std::string("narrow"), "narrow"},
+        {std::wstring(L"wide\u00e9"), "wide?"},
+        {qor::OtherValue{1234}, "<typeid=1234>"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(qor::FormatPropertyValue(c.value), c.text);
+    }
+}
+
+TEST(ExceptionTextTest, SetPropertyReplaces) {
+    qor::exception e("m", kWhere);
+    e.SetProperty("k", std::uint64_t{1});
+    e.SetProperty("k", std::uint64_t{2});
+    ASSERT_EQ(e.Properties().size(), 1u);
+    EXPECT_EQ(std::get<std::uint64_t>(*e.FindProperty("k")), 2u);
+    EXPECT_EQ(e.FindProperty("missing"), nullptr);
+}
+
+}  // namespace

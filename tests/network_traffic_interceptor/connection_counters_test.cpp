@@ -1,0 +1,911 @@
+#include "network_traffic_interceptor/src/connection_counters.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "host/service_locator.h"
+#include "network_traffic_interceptor/src/meta_registry.h"
+#include "qor/exception.h"
+#include "qor/serializer.h"
+#include "tests/fakes/call_log.h"
+#include "tests/fakes/fake_allocator.h"
+#include "tests/fakes/fake_dynamic_rules.h"
+#include "tests/fakes/fake_iptables_info_provider.h"
+#include "tests/fakes/fake_key_value_storage.h"
+#include "tests/fakes/fake_nflog_listener_factory.h"
+#include "tests/fakes/fake_startup_data_provider.h"
+#include "tests/fakes/fake_timer.h"
+#include "tests/fakes/recording_tracer.h"
+#include "tests/network_traffic_interceptor/nflog_message.h"
+
+namespace dwi::network_interceptor {
+
+// ConnectionCountersTestAccess reaches the harvest without a timer.
+struct ConnectionCountersTestAccess {
+    static int Harvest(ConnectionCounters& service, std::uint32_t id) {
+        return service.HarvestTimeHandler(id);
+    }
+};
+
+namespace {
+
+using connection_counters_data::CollectorData;
+using connection_counters_data::Collectors;
+using nti::test::Bytes;
+using nti::test::NflogPacket;
+using qor::object::Create;
+using qor::object::ImplPtr;
+using system_interceptors::net::statistics::ConnectionCounter;
+using system_interceptors::net::statistics::IntervalCounters;
+using system_interceptors::net::statistics::ip_t;
+using system_interceptors::net::statistics::PeriodAlignment;
+
+constexpr auto kEpoch = PeriodAlignment::EpochStartDate;
+constexpr auto kRegistration = PeriodAlignment::CollectorRegistration;
+constexpr std::uint8_t kLocalIn = 1;
+constexpr std::uint8_t kLocalOut = 3;
+
+using nti::test::kHostV4;
+using nti::test::kHostV6;
+using nti::test::kPeerV4;
+using nti::test::kPeerV6;
+
+// RoundTripSerializer keeps what it serialises; the blob is a tag and an
+// index. Anything else is a damaged blob.
+class RoundTripSerializer : public qor::object::Ifaces<qor::IBinarySerializer> {
+public:
+    qor::result_t Serialize(const qor::AnyRef& data, qor::IAllocator* alloc, void** ptr,
+                            std::size_t* len, std::uint32_t) noexcept override {
+        if (m_serializeResult < 0) {
+            return m_serializeResult;
+        }
+        if (!IsCollectors(data)) {
+            return qor::errors::kInvalidType;
+        }
+        const std::uint32_t words[2] = {kTag, static_cast<std::uint32_t>(m_records.size())};
+        void* buffer = alloc->Allocate(sizeof(words));
+        if (buffer == nullptr) {
+            return qor::errors::kOutOfMemory;
+        }
+        m_records.push_back(*static_cast<const Collectors*>(data.object));
+        std::memcpy(buffer, words, sizeof(words));
+        *ptr = buffer;
+        *len = sizeof(words);
+        return 0;
+    }
+    qor::result_t Deserialize(const void* blob, const qor::AnyRef& data, std::size_t len,
+                              std::uint32_t) noexcept override {
+        std::uint32_t words[2] = {};
+        if (!IsCollectors(data) || len != sizeof(words)) {
+            return qor::errors::kInvalidSize;
+        }
+        std::memcpy(words, blob, sizeof(words));
+        if (words[0] != kTag || words[1] >= m_records.size()) {
+            return qor::errors::kInvalidSignature;
+        }
+        *static_cast<Collectors*>(data.object) = m_records[words[1]];
+        return 0;
+    }
+
+    // Last is the record serialised last.
+    const Collectors& Last() const { return m_records.back(); }
+    std::size_t Count() const { return m_records.size(); }
+    void FailSerialize(qor::result_t code) { m_serializeResult = code; }
+
+private:
+    static constexpr std::uint32_t kTag = 0x52545331;
+    static bool IsCollectors(const qor::AnyRef& data) {
+        return data.IsValid() && data.type->typeId == connection_counters_data::kCollectorsTypeId;
+    }
+
+    std::vector<Collectors> m_records;
+    qor::result_t m_serializeResult = 0;
+};
+
+ip_t V4(std::array<std::uint8_t, 4> bytes) {
+    ip_t ip;
+    ip.family = 4;
+    ip.v4.bytes = bytes;
+    return ip;
+}
+
+ip_t V6(std::array<std::uint8_t, 16> bytes) {
+    ip_t ip;
+    ip.family = 6;
+    ip.v6.bytes = bytes;
+    return ip;
+}
+
+// Outgoing TCP packet from local port `port` on interface `ifindex`.
+NflogPacket Out(std::uint16_t port, std::uint16_t totalLength = 100, std::uint32_t ifindex = 2) {
+    return {.hook = kLocalOut,
+            .outDevice = ifindex,
+            .payload =
+                nti::test::Ipv4Packet(kHostV4, kPeerV4, nti::test::kTcp, port, 443, totalLength)};
+}
+
+NflogPacket In(std::uint16_t port, std::uint16_t totalLength = 100, std::uint32_t ifindex = 2) {
+    return {.hook = kLocalIn,
+            .inDevice = ifindex,
+            .payload =
+                nti::test::Ipv4Packet(kPeerV4, kHostV4, nti::test::kTcp, 443, port, totalLength)};
+}
+
+// Find returns the counter of local port `port` in `interval`, or null.
+const ConnectionCounter* Find(const IntervalCounters& interval, std::uint16_t port) {
+    for (const auto& counter : interval.counters) {
+        if (counter.localPort == port) {
+            return &counter;
+        }
+    }
+    return nullptr;
+}
+
+// ServiceHarness: the statistics service's host services, all fakes except
+// the locator and the metadata registry.
+class ServiceHarness {
+public:
+    ServiceHarness() {
+        m_locator = Create<nti::host::ServiceLocator>();
+        m_tracer = Create<nti::test::RecordingTracer>();
+        m_storage = Create<nti::test::FakeKeyValueStorage>();
+        m_timer = Create<nti::test::FakeTimer>();
+        m_registry = Create<MetaInfoDescriptorsNamespace::TypeDescriptorStaticRegistry>();
+        m_iptables = Create<nti::test::FakeIptablesInfoProvider>(1u);
+        m_startup = Create<nti::test::FakeStartupDataProvider>(
+            dwi::firewall::StartupData{.nflogBypassMark = 0x4000});
+        m_factory = Create<nti::test::FakeNflogListenerFactory>();
+        m_firewall = Create<nti::test::FakeDynamicRules>();
+        m_serializer = Create<RoundTripSerializer>();
+        m_allocator = Create<nti::test::FakeAllocator>();
+        m_locator->Register(qor::ITracer::IID, m_tracer.Get());
+        m_locator->Register(app_core::component::IKeyValueStorage::IID, m_storage.Get());
+        m_locator->Register(qor::ITimer::IID, m_timer.Get());
+        m_locator->Register(qor::IMetaInfoProvider::IID,
+                            static_cast<qor::IMetaInfoProvider*>(m_registry.Get()));
+        m_locator->Register(dwi::firewall::IIptablesInfoProvider::IID, m_iptables.Get());
+        m_locator->Register(dwi::firewall::IStartupDataProvider::IID, m_startup.Get());
+        m_locator->Register(dwi::firewall::INflogListenerFactory::IID, m_factory.Get());
+        m_locator->Register(dwi::firewall::IDynamicRules::IID, m_firewall.Get());
+        m_locator->Register(qor::IBinarySerializer::IID, m_serializer.Get());
+        m_locator->Register(qor::IAllocator::IID, m_allocator.Get());
+        m_storage->SetLog(&m_log);
+        m_timer->SetLog(&m_log);
+        m_factory->SetLog(&m_log);
+    }
+
+    ImplPtr<ConnectionCounters> Make() {
+        return Create<ConnectionCounters>(
+            m_locator.Get(), m_tracer.Get(),
+            NetworkInventory([this](std::vector<dwi::network::NetworkInterface>& out) {
+                if (m_inventoryResult < 0) {
+                    return m_inventoryResult;
+                }
+                out = m_interfaces;
+                return qor::result_t{0};
+            }));
+    }
+
+    // MakeWithTwoCollectors registers collector 1 (EpochStartDate, 60000) and
+    // 2 (CollectorRegistration, 30000) and harvests one connection for 1.
+    ImplPtr<ConnectionCounters> MakeWithTwoCollectors() {
+        auto service = Make();
+        EXPECT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+        qor::IRunnable* first = m_timer->Latest();
+        EXPECT_EQ(service->RegisterCollector(2, kRegistration, 30000), 0);
+        Deliver(Out(1000));
+        EXPECT_EQ(m_timer->Fire(first), 0);
+        return service;
+    }
+
+    void Deliver(const NflogPacket& packet) {
+        const nti::test::NflogMessage message(packet);
+        m_factory->Listener()->Deliver(message.Header(), message.Attributes());
+    }
+
+    // Read takes collector `id`'s ready intervals, expecting success.
+    std::vector<IntervalCounters> Read(ConnectionCounters& service, std::uint32_t id) {
+        std::vector<IntervalCounters> intervals;
+        EXPECT_EQ(service.ReadCounters(id, intervals), 0);
+        return intervals;
+    }
+
+    bool HasLine(std::uint32_t level, const std::string& text) const {
+        for (const auto& line : m_tracer->Lines()) {
+            if (line.level == level && line.text == text) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // HasCheckRecord matches a level-300 checked-call record of the service.
+    bool HasCheckRecord(const std::string& expression, const std::string& tail) const {
+        const std::regex pattern("network_traffic_interceptor/src/connection_counters:[0-9]+\\(" +
+                                 expression +
+                                 "\\),\\(QOR_SUCCEEDED\\(_result\\)\\) failed: result = " + tail);
+        for (const auto& line : m_tracer->Lines()) {
+            if (line.level == 300 && std::regex_search(line.text, pattern)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    nti::test::CallLog m_log;
+    ImplPtr<nti::host::ServiceLocator> m_locator;
+    ImplPtr<nti::test::RecordingTracer> m_tracer;
+    ImplPtr<nti::test::FakeKeyValueStorage> m_storage;
+    ImplPtr<nti::test::FakeTimer> m_timer;
+    ImplPtr<MetaInfoDescriptorsNamespace::TypeDescriptorStaticRegistry> m_registry;
+    ImplPtr<nti::test::FakeIptablesInfoProvider> m_iptables;
+    ImplPtr<nti::test::FakeStartupDataProvider> m_startup;
+    ImplPtr<nti::test::FakeNflogListenerFactory> m_factory;
+    ImplPtr<nti::test::FakeDynamicRules> m_firewall;
+    ImplPtr<RoundTripSerializer> m_serializer;
+    ImplPtr<nti::test::FakeAllocator> m_allocator;
+    std::vector<dwi::network::NetworkInterface> m_interfaces;
+    qor::result_t m_inventoryResult = 0;
+};
+
+class ConnectionCountersTest : public ::testing::Test, public ServiceHarness {};
+
+TEST_F(ConnectionCountersTest, StartsEmptyWithoutStoredValue) {
+    const auto service = Make();
+    EXPECT_TRUE(HasLine(800, "ConnectionCounters: ConnectionCounters() "));
+    EXPECT_TRUE(HasLine(800, "ConnectionCounters: LoadCountersFromStorage() "));
+    EXPECT_TRUE(HasLine(700,
+                        "ConnectionCounters: LoadCountersFromStorage: There's no any saved "
+                        "statistics"));
+    EXPECT_TRUE(HasLine(800, "ConnectionCounters: ConnectionCounters() <- m_outCollectors.size=0"));
+    EXPECT_EQ(m_factory->Listener(), nullptr);
+    EXPECT_EQ(m_timer->SetCount(), 0u);
+}
+
+TEST_F(ConnectionCountersTest, ConstructionFailsWithoutItsHostServices) {
+    const struct {
+        qor::iid_t iid;
+        const char* expression;
+        const char* message;
+    } cases[] = {
+        {app_core::component::IKeyValueStorage::IID,
+         "qor::GetInterface\\(sl, m_storage.Ref\\(\\)\\)",
+         "Cannot get app_core::component::IKeyValueStorage"},
+        {qor::ITimer::IID, "qor::GetInterface\\(sl, m_harvestTimer.Ref\\(\\)\\)",
+         "Cannot get qor::ITimer interface"},
+        {qor::IMetaInfoProvider::IID, "qor::GetInterface\\(sl, m_metaInfoProvider.Ref\\(\\)\\)",
+         "Cannot get qor::IMetaInfoProvider interface"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        ServiceHarness h;
+        h.m_locator->Unregister(c.iid);
+        try {
+            h.Make();
+            ADD_FAILURE() << "constructed";
+        } catch (const qor::CheckResultFailedException& e) {
+            EXPECT_EQ(e.Message(), "Expression failed");
+            EXPECT_EQ(e.Result(), qor::errors::kNoInterface);
+        }
+        EXPECT_TRUE(h.HasCheckRecord(c.expression, "0x80000001 \\(Interface not supported\\) " +
+                                                       std::string(c.message) + "$"));
+    }
+}
+
+TEST_F(ConnectionCountersTest, FirstRegistrationCreatesAndStartsTheSource) {
+    m_iptables = Create<nti::test::FakeIptablesInfoProvider>(0x100u);  // low byte 0: IPv4 only
+    m_locator->Register(dwi::firewall::IIptablesInfoProvider::IID, m_iptables.Get());
+    const auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+
+    ASSERT_EQ(m_factory->Listeners().size(), 1u);
+    EXPECT_EQ(m_factory->Listener()->Starts(), (std::vector<std::vector<std::uint16_t>>{{10000}}));
+    const auto calls = m_firewall->Calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].tag, "zolt_stats");
+    for (const auto& rule : calls[0].rules) {
+        const auto& nflog = std::get<dwi::firewall::NflogRule>(rule);
+        EXPECT_EQ(nflog.nflogGroup, 10000);
+        EXPECT_EQ(nflog.bypassMark, 0x4000u);
+        EXPECT_EQ(nflog.ipVersion, 4);
+    }
+    const auto scheduled = m_timer->Scheduled();
+    ASSERT_EQ(scheduled.size(), 1u);
+    EXPECT_EQ(scheduled[0].period, 60000u);
+
+    const auto texts = m_tracer->Texts();
+    const std::vector<std::string> expected = {
+        "ConnectionCounters: RegisterCollector() id=1, periodAlignment=EpochStartDate, "
+        "period=60000",
+        "ConnectionCounters: StartCollectionForCollector() collector=1",
+        "ConnectionCounters: StartCollectionForCollector() <- ",
+        "ConnectionCounters: RegisterCollector: register new collector: 1, "
+        "periodAlignment=EpochStartDate, period=60000",
+        "ConnectionCounters: RegisterCollector() <- ",
+    };
+    auto at = texts.begin();
+    for (const auto& line : expected) {
+        at = std::find(at, texts.end(), line);
+        EXPECT_NE(at, texts.end()) << "missing or out of order: " << line;
+    }
+}
+
+TEST_F(ConnectionCountersTest, HarvestClosesTheTriggersIntervalAndReadHandsItOverOnce) {
+    const auto service = Make();
+    const std::uint64_t registered = CurrentTime();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    qor::IRunnable* harvest = m_timer->Latest();
+    Deliver(Out(40000, 100));
+    Deliver(In(40000, 1500));
+    Deliver(In(40000, 40));
+    ASSERT_EQ(m_timer->Fire(harvest), 0);
+
+    const auto intervals = Read(*service, 1);
+    ASSERT_EQ(intervals.size(), 1u);
+    EXPECT_LE(registered, intervals[0].begin);
+    EXPECT_LE(intervals[0].begin, intervals[0].end);
+    EXPECT_LE(intervals[0].end, CurrentTime());
+    ASSERT_EQ(intervals[0].counters.size(), 1u);
+    const ConnectionCounter& c = intervals[0].counters[0];
+    EXPECT_EQ(c.localIp, V4(kHostV4));
+    EXPECT_EQ(c.remoteIp, V4(kPeerV4));
+    EXPECT_EQ(c.localPort, 40000);
+    EXPECT_EQ(c.remotePort, 443);
+    EXPECT_EQ(c.localMac, std::nullopt);
+    EXPECT_EQ(c.remoteMac, std::nullopt);
+    EXPECT_EQ(c.bytesSent, 100u);
+    EXPECT_EQ(c.packetsSent, 1u);
+    EXPECT_EQ(c.bytesReceived, 1540u);
+    EXPECT_EQ(c.packetsReceived, 2u);
+    EXPECT_EQ(c.etherType, 0);
+    EXPECT_EQ(c.ipProtocol, 6);
+    EXPECT_FALSE(c.proxyDetected);
+    EXPECT_EQ(c.domain, std::nullopt);
+    EXPECT_TRUE(c.payloadPrefix.empty());
+    EXPECT_EQ(c.gatewayIp, std::nullopt);
+    EXPECT_EQ(c.gatewayMac, std::nullopt);
+
+    EXPECT_TRUE(Read(*service, 1).empty());
+    // The next interval starts where the previous ended.
+    Deliver(Out(40000));
+    ASSERT_EQ(m_timer->Fire(harvest), 0);
+    const auto next = Read(*service, 1);
+    ASSERT_EQ(next.size(), 1u);
+    EXPECT_EQ(next[0].begin, intervals[0].end);
+    EXPECT_TRUE(
+        HasLine(800, "ConnectionCounters: HarvestTimeUnsafe() collectorTrigger=1, cutMod=0"));
+}
+
+TEST_F(ConnectionCountersTest, EveryCollectorReceivesTheHarvestOnlyTheTriggerIsClosed) {
+    const auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    qor::IRunnable* first = m_timer->Latest();
+    ASSERT_EQ(service->RegisterCollector(2, kEpoch, 30000), 0);
+    qor::IRunnable* second = m_timer->Latest();
+
+    Deliver(Out(1000));
+    ASSERT_EQ(m_timer->Fire(first), 0);
+    ASSERT_EQ(Read(*service, 1).size(), 1u);
+    EXPECT_TRUE(Read(*service, 2).empty());
+
+    Deliver(Out(1000));
+    Deliver(Out(2000));
+    ASSERT_EQ(m_timer->Fire(second), 0);
+    const auto fromSecond = Read(*service, 2);
+    ASSERT_EQ(fromSecond.size(), 1u);
+    ASSERT_EQ(fromSecond[0].counters.size(), 2u);
+    EXPECT_EQ(Find(fromSecond[0], 1000)->packetsSent, 2u);  // both harvests added up
+    EXPECT_EQ(Find(fromSecond[0], 2000)->packetsSent, 1u);
+
+    ASSERT_EQ(m_timer->Fire(first), 0);
+    const auto fromFirst = Read(*service, 1);
+    ASSERT_EQ(fromFirst.size(), 1u);
+    EXPECT_EQ(Find(fromFirst[0], 1000)->packetsSent, 1u);
+    EXPECT_EQ(Find(fromFirst[0], 2000)->packetsSent, 1u);
+}
+
+TEST_F(ConnectionCountersTest, RegistrationAlignedCollectorGetsNothingFromItsRegistrationHarvest) {
+    const auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    qor::IRunnable* first = m_timer->Latest();
+    Deliver(Out(1000));
+
+    ASSERT_EQ(service->RegisterCollector(2, kRegistration, 30000), 0);
+    qor::IRunnable* second = m_timer->Latest();
+    EXPECT_TRUE(HasLine(800,
+                        "ConnectionCounters: RegisterCollector() id=2, "
+                        "periodAlignment=CollectorRegistration, period=30000"));
+    EXPECT_TRUE(
+        HasLine(800, "ConnectionCounters: HarvestTimeUnsafe() collectorTrigger=2, cutMod=1"));
+    EXPECT_TRUE(Read(*service, 1).empty());  // received, not closed
+
+    Deliver(Out(2000));
+    ASSERT_EQ(m_timer->Fire(second), 0);
+    const auto fromSecond = Read(*service, 2);
+    ASSERT_EQ(fromSecond.size(), 1u);
+    ASSERT_EQ(fromSecond[0].counters.size(), 1u);
+    EXPECT_EQ(fromSecond[0].counters[0].localPort, 2000);
+
+    ASSERT_EQ(m_timer->Fire(first), 0);
+    const auto fromFirst = Read(*service, 1);
+    ASSERT_EQ(fromFirst.size(), 1u);
+    EXPECT_EQ(fromFirst[0].counters.size(), 2u);
+}
+
+TEST_F(ConnectionCountersTest, SameParametersKeepTheCollectorOthersRestartIt) {
+    const auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    qor::IRunnable* harvest = m_timer->Latest();
+    Deliver(Out(1000));
+    ASSERT_EQ(m_timer->Fire(harvest), 0);
+
+    EXPECT_EQ(service->RegisterCollector(1, kEpoch, 60000), 1);
+    EXPECT_EQ(m_timer->SetCount(), 1u);
+    EXPECT_EQ(m_timer->CancelCount(), 0u);
+
+    struct Change {
+        PeriodAlignment alignment;
+        std::uint32_t period;
+    };
+    for (const Change change : {Change{kEpoch, 30000}, Change{kRegistration, 30000}}) {
+        SCOPED_TRACE(change.period);
+        Deliver(Out(1000));
+        ASSERT_EQ(m_timer->Fire(m_timer->Latest()), 0);
+        const std::uint32_t cancels = m_timer->CancelCount();
+        EXPECT_EQ(service->RegisterCollector(1, change.alignment, change.period), 0);
+        EXPECT_EQ(m_timer->CancelCount(), cancels + 1);
+        const auto scheduled = m_timer->Scheduled();
+        ASSERT_EQ(scheduled.size(), 1u);
+        EXPECT_EQ(scheduled[0].period, change.period);
+        EXPECT_TRUE(Read(*service, 1).empty());  // the old intervals were dropped
+        EXPECT_TRUE(HasLine(800, "ConnectionCounters: RegisterCollector: unregister collector: 1"));
+    }
+    EXPECT_EQ(m_factory->Listeners().size(), 1u);
+    EXPECT_EQ(m_factory->Listener()->Stops(), 0);
+}
+
+TEST_F(ConnectionCountersTest, LastUnregistrationStopsTheSourceAndRegistrationRestartsIt) {
+    const auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    ASSERT_EQ(service->RegisterCollector(2, kEpoch, 60000), 0);
+    const auto listener = m_factory->Listener();
+
+    EXPECT_EQ(service->UnregisterCollector(1), 0);
+    EXPECT_EQ(listener->Stops(), 0);
+    EXPECT_EQ(service->UnregisterCollector(1), 1);
+    std::vector<IntervalCounters> counters;
+    EXPECT_EQ(service->ReadCounters(1, counters), qor::errors::kNotFound);
+
+    EXPECT_EQ(service->UnregisterCollector(2), 0);
+    EXPECT_EQ(listener->Stops(), 1);
+    ASSERT_EQ(m_firewall->Calls().size(), 2u);
+    EXPECT_FALSE(m_firewall->Calls()[1].add);
+    EXPECT_TRUE(m_timer->Scheduled().empty());
+
+    ASSERT_EQ(service->RegisterCollector(3, kEpoch, 60000), 0);
+    EXPECT_EQ(m_factory->Listeners().size(), 1u);
+    EXPECT_EQ(listener->Starts().size(), 2u);
+    EXPECT_EQ(m_firewall->Calls().size(), 3u);
+}
+
+TEST_F(ConnectionCountersTest, ReadCountersSwapsAndLeavesTheVectorAloneForUnknownIds) {
+    const auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    ASSERT_EQ(m_timer->Fire(m_timer->Latest()), 0);
+
+    const IntervalCounters sentinel{7, 8, {}};
+    std::vector<IntervalCounters> counters{sentinel};
+    EXPECT_EQ(service->ReadCounters(99, counters), qor::errors::kNotFound);
+    EXPECT_EQ(counters, std::vector<IntervalCounters>{sentinel});
+
+    EXPECT_EQ(service->ReadCounters(1, counters), 0);
+    ASSERT_EQ(counters.size(), 1u);
+    EXPECT_NE(counters[0], sentinel);
+    // The collector keeps what the caller passed in.
+    EXPECT_EQ(Read(*service, 1), std::vector<IntervalCounters>{sentinel});
+}
+
+TEST_F(ConnectionCountersTest, IntervalsCarryTheGatewayOfTheConnectionsFamily) {
+    const qor::mac48_address_t gatewayMac{{0x02, 0, 0, 0, 0, 0xfe}};
+    dwi::network::NetworkInterface withGateways;
+    withGateways.index = 2;
+    withGateways.ipv4Gateway = dwi::network::Gateway{4, {192, 168, 1, 1}, gatewayMac.bytes};
+    withGateways.ipv6Gateway =
+        dwi::network::Gateway{6, {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, {}};
+    dwi::network::NetworkInterface withoutGateways;
+    withoutGateways.index = 3;
+    m_interfaces = {withGateways, withoutGateways};
+
+    const auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    qor::IRunnable* harvest = m_timer->Latest();
+    Deliver(Out(1000, 100, 2));
+    Deliver(Out(3000, 100, 3));
+    Deliver({.hook = kLocalOut,
+             .outDevice = 2,
+             .payload = nti::test::Ipv6Packet(kHostV6, kPeerV6, nti::test::kUdp, 2000, 53, 60)});
+    ASSERT_EQ(m_timer->Fire(harvest), 0);
+
+    auto intervals = Read(*service, 1);
+    ASSERT_EQ(intervals.size(), 1u);
+    ASSERT_EQ(intervals[0].counters.size(), 3u);
+    const ConnectionCounter* v4 = Find(intervals[0], 1000);
+    EXPECT_EQ(v4->gatewayIp, V4({192, 168, 1, 1}));
+    EXPECT_EQ(v4->gatewayMac, gatewayMac);
+    const ConnectionCounter* v6 = Find(intervals[0], 2000);
+    EXPECT_EQ(v6->localIp, V6(kHostV6));
+    EXPECT_EQ(v6->gatewayIp, V6({0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+    EXPECT_EQ(v6->gatewayMac, std::nullopt);
+    const ConnectionCounter* none = Find(intervals[0], 3000);
+    EXPECT_EQ(none->gatewayIp, std::nullopt);
+    EXPECT_EQ(none->gatewayMac, std::nullopt);
+
+    // A failed inventory is traced and leaves the known gateways in place.
+    m_inventoryResult = qor::errors::kUnspecified;
+    Deliver(Out(1000, 100, 2));
+    ASSERT_EQ(m_timer->Fire(harvest), 0);
+    intervals = Read(*service, 1);
+    ASSERT_EQ(intervals.size(), 1u);
+    EXPECT_EQ(Find(intervals[0], 1000)->gatewayIp, V4({192, 168, 1, 1}));
+    bool traced = false;
+    for (const auto& line : m_tracer->Lines()) {
+        traced |= line.level == 300 && line.text.find("UpdateGateways") != std::string::npos &&
+                  line.text.find("Can not obtain network interfaces") != std::string::npos;
+    }
+    EXPECT_TRUE(traced);
+}
+
+TEST_F(ConnectionCountersTest, HarvestWithoutSourceOnlyTraces) {
+    const auto service = Make();
+    EXPECT_EQ(ConnectionCountersTestAccess::Harvest(*service, 5), 0);
+    EXPECT_TRUE(HasLine(800,
+                        "ConnectionCounters: HarvestTimeUnsafe() <- No collector registered, "
+                        "leaving"));
+}
+
+// The timer waits for a running harvest, which needs the service's mutex: the
+// mutex must be free while CancelAndWait waits.
+TEST_F(ConnectionCountersTest, CancelAndWaitRunsWithoutTheServiceLock) {
+    int harvestsDuringCancel = 0;
+    m_timer->OnCancel([&](qor::IRunnable* runnable) {
+        auto running = std::async(std::launch::async, [&] { return m_timer->Fire(runnable); });
+        if (running.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+            ADD_FAILURE() << "CancelAndWait was called with the service lock held";
+            std::abort();
+        }
+        if (running.get() == 0) {
+            ++harvestsDuringCancel;
+        }
+    });
+    auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 30000), 0);  // other parameters
+    ASSERT_EQ(service->RegisterCollector(2, kEpoch, 60000), 0);
+    ASSERT_EQ(service->UnregisterCollector(2), 0);
+    ASSERT_EQ(service->RegisterCollector(3, kEpoch, 60000), 0);
+    service.Reset();  // cancels 1 and 3
+    EXPECT_EQ(harvestsDuringCancel, 4);
+}
+
+TEST_F(ConnectionCountersTest, TimerFailures) {
+    const auto service = Make();
+    m_timer->FailSet(qor::errors::kOutOfMemory);
+    EXPECT_EQ(service->RegisterCollector(7, kEpoch, 60000), qor::errors::kOutOfMemory);
+    EXPECT_TRUE(
+        HasCheckRecord("m_harvestTimer->SetRepeated\\(bucket.harvest, bucket.data.period\\)",
+                       "0x80000041 \\(Out of memory\\) Cannot start timer for collector 7$"));
+    EXPECT_TRUE(HasCheckRecord("StartCollectionForCollector\\(bucket\\)", "0x80000041"));
+    std::vector<IntervalCounters> counters;
+    EXPECT_EQ(service->ReadCounters(7, counters), qor::errors::kNotFound);
+
+    m_timer->FailSet(0);
+    ASSERT_EQ(service->RegisterCollector(8, kEpoch, 60000), 0);
+    m_timer->FailCancel(qor::errors::kUnexpected);
+    EXPECT_EQ(service->UnregisterCollector(8), 0);
+    EXPECT_TRUE(HasCheckRecord("m_harvestTimer->CancelAndWait\\(harvest\\)",
+                               "0x80000040 \\(Unexpected\\) Cannot cancel timer for collector 8$"));
+    EXPECT_EQ(service->ReadCounters(8, counters), qor::errors::kNotFound);
+}
+
+TEST_F(ConnectionCountersTest, SourceFailuresFailTheRegistration) {
+    struct Case {
+        const char* name;
+        std::function<void(ServiceHarness&)> breakIt;
+        qor::result_t result;
+        std::string expression;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"no iptables information",
+         [](ServiceHarness& h) {
+             h.m_locator->Unregister(dwi::firewall::IIptablesInfoProvider::IID);
+         },
+         qor::errors::kNoInterface, "qor::GetInterface\\(sl, iptablesInfoProvider.Ref\\(\\)\\)",
+         "Cannot get IIptablesInfoProvider interface"},
+        {"no startup data",
+         [](ServiceHarness& h) {
+             h.m_locator->Unregister(dwi::firewall::IStartupDataProvider::IID);
+         },
+         qor::errors::kNoInterface, "qor::GetInterface\\(sl, startupDataProvider.Ref\\(\\)\\)",
+         "Cannot get IStartupDataProvider interface"},
+        {"no listener",
+         [](ServiceHarness& h) { h.m_factory->FailCreate(qor::errors::kUnspecified); },
+         qor::errors::kUnspecified, "CreateSourceCollector\\(\\)", "Cannot"},
+        {"rules refused",
+         [](ServiceHarness& h) { h.m_firewall->FailAdd(qor::errors::kAccessDenied); },
+         qor::errors::kAccessDenied, "m_sourceCollector->Start\\(\\)", "Cannot"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ServiceHarness h;
+        c.breakIt(h);
+        const auto service = h.Make();
+        EXPECT_EQ(service->RegisterCollector(1, kEpoch, 60000), c.result);
+        EXPECT_TRUE(h.HasCheckRecord(c.expression, ".*" + c.message));
+        std::vector<IntervalCounters> counters;
+        EXPECT_EQ(service->ReadCounters(1, counters), qor::errors::kNotFound);
+        EXPECT_TRUE(h.m_timer->Scheduled().empty());
+    }
+}
+
+TEST_F(ConnectionCountersTest, FailedSourceStopIsReturned) {
+    const auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    m_factory->Listener()->FailStop(qor::errors::kInvalidState);
+    EXPECT_EQ(service->UnregisterCollector(1), qor::errors::kInvalidState);
+    EXPECT_TRUE(HasCheckRecord("m_sourceCollector->Stop\\(\\)", "0x8000006a"));
+}
+
+TEST_F(ConnectionCountersTest, EachHarvestAdapterHoldsTheModule) {
+    const auto service = Make();
+    ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 0);
+    const std::uint32_t before = qor::g_moduleObjectCount.load();
+    ASSERT_EQ(service->RegisterCollector(2, kEpoch, 60000), 0);
+    EXPECT_EQ(qor::g_moduleObjectCount.load(), before + 1);
+    ASSERT_EQ(service->UnregisterCollector(2), 0);
+    EXPECT_EQ(qor::g_moduleObjectCount.load(), before);
+}
+
+TEST_F(ConnectionCountersTest, DestructionCancelsStopsCutsAndSaves) {
+    auto service = MakeWithTwoCollectors();
+    Deliver(Out(2000));  // never harvested: dropped
+    m_log.Clear();
+    m_tracer->Clear();
+    service.Reset();
+
+    EXPECT_EQ(m_log.Entries(), (std::vector<std::string>{"CancelAndWait", "CancelAndWait",
+                                                         "Listener Stop", "DeleteValue Collectors",
+                                                         "SetValue Collectors", "Listener Stop"}));
+    EXPECT_EQ(m_tracer->Texts().front(), "ConnectionCounters: ~ConnectionCounters() ");
+    EXPECT_TRUE(m_timer->Scheduled().empty());
+
+    const Collectors& saved = m_serializer->Last();
+    ASSERT_EQ(saved.collectors.size(), 2u);
+    for (const CollectorData& data : saved.collectors) {
+        if (data.collector == 1) {
+            EXPECT_EQ(data.period, 60000u);
+            EXPECT_EQ(data.periodAlignment, 0);
+            ASSERT_EQ(data.readyCounters.size(), 2u);  // the harvest's and the final cut
+            EXPECT_EQ(data.readyCounters[0].counters.size(), 1u);
+            EXPECT_TRUE(data.readyCounters[1].counters.empty());
+        } else {
+            EXPECT_EQ(data.collector, 2u);
+            EXPECT_EQ(data.period, 30000u);
+            EXPECT_EQ(data.periodAlignment, 1);
+            ASSERT_EQ(data.readyCounters.size(), 1u);
+            EXPECT_EQ(data.readyCounters[0].counters.size(), 1u);
+        }
+    }
+    EXPECT_EQ(m_allocator->Outstanding(), 0);
+}
+
+// Persistence across service lifetimes, through one storage.
+class ConnectionCountersPersistenceTest : public ConnectionCountersTest {
+protected:
+    // SaveTwoCollectors leaves a stored value with collector 1 (two intervals)
+    // and collector 2 (one interval).
+    void SaveTwoCollectors() {
+        MakeWithTwoCollectors().Reset();
+        ASSERT_TRUE(m_storage->Value("Collectors").has_value());
+        m_tracer->Clear();
+        m_log.Clear();
+    }
+};
+
+TEST_F(ConnectionCountersPersistenceTest, RestoredCollectorsRunAndCanBeRead) {
+    SaveTwoCollectors();
+    const Collectors saved = m_serializer->Last();
+    const std::uint64_t created = CurrentTime();
+    const auto service = Make();
+
+    EXPECT_TRUE(HasLine(700,
+                        "ConnectionCounters: LoadCountersFromStorage: value.collector=1, "
+                        "bucket.data.readyCounters.size()=2"));
+    EXPECT_TRUE(HasLine(700,
+                        "ConnectionCounters: LoadCountersFromStorage: value.collector=2, "
+                        "bucket.data.readyCounters.size()=1"));
+    EXPECT_TRUE(HasLine(800, "ConnectionCounters: ConnectionCounters() <- m_outCollectors.size=2"));
+    ASSERT_EQ(m_factory->Listeners().size(), 2u);
+    EXPECT_EQ(m_factory->Listener()->Starts().size(), 1u);
+    auto scheduled = m_timer->Scheduled();
+    ASSERT_EQ(scheduled.size(), 2u);
+    std::vector<std::uint32_t> periods{scheduled[0].period, scheduled[1].period};
+    std::sort(periods.begin(), periods.end());
+    EXPECT_EQ(periods, (std::vector<std::uint32_t>{30000, 60000}));
+
+    for (const CollectorData& data : saved.collectors) {
+        EXPECT_EQ(Read(*service, data.collector), data.readyCounters);
+    }
+    // The first interval after a restart begins when its timer started.
+    Deliver(Out(1000));
+    ASSERT_EQ(m_timer->Fire(scheduled[0].runnable.Get()), 0);
+    ASSERT_EQ(m_timer->Fire(scheduled[1].runnable.Get()), 0);
+    for (const std::uint32_t id : {1u, 2u}) {
+        const auto intervals = Read(*service, id);
+        ASSERT_EQ(intervals.size(), 1u);
+        EXPECT_LE(created, intervals[0].begin);
+        EXPECT_EQ(intervals[0].counters.size(), 1u);
+    }
+}
+
+TEST_F(ConnectionCountersPersistenceTest, OnlyCollectorsRegisteredAgainAreSavedAgain) {
+    SaveTwoCollectors();
+    auto service = Make();
+    EXPECT_EQ(service->RegisterCollector(1, kEpoch, 60000), 1);
+    service.Reset();
+
+    EXPECT_TRUE(HasLine(700,
+                        "ConnectionCounters: MoveCountersToStorage: id=2, "
+                        "value.data.readyCounters.size()=2, value.registered=0"));
+    const Collectors& saved = m_serializer->Last();
+    ASSERT_EQ(saved.collectors.size(), 1u);
+    EXPECT_EQ(saved.collectors[0].collector, 1u);
+    EXPECT_EQ(saved.collectors[0].readyCounters.size(), 3u);
+}
+
+TEST_F(ConnectionCountersPersistenceTest, OnlyUnregisteredCollectorsDeleteTheValue) {
+    SaveTwoCollectors();
+    const std::size_t serialised = m_serializer->Count();
+    Make().Reset();
+
+    EXPECT_TRUE(HasLine(700,
+                        "ConnectionCounters: MoveCountersToStorage: There's no any statistic "
+                        "for saving"));
+    const auto entries = m_log.Entries();
+    EXPECT_NE(std::find(entries.begin(), entries.end(), "DeleteValue Collectors"), entries.end());
+    EXPECT_EQ(std::find(entries.begin(), entries.end(), "SetValue Collectors"), entries.end());
+    EXPECT_FALSE(m_storage->Value("Collectors").has_value());
+    EXPECT_EQ(m_serializer->Count(), serialised);
+
+    m_tracer->Clear();
+    const auto next = Make();
+    EXPECT_TRUE(HasLine(700,
+                        "ConnectionCounters: LoadCountersFromStorage: There's no any saved "
+                        "statistics"));
+}
+
+TEST_F(ConnectionCountersPersistenceTest, EmptyStoredBlobIsNoStatistics) {
+    m_storage->Put("Collectors", qor::ByteVector());
+    const auto service = Make();
+    EXPECT_TRUE(HasLine(700,
+                        "ConnectionCounters: LoadCountersFromStorage: There's no any saved "
+                        "statistics"));
+    EXPECT_TRUE(HasLine(800, "ConnectionCounters: ConnectionCounters() <- m_outCollectors.size=0"));
+}
+
+TEST_F(ConnectionCountersPersistenceTest, CollectorWithoutTrafficIsStoredAndRestarted) {
+    {
+        const auto service = Make();
+        ASSERT_EQ(service->RegisterCollector(4, kRegistration, 5000), 0);
+    }
+    const Collectors& saved = m_serializer->Last();
+    ASSERT_EQ(saved.collectors.size(), 1u);
+    EXPECT_EQ(saved.collectors[0].collector, 4u);
+    EXPECT_EQ(saved.collectors[0].period, 5000u);
+    EXPECT_EQ(saved.collectors[0].periodAlignment, 1);
+
+    const auto service = Make();
+    ASSERT_EQ(m_timer->Scheduled().size(), 1u);
+    EXPECT_EQ(m_timer->Scheduled()[0].period, 5000u);
+    EXPECT_EQ(service->RegisterCollector(4, kRegistration, 5000), 1);
+}
+
+TEST_F(ConnectionCountersPersistenceTest, DamagedOrUnreadableValueStartsEmpty) {
+    const struct {
+        const char* name;
+        std::function<void(ServiceHarness&)> damage;
+        std::string trace;
+    } cases[] = {
+        {"damaged blob",
+         [](ServiceHarness& h) {
+             const std::uint8_t bytes[] = {1, 2, 3};
+             h.m_storage->Put("Collectors", qor::ByteVector(bytes, sizeof(bytes)));
+         },
+         "tools::AnyFromBlob\\(sl, dataBlob, any\\)"},
+        {"storage failure",
+         [](ServiceHarness& h) { h.m_storage->FailGet(qor::errors::kMediaError); },
+         "LoadCountersFromStorage\\(\\)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ServiceHarness h;
+        c.damage(h);
+        const auto service = h.Make();
+        EXPECT_TRUE(h.HasCheckRecord(c.trace, ".*Cannot"));
+        EXPECT_TRUE(h.HasLine(800,
+                              "ConnectionCounters: ConnectionCounters() <- "
+                              "m_outCollectors.size=0"));
+        EXPECT_EQ(h.m_factory->Listener(), nullptr);
+    }
+    ServiceHarness h;
+    h.m_storage->FailGet(qor::errors::kMediaError);
+    h.Make();
+    EXPECT_TRUE(h.HasLine(300,
+                          "ConnectionCounters: LoadCountersFromStorage: Failed to load "
+                          "statistic from storage: 0x80000059 (Media error)"));
+}
+
+TEST_F(ConnectionCountersPersistenceTest, FailedSaveKeepsTheOldValue) {
+    SaveTwoCollectors();
+    const qor::ByteVector old = *m_storage->Value("Collectors");
+    const struct {
+        const char* name;
+        std::function<void(ServiceHarness&)> breakIt;
+        std::string expression;
+        bool deleted;
+    } cases[] = {
+        {"serialisation",
+         [](ServiceHarness& h) { h.m_serializer->FailSerialize(qor::errors::kInvalidType); },
+         "tools::AnyToBlob\\(sl, any, dataBlob\\)", false},
+        {"delete", [](ServiceHarness& h) { h.m_storage->FailDelete(qor::errors::kAccessDenied); },
+         "m_storage->DeleteValue\\(storageKey\\)", false},
+        {"write", [](ServiceHarness& h) { h.m_storage->FailSet(qor::errors::kOutOfSpace); },
+         "m_storage->SetValue\\(storageKey, dataBlob\\)", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        m_storage->Put("Collectors", old);
+        auto service = Make();
+        ASSERT_EQ(service->RegisterCollector(1, kEpoch, 60000), 1);
+        c.breakIt(*this);
+        m_tracer->Clear();
+        service.Reset();
+        EXPECT_TRUE(HasCheckRecord(c.expression, ".*Cannot"));
+        bool ignored = false;
+        for (const auto& text : m_tracer->Texts()) {
+            ignored |=
+                text.rfind("ConnectionCounters: ~ConnectionCounters: '(MoveCountersToStorage())=",
+                           0) == 0;
+        }
+        EXPECT_TRUE(ignored);
+        EXPECT_EQ(m_storage->Value("Collectors").has_value(), !c.deleted);
+        if (!c.deleted) {
+            EXPECT_EQ(*m_storage->Value("Collectors"), old);
+        }
+        m_serializer->FailSerialize(0);
+        m_storage->FailDelete(0);
+        m_storage->FailSet(0);
+    }
+}
+
+TEST_F(ConnectionCountersPersistenceTest, FailedRestartOfRestoredCollectorsFailsConstruction) {
+    SaveTwoCollectors();
+    m_timer->FailSetAfter(1);
+    EXPECT_THROW(Make(), qor::CheckResultFailedException);
+    EXPECT_TRUE(HasCheckRecord("StartCollectionForCollector\\(bucket\\)", ".*Cannot"));
+    // The timer that did start is cancelled; the rules are removed again.
+    EXPECT_TRUE(m_timer->Scheduled().empty());
+    const auto calls = m_firewall->Calls();
+    ASSERT_FALSE(calls.empty());
+    EXPECT_FALSE(calls.back().add);
+}
+
+}  // namespace
+}  // namespace dwi::network_interceptor

@@ -1,0 +1,214 @@
+// The built module as a host sees it: loaded with dlopen, three exports and
+// nothing else, the class table, the module lock and creation failures.
+#include <elf.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <set>
+#include <string>
+
+#include "host/module_loader.h"
+#include "host/service_locator.h"
+#include "network_traffic_interceptor/network_interceptor.h"
+#include "qor/exception.h"
+#include "tests/fakes/recording_tracer.h"
+
+namespace {
+
+using nti::host::ModuleLoader;
+using nti::host::ServiceLocator;
+using nti::test::RecordingTracer;
+namespace ni = dwi::network_interceptor;
+
+std::string ModulePath() {
+    const char* path = std::getenv("NTI_MODULE");
+    return path != nullptr ? path : "libnetwork_traffic_interceptor.so";
+}
+
+// DefinedDynamicSymbols reads the names of the defined global symbols of an
+// ELF64 shared object's dynamic symbol table.
+std::set<std::string> DefinedDynamicSymbols(const std::string& path) {
+    std::set<std::string> names;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        ADD_FAILURE() << "cannot open " << path;
+        return names;
+    }
+    struct stat st {};
+    fstat(fd, &st);
+    void* map = mmap(nullptr, static_cast<std::size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+    close(fd);
+    if (map == MAP_FAILED) {
+        ADD_FAILURE() << "cannot map " << path;
+        return names;
+    }
+    const auto* base = static_cast<const std::uint8_t*>(map);
+    const auto* ehdr = reinterpret_cast<const Elf64_Ehdr*>(base);
+    const auto* sections = reinterpret_cast<const Elf64_Shdr*>(base + ehdr->e_shoff);
+    for (int i = 0; i < ehdr->e_shnum; ++i) {
+        if (sections[i].sh_type != SHT_DYNSYM) {
+            continue;
+        }
+        const auto& strtab = sections[sections[i].sh_link];
+        const auto* syms = reinterpret_cast<const Elf64_Sym*>(base + sections[i].sh_offset);
+        const std::size_t count = sections[i].sh_size / sizeof(Elf64_Sym);
+        for (std::size_t s = 0; s < count; ++s) {
+            const unsigned bind = ELF64_ST_BIND(syms[s].st_info);
+            if (syms[s].st_shndx == SHN_UNDEF ||
+                (bind != STB_GLOBAL && bind != STB_WEAK && bind != STB_GNU_UNIQUE)) {
+                continue;
+            }
+            names.insert(reinterpret_cast<const char*>(base + strtab.sh_offset + syms[s].st_name));
+        }
+    }
+    munmap(map, static_cast<std::size_t>(st.st_size));
+    return names;
+}
+
+TEST(ModuleExportsTest, ExactlyThreeDefinedExports) {
+    EXPECT_THAT(DefinedDynamicSymbols(ModulePath()),
+                testing::UnorderedElementsAre("qorCreateObject", "qorGetObjectFactory",
+                                              "qorCanUnloadModule"));
+}
+
+class ModuleTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(m_module.Load(ModulePath()), 0) << m_module.Error();
+        m_locator = qor::object::Create<ServiceLocator>();
+        m_tracer = qor::object::Create<RecordingTracer>();
+    }
+    void TearDown() override { m_locator->Clear(); }
+
+    qor::result_t Create(std::uint32_t clsid, qor::RefPtr<qor::IObject>& out) {
+        qor::CreationContext context;
+        context.locator = m_locator.Get();
+        return m_module.CreateObject(clsid, context, out.Ref());
+    }
+
+    ModuleLoader m_module;
+    qor::object::ImplPtr<ServiceLocator> m_locator;
+    qor::object::ImplPtr<RecordingTracer> m_tracer;
+};
+
+TEST_F(ModuleTest, ModuleLockCountsLiveObjects) {
+    ASSERT_EQ(m_locator->Register(m_tracer.Get()), 0);
+    EXPECT_EQ(m_module.CanUnloadModule(), 0);
+    qor::RefPtr<qor::IObject> facade;
+    ASSERT_EQ(Create(ni::kNetworkInterceptorClassId, facade), 0);
+    EXPECT_EQ(m_module.CanUnloadModule(), 1);
+    qor::RefPtr<qor::IObject> counters;
+    ASSERT_EQ(Create(ni::kConnectionCountersClassId, counters), 0);
+    qor::RefPtr<qor::IObject> factory;
+    ASSERT_EQ(
+        m_module.GetObjectFactory(m_locator.Get(), ni::kMetaRegistryFactoryClassId, factory.Ref()),
+        0);
+    facade.Reset();
+    counters.Reset();
+    EXPECT_EQ(m_module.CanUnloadModule(), 1);  // the factory still lives
+    factory.Reset();
+    EXPECT_EQ(m_module.CanUnloadModule(), 0);
+}
+
+TEST_F(ModuleTest, LocatorWithoutTracerFailsWithGetInterfaceCode) {
+    for (const std::uint32_t clsid :
+         {ni::kNetworkInterceptorClassId, ni::kConnectionCountersClassId}) {
+        qor::RefPtr<qor::IObject> object;
+        EXPECT_EQ(Create(clsid, object), qor::errors::kNoInterface);
+        EXPECT_FALSE(object);
+        EXPECT_EQ(m_module.CanUnloadModule(), 0);  // failed creation leaves the lock as it was
+    }
+}
+
+TEST_F(ModuleTest, ClassTableRouting) {
+    ASSERT_EQ(m_locator->Register(m_tracer.Get()), 0);
+    struct Case {
+        std::uint32_t clsid;
+        bool factory;
+        std::uint32_t expected;
+    };
+    const Case cases[] = {
+        {ni::kMetaRegistryFactoryClassId, false, 0x80000100},
+        {0x12345678, false, 0x80000100},
+        {ni::kNetworkInterceptorClassId, true, 0x80000043},
+        {ni::kConnectionCountersClassId, true, 0x80000043},
+        {0x12345678, true, 0x80000043},
+    };
+    for (const auto& c : cases) {
+        qor::IObject* out = reinterpret_cast<qor::IObject*>(0x1);
+        qor::result_t result = 0;
+        if (c.factory) {
+            result = m_module.GetObjectFactory(m_locator.Get(), c.clsid, &out);
+            EXPECT_EQ(out, nullptr) << std::hex << c.clsid;
+        } else {
+            qor::CreationContext context{m_locator.Get(), nullptr};
+            result = m_module.CreateObject(c.clsid, context, &out);
+        }
+        EXPECT_EQ(static_cast<std::uint32_t>(result), c.expected) << std::hex << c.clsid;
+    }
+    EXPECT_TRUE(m_tracer->Lines().empty()) << "unknown classes are not traced";
+    EXPECT_EQ(m_module.CanUnloadModule(), 0);
+}
+
+TEST_F(ModuleTest, FacadeAnswersItsInterfaceTable) {
+    ASSERT_EQ(m_locator->Register(m_tracer.Get()), 0);
+    qor::RefPtr<qor::IObject> facade;
+    ASSERT_EQ(Create(ni::kNetworkInterceptorClassId, facade), 0);
+    qor::RefPtr<ni::INetworkInterceptor> interceptor;
+    EXPECT_EQ(facade->QueryInterface(0x42EA2277, interceptor.RefVoid()), 0);
+    EXPECT_TRUE(interceptor);
+    void* out = nullptr;
+    EXPECT_EQ(facade->QueryInterface(0x6EF3329B, &out), qor::errors::kNoInterface);
+    EXPECT_THAT(m_tracer->Texts(), testing::Contains("NetworkInterceptor: NetworkInterceptor() "));
+}
+
+// ThrowingLocator answers services itself and throws for missing ones.
+class ThrowingLocator : public qor::object::Ifaces<qor::IThrowingServiceLocator> {
+public:
+    explicit ThrowingLocator(qor::ITracer* tracer) : m_tracer(tracer) {}
+    qor::IObject* GetInterface(qor::iid_t iid, std::uint32_t key) override {
+        ++m_calls;
+        if (iid == qor::ITracer::IID && m_tracer) {
+            m_tracer->AddRef();
+            return m_tracer.Get();
+        }
+        throw qor::GetInterfaceException(QOR_HERE, iid, key, qor::errors::kNotFound);
+    }
+    int m_calls = 0;
+
+private:
+    qor::RefPtr<qor::ITracer> m_tracer;
+};
+
+TEST_F(ModuleTest, ThrowingLocatorIsPreferredForTheTracer) {
+    auto throwing = qor::object::Create<ThrowingLocator>(m_tracer.Get());
+    qor::CreationContext context{m_locator.Get(), throwing.Get()};
+    qor::RefPtr<qor::IObject> facade;
+    EXPECT_EQ(m_module.CreateObject(ni::kNetworkInterceptorClassId, context, facade.Ref()), 0);
+    EXPECT_EQ(throwing->m_calls, 1);
+    facade.Reset();
+
+    auto empty = qor::object::Create<ThrowingLocator>(nullptr);
+    context.throwingLocator = empty.Get();
+    EXPECT_EQ(m_module.CreateObject(ni::kNetworkInterceptorClassId, context, facade.Ref()),
+              qor::errors::kNotFound);
+    EXPECT_EQ(m_module.CanUnloadModule(), 0);
+}
+
+using ModuleDeathTest = ModuleTest;
+
+TEST_F(ModuleDeathTest, CrashClassTerminates) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    qor::CreationContext context{m_locator.Get(), nullptr};
+    qor::IObject* out = nullptr;
+    EXPECT_DEATH(m_module.CreateObject(ni::kCrashClassId, context, &out), "");
+    EXPECT_DEATH(m_module.GetObjectFactory(m_locator.Get(), ni::kCrashClassId, &out), "");
+}
+
+}  // namespace

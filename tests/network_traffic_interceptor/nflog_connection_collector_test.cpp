@@ -1,0 +1,539 @@
+#include "network_traffic_interceptor/src/nflog_connection_collector.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/service_locator.h"
+#include "qor/exception.h"
+#include "tests/fakes/fake_dynamic_rules.h"
+#include "tests/fakes/fake_nflog_listener_factory.h"
+#include "tests/fakes/recording_tracer.h"
+#include "tests/network_traffic_interceptor/nflog_message.h"
+
+namespace dwi::network_interceptor {
+namespace {
+
+using nti::test::Bytes;
+using nti::test::NflogMessage;
+using nti::test::NflogPacket;
+using qor::object::Create;
+using qor::object::ImplPtr;
+
+constexpr std::uint8_t kLocalIn = 1;
+constexpr std::uint8_t kForward = 2;
+constexpr std::uint8_t kLocalOut = 3;
+constexpr std::uint32_t kBypassMark = 0x4000;
+
+using nti::test::kHostV4;
+using nti::test::kHostV6;
+using nti::test::kPeerV4;
+using nti::test::kPeerV6;
+const Mac48 kHostMac{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
+const Mac48 kRouterMac{0x02, 0x00, 0x00, 0x00, 0x00, 0xfe};
+
+IpAddress V4(std::array<std::uint8_t, 4> a) {
+    IpAddress ip;
+    std::copy(a.begin(), a.end(), ip.bytes.begin());
+    ip.version = 4;
+    return ip;
+}
+
+IpAddress V6(std::array<std::uint8_t, 16> a) {
+    return IpAddress{a, 6};
+}
+
+// TcpKey is the key of a TCP connection of this host with the peer, without
+// link-layer fields.
+ConnectionKey TcpKey(std::uint32_t ifindex, std::uint16_t localPort, std::uint16_t remotePort) {
+    ConnectionKey key;
+    key.ifindex = ifindex;
+    key.localIp = V4(kHostV4);
+    key.remoteIp = V4(kPeerV4);
+    key.localPort = localPort;
+    key.remotePort = remotePort;
+    key.ipProto = nti::test::kTcp;
+    return key;
+}
+
+std::vector<std::string> RuleNames(const dwi::firewall::Rules& rules) {
+    std::vector<std::string> names;
+    for (const auto& rule : rules) {
+        names.push_back(std::get<dwi::firewall::NflogRule>(rule).name);
+    }
+    return names;
+}
+
+Bytes Outgoing(std::uint16_t totalLength = 60) {
+    return nti::test::Ipv4Packet(kHostV4, kPeerV4, nti::test::kTcp, 40000, 443, totalLength);
+}
+
+Bytes Incoming(std::uint16_t totalLength = 60) {
+    return nti::test::Ipv4Packet(kPeerV4, kHostV4, nti::test::kTcp, 443, 40000, totalLength);
+}
+
+// CollectorHarness: a collector's host services, all fakes.
+class CollectorHarness {
+public:
+    explicit CollectorHarness(std::uint32_t maxTraceLevel = 1000) {
+        m_locator = Create<nti::host::ServiceLocator>();
+        m_tracer = Create<nti::test::RecordingTracer>(maxTraceLevel);
+        m_firewall = Create<nti::test::FakeDynamicRules>();
+        m_factory = Create<nti::test::FakeNflogListenerFactory>();
+        m_locator->Register(dwi::firewall::IDynamicRules::IID, m_firewall.Get());
+        m_locator->Register(dwi::firewall::INflogListenerFactory::IID, m_factory.Get());
+    }
+
+    ImplPtr<NfLogConnectionCollector> Make(std::uint8_t iptablesFlags = 1) {
+        return Create<NfLogConnectionCollector>(m_locator.Get(), m_tracer.Get(), iptablesFlags,
+                                                std::uint16_t{10000}, kBypassMark);
+    }
+
+    void Deliver(const NflogPacket& packet) {
+        const NflogMessage message(packet);
+        m_factory->Listener()->Deliver(message.Header(), message.Attributes());
+    }
+
+    ConnectionMap Take(NfLogConnectionCollector& collector) {
+        ConnectionMap snapshot;
+        EXPECT_EQ(collector.TakeStats(snapshot), 0);
+        return snapshot;
+    }
+
+    // CheckRecord matches a level-300 checked-call record of this collector.
+    bool HasCheckRecord(const std::string& expression, const std::string& tail) const {
+        const std::regex pattern(
+            "network_traffic_interceptor/src/nflog_connection_collector:[0-9]+\\(" + expression +
+            "\\),\\(QOR_SUCCEEDED\\(_result\\)\\) failed: result = " + tail);
+        for (const auto& line : m_tracer->Lines()) {
+            if (line.level == 300 && std::regex_search(line.text, pattern)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    ImplPtr<nti::host::ServiceLocator> m_locator;
+    ImplPtr<nti::test::RecordingTracer> m_tracer;
+    ImplPtr<nti::test::FakeDynamicRules> m_firewall;
+    ImplPtr<nti::test::FakeNflogListenerFactory> m_factory;
+};
+
+class NflogCollectorTest : public ::testing::Test, public CollectorHarness {};
+
+TEST_F(NflogCollectorTest, BuildsTheThreeStatisticsRules) {
+    struct Case {
+        std::uint8_t iptablesFlags;
+        std::optional<std::uint8_t> ipVersion;
+    };
+    for (const Case c : {Case{0, 4}, Case{1, std::nullopt}, Case{0x80, std::nullopt}}) {
+        SCOPED_TRACE(static_cast<int>(c.iptablesFlags));
+        const auto collector = Make(c.iptablesFlags);
+        const auto& rules = collector->Rules();
+        ASSERT_EQ(rules.size(), 3u);
+        const struct {
+            const char* name;
+            std::uint8_t chain;
+            bool excluded;
+        } expected[] = {
+            {"zolt_stats_fwd", 4, false}, {"zolt_stats_in", 2, true}, {"zolt_stats_out", 3, true}};
+        for (std::size_t i = 0; i < rules.size(); ++i) {
+            ASSERT_TRUE(std::holds_alternative<dwi::firewall::NflogRule>(rules[i]));
+            const auto& rule = std::get<dwi::firewall::NflogRule>(rules[i]);
+            EXPECT_EQ(rule.name, expected[i].name);
+            EXPECT_EQ(rule.chain, expected[i].chain);
+            EXPECT_EQ(rule.nflogGroup, 10000);
+            EXPECT_EQ(rule.bypassMark, kBypassMark);
+            EXPECT_TRUE(rule.bypassMarkSet);
+            EXPECT_EQ(rule.excludeLoopback, expected[i].excluded);
+            EXPECT_EQ(rule.excludeMulticast, expected[i].excluded);
+            EXPECT_EQ(rule.ipVersion, c.ipVersion);
+        }
+    }
+    EXPECT_TRUE(
+        m_tracer->Contains("NfLogConnectionCollector: NfLogConnectionCollector() nflogGroup=10000, "
+                           "nflogBypassMark=16384"));
+}
+
+TEST_F(NflogCollectorTest, ConstructionFailsWithoutItsHostServices) {
+    struct Case {
+        const char* name;
+        std::function<void(CollectorHarness&)> breakIt;
+        std::string expression;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"no firewall",
+         [](CollectorHarness& t) { t.m_locator->Unregister(dwi::firewall::IDynamicRules::IID); },
+         "qor::GetInterface\\(sl, m_firewall.Ref\\(\\)\\)", "Cannot IDynamicRules interface"},
+        {"no listener factory",
+         [](CollectorHarness& t) {
+             t.m_locator->Unregister(dwi::firewall::INflogListenerFactory::IID);
+         },
+         "qor::GetInterface\\(sl, factory.Ref\\(\\)\\)",
+         "Cannot get INflogListenerFactory interface"},
+        {"listener creation fails",
+         [](CollectorHarness& t) { t.m_factory->FailCreate(qor::errors::kUnspecified); },
+         "factory->CreateListener\\(this, m_nflogListener.Ref\\(\\)\\)",
+         "Cannot create nflog listener"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        CollectorHarness fresh;
+        c.breakIt(fresh);
+        try {
+            fresh.Make();
+            ADD_FAILURE() << "constructed";
+        } catch (const qor::CheckResultFailedException& e) {
+            EXPECT_EQ(e.Message(), "Expression failed");
+        }
+        EXPECT_TRUE(fresh.HasCheckRecord(c.expression, ".*" + c.message));
+    }
+}
+
+TEST_F(NflogCollectorTest, StartAddsTaggedRulesThenStartsTheListener) {
+    const auto collector = Make();
+    ASSERT_EQ(collector->Start(), 0);
+    const auto calls = m_firewall->Calls();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_TRUE(calls[0].add);
+    EXPECT_EQ(calls[0].tag, "zolt_stats");
+    EXPECT_EQ(RuleNames(calls[0].rules), RuleNames(collector->Rules()));
+    EXPECT_EQ(m_factory->Listener()->Starts(), (std::vector<std::vector<std::uint16_t>>{{10000}}));
+    EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: Start() m_nflogGroup=10000"));
+}
+
+TEST_F(NflogCollectorTest, StartReportsFailuresInOrder) {
+    {
+        const auto collector = Make();
+        m_firewall->FailAdd(qor::errors::kUnspecified);
+        EXPECT_EQ(collector->Start(), qor::errors::kUnspecified);
+        EXPECT_TRUE(m_factory->Listener()->Starts().empty());
+        EXPECT_TRUE(HasCheckRecord("m_firewall->AddRules\\(m_rules, \"zolt\" \"_stats\"\\)",
+                                   "0x8000004b \\(Unspecified error\\) Cannot add firewall rules"));
+    }
+    m_firewall->FailAdd(0);
+    const auto collector = Make();
+    m_factory->Listener()->FailStart(qor::errors::kInvalidState);
+    EXPECT_EQ(collector->Start(), qor::errors::kInvalidState);
+    EXPECT_TRUE(HasCheckRecord("m_nflogListener->Start\\(groups\\)",
+                               "0x8000006a \\(Invalid state\\) Cannot"));
+}
+
+TEST_F(NflogCollectorTest, StopRemovesRulesThenStopsTheListener) {
+    const auto collector = Make();
+    ASSERT_EQ(collector->Start(), 0);
+    ASSERT_EQ(collector->Stop(), 0);
+    const auto calls = m_firewall->Calls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_FALSE(calls[1].add);
+    EXPECT_EQ(RuleNames(calls[1].rules), RuleNames(collector->Rules()));
+    EXPECT_EQ(m_factory->Listener()->Stops(), 1);
+    EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: Stop() m_nflogGroup=10000"));
+}
+
+TEST_F(NflogCollectorTest, FailedRuleRemovalLeavesTheListenerRunning) {
+    const auto collector = Make();
+    m_firewall->FailRemove(qor::errors::kAccessDenied);
+    EXPECT_EQ(collector->Stop(), qor::errors::kAccessDenied);
+    EXPECT_EQ(m_factory->Listener()->Stops(), 0);
+    EXPECT_TRUE(HasCheckRecord("m_firewall->RemoveRules\\(m_rules\\)",
+                               "0x80000045 \\(Access denied\\) Cannot"));
+
+    m_firewall->FailRemove(0);
+    m_factory->Listener()->FailStop(qor::errors::kUnspecified);
+    EXPECT_EQ(collector->Stop(), qor::errors::kUnspecified);
+    EXPECT_TRUE(HasCheckRecord("m_nflogListener->Stop\\(\\)", "0x8000004b"));
+}
+
+TEST_F(NflogCollectorTest, DestructorRemovesRulesAndStopsListenerTracingFailures) {
+    auto collector = Make();
+    const auto listener = m_factory->Listener();
+    m_firewall->FailRemove(qor::errors::kUnspecified);
+    listener->FailStop(qor::errors::kInvalidState);
+    collector.Reset();
+    EXPECT_EQ(m_firewall->Calls().size(), 1u);
+    EXPECT_EQ(listener->Stops(), 1);
+    EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: ~NfLogConnectionCollector() "));
+    EXPECT_TRUE(m_tracer->Contains(
+        "NfLogConnectionCollector: ~NfLogConnectionCollector: '(m_firewall->RemoveRules(m_rules))="
+        "0x8000004b (Unspecified error)' Cannot remove firewall rules"));
+    EXPECT_TRUE(m_tracer->Contains(
+        "~NfLogConnectionCollector: '(m_nflogListener->Stop())=0x8000006a (Invalid state)'"));
+}
+
+TEST_F(NflogCollectorTest, MessageWithoutPayloadIsIgnoredWithOneTrace) {
+    const auto collector = Make();
+    m_tracer->Clear();
+    Deliver({.hook = kLocalIn, .inDevice = 2});
+    const auto lines = m_tracer->Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, 700u);
+    EXPECT_EQ(lines[0].text, "NfLogConnectionCollector: OnData: No NFULA_PAYLOAD attribute found");
+    EXPECT_TRUE(Take(*collector).empty());
+}
+
+// Direction and interface: the hook decides; without a local hook the raw
+// network-order words of the two devices are compared.
+TEST_F(NflogCollectorTest, DirectionAndInterfaceFromHookAndDevices) {
+    struct Case {
+        const char* name;
+        std::optional<std::uint8_t> hook;
+        std::optional<std::uint32_t> inDevice;
+        std::optional<std::uint32_t> outDevice;
+        bool in;
+        std::uint32_t ifindex;
+    };
+    const Case cases[] = {
+        {"local in", kLocalIn, 2, std::nullopt, true, 2},
+        {"local out", kLocalOut, std::nullopt, 3, false, 3},
+        {"local in ignores out device", kLocalIn, 2, 3, true, 2},
+        // Raw words: htonl(3) > htonl(2), so the input device wins.
+        {"forward, smaller input", kForward, 2, 3, true, 2},
+        {"forward, smaller output", kForward, 3, 2, false, 2},
+        {"forward, equal devices", kForward, 4, 4, false, 4},
+        // Numerically 2 < 256, but raw htonl(2) = 0x02000000 > htonl(256) = 0x00010000.
+        {"forward compares raw words", kForward, 256, 2, true, 256},
+        {"forward compares raw words, reversed", kForward, 2, 256, false, 256},
+        {"no header, both devices", std::nullopt, 5, 7, true, 5},
+        {"no header, no out device", std::nullopt, 5, std::nullopt, false, 0},
+        {"no devices at all", kForward, std::nullopt, std::nullopt, false, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        CollectorHarness fresh;
+        const auto collector = fresh.Make();
+        fresh.Deliver({.hook = c.hook,
+                       .inDevice = c.inDevice,
+                       .outDevice = c.outDevice,
+                       .payload = c.in ? Incoming(100) : Outgoing(100)});
+        const ConnectionMap snapshot = fresh.Take(*collector);
+        ASSERT_EQ(snapshot.size(), 1u);
+        EXPECT_EQ(snapshot.begin()->first, TcpKey(c.ifindex, 40000, 443));
+        const TrafficCounters expected =
+            c.in ? TrafficCounters{1, 100, 0, 0} : TrafficCounters{0, 0, 1, 100};
+        EXPECT_EQ(snapshot.begin()->second, expected);
+    }
+}
+
+TEST_F(NflogCollectorTest, LinkLayerFieldsOnlyFromEthernetHeaders) {
+    const Bytes ethernetIn = nti::test::EthernetHeader(kHostMac, kRouterMac, 0x0800);
+    const Bytes ethernetOut = nti::test::EthernetHeader(kRouterMac, kHostMac, 0x86dd);
+    struct Case {
+        const char* name;
+        std::uint8_t hook;
+        std::optional<std::uint16_t> hwType;
+        std::optional<Bytes> hwHeader;
+        bool linkFields;
+        std::uint16_t etherType;
+    };
+    const Case cases[] = {
+        {"ethernet in", kLocalIn, 1, ethernetIn, true, 0x0800},
+        {"ethernet out", kLocalOut, 1, ethernetOut, true, 0x86dd},
+        {"ieee802", kLocalIn, 6, ethernetIn, true, 0x0800},
+        {"longer header", kLocalIn, 1,
+         [&] {
+             Bytes b = ethernetIn;
+             b.push_back(0xAA);
+             return b;
+         }(),
+         true, 0x0800},
+        {"loopback type", kLocalIn, 772, ethernetIn, false, 0},
+        {"short header", kLocalIn, 1, Bytes(ethernetIn.begin(), ethernetIn.end() - 1), false, 0},
+        {"no type", kLocalIn, std::nullopt, ethernetIn, false, 0},
+        {"no header", kLocalIn, 1, std::nullopt, false, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        CollectorHarness fresh;
+        const auto collector = fresh.Make();
+        const bool in = c.hook == kLocalIn;
+        fresh.Deliver({.hook = c.hook,
+                       .inDevice = 2,
+                       .outDevice = 2,
+                       .hwType = c.hwType,
+                       .hwHeader = c.hwHeader,
+                       .payload = in ? Incoming() : Outgoing()});
+        const ConnectionMap snapshot = fresh.Take(*collector);
+        ASSERT_EQ(snapshot.size(), 1u);
+        const ConnectionKey& key = snapshot.begin()->first;
+        if (c.linkFields) {
+            EXPECT_EQ(key.localMac, kHostMac);
+            EXPECT_EQ(key.remoteMac, kRouterMac);
+            EXPECT_EQ(key.etherType, c.etherType);
+        } else {
+            EXPECT_EQ(key.localMac, std::nullopt);
+            EXPECT_EQ(key.remoteMac, std::nullopt);
+            EXPECT_EQ(key.etherType, std::nullopt);
+        }
+    }
+}
+
+TEST_F(NflogCollectorTest, AddressesPortsAndBytesByFamilyAndProtocol) {
+    struct Case {
+        const char* name;
+        Bytes payload;
+        std::optional<IpAddress> localIp;
+        std::optional<IpAddress> remoteIp;
+        std::optional<std::uint16_t> localPort;
+        std::optional<std::uint16_t> remotePort;
+        std::uint8_t ipProto;
+        std::uint64_t bytes;
+    };
+    const Case cases[] = {
+        // The header's length counts, not the captured length.
+        {"ipv4 tcp", nti::test::Ipv4Packet(kPeerV4, kHostV4, nti::test::kTcp, 443, 40000, 1500),
+         V4(kHostV4), V4(kPeerV4), 40000, 443, 6, 1500},
+        {"ipv4 udp", nti::test::Ipv4Packet(kPeerV4, kHostV4, nti::test::kUdp, 53, 5353, 80),
+         V4(kHostV4), V4(kPeerV4), 5353, 53, 17, 80},
+        {"ipv4 icmp has no ports",
+         nti::test::Ipv4Packet(kPeerV4, kHostV4, nti::test::kIcmp, 0, 0, 84), V4(kHostV4),
+         V4(kPeerV4), std::nullopt, std::nullopt, 1, 84},
+        {"ipv6 tcp adds the fixed header",
+         nti::test::Ipv6Packet(kPeerV6, kHostV6, nti::test::kTcp, 443, 40000, 1000), V6(kHostV6),
+         V6(kPeerV6), 40000, 443, 6, 1040},
+        {"ipv6 udp", nti::test::Ipv6Packet(kPeerV6, kHostV6, nti::test::kUdp, 123, 123, 56),
+         V6(kHostV6), V6(kPeerV6), 123, 123, 17, 96},
+        {"icmpv6 has no ports",
+         nti::test::Ipv6Packet(kPeerV6, kHostV6, nti::test::kIcmpv6, 0, 0, 64), V6(kHostV6),
+         V6(kPeerV6), std::nullopt, std::nullopt, 58, 104},
+        {"unknown version counts without addresses", Bytes(40, 0x20), std::nullopt, std::nullopt,
+         std::nullopt, std::nullopt, 255, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        CollectorHarness fresh;
+        const auto collector = fresh.Make();
+        fresh.Deliver({.hook = kLocalIn, .inDevice = 2, .payload = c.payload});
+        const ConnectionMap snapshot = fresh.Take(*collector);
+        ASSERT_EQ(snapshot.size(), 1u);
+        const auto& [key, counters] = *snapshot.begin();
+        EXPECT_EQ(key.localIp, c.localIp);
+        EXPECT_EQ(key.remoteIp, c.remoteIp);
+        EXPECT_EQ(key.localPort, c.localPort);
+        EXPECT_EQ(key.remotePort, c.remotePort);
+        EXPECT_EQ(key.ipProto, c.ipProto);
+        EXPECT_EQ(counters, (TrafficCounters{1, c.bytes, 0, 0}));
+    }
+}
+
+TEST_F(NflogCollectorTest, PacketsOfOneConnectionAddUp) {
+    const auto collector = Make();
+    Deliver({.hook = kLocalOut, .outDevice = 2, .payload = Outgoing(100)});
+    Deliver({.hook = kLocalIn, .inDevice = 2, .payload = Incoming(1500)});
+    Deliver({.hook = kLocalIn, .inDevice = 2, .payload = Incoming(40)});
+    // Another local port is another connection.
+    Deliver({.hook = kLocalOut,
+             .outDevice = 2,
+             .payload = nti::test::Ipv4Packet(kHostV4, kPeerV4, nti::test::kTcp, 40001, 443, 52)});
+    const ConnectionMap snapshot = Take(*collector);
+    ASSERT_EQ(snapshot.size(), 2u);
+    EXPECT_EQ(snapshot.at(TcpKey(2, 40000, 443)), (TrafficCounters{2, 1540, 1, 100}));
+    EXPECT_EQ(snapshot.at(TcpKey(2, 40001, 443)), (TrafficCounters{0, 0, 1, 52}));
+}
+
+TEST_F(NflogCollectorTest, TakeStatsHandsTrafficOverOnce) {
+    const auto collector = Make();
+    Deliver({.hook = kLocalIn, .inDevice = 2, .payload = Incoming()});
+    ConnectionMap snapshot;
+    snapshot.emplace(TcpKey(9, 1, 2), TrafficCounters{7, 7, 7, 7});  // stale, must go
+    ASSERT_EQ(collector->TakeStats(snapshot), 0);
+    ASSERT_EQ(snapshot.size(), 1u);
+    EXPECT_EQ(snapshot.count(TcpKey(2, 40000, 443)), 1u);
+    EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: TakeStats() <- connections.size=1"));
+    EXPECT_TRUE(Take(*collector).empty());
+    EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: TakeStats() <- connections.size=0"));
+}
+
+TEST_F(NflogCollectorTest, TruncatedPacketIsDroppedAndTracedAndTheNextOneCounts) {
+    const auto collector = Make();
+    const Bytes full = Incoming();
+    // Short of the IPv4 header, then short of the TCP header.
+    Deliver({.hook = kLocalIn, .inDevice = 2, .payload = Bytes(full.begin(), full.begin() + 19)});
+    Deliver({.hook = kLocalIn, .inDevice = 2, .payload = Bytes(full.begin(), full.begin() + 30)});
+    Deliver({.hook = kLocalIn, .inDevice = 2, .payload = full});
+    const ConnectionMap snapshot = Take(*collector);
+    ASSERT_EQ(snapshot.size(), 1u);
+    EXPECT_EQ(snapshot.begin()->second, (TrafficCounters{1, 60, 0, 0}));
+    int failures = 0;
+    for (const auto& line : m_tracer->Lines()) {
+        if (line.level == 300 && line.text.find("OnData") != std::string::npos) {
+            ++failures;
+        }
+    }
+    EXPECT_EQ(failures, 2);
+}
+
+TEST_F(NflogCollectorTest, AbsentFieldsDifferFromPresentZeros) {
+    ConnectionKey absent = TcpKey(2, 40000, 443);
+    ConnectionKey zero = absent;
+    zero.etherType = 0;
+    EXPECT_NE(absent, zero);
+    ConnectionMap map;
+    map[absent].packetsIn = 1;
+    map[zero].packetsIn = 1;
+    EXPECT_EQ(map.size(), 2u);
+    ConnectionKey noPorts = absent;
+    noPorts.localPort.reset();
+    noPorts.remotePort.reset();
+    ConnectionKey zeroPorts = absent;
+    zeroPorts.localPort = 0;
+    zeroPorts.remotePort = 0;
+    EXPECT_NE(ConnectionKeyHash{}(noPorts), ConnectionKeyHash{}(zeroPorts));
+}
+
+TEST_F(NflogCollectorTest, DumpsKeysAndCountersAsFieldPairs) {
+    ConnectionKey key = TcpKey(2, 40000, 443);
+    key.localMac = kHostMac;
+    key.etherType = 2048;
+    {
+        qor::trace::TraceRecord record(m_tracer.Get(), 800);
+        record << key << ' ' << TrafficCounters{1, 2, 3, 4};
+    }
+    EXPECT_EQ(m_tracer->Texts().back(),
+              "{\"etherType\":2048, \"localMac\":02:00:00:00:00:01, \"remoteMac\":null, "
+              "\"ifindex\":2, \"localIp\":10.0.0.2, \"remoteIp\":93.184.216.34, "
+              "\"localPort\":40000, \"remotePort\":443, \"ipProto\":6} "
+              "{\"packetsIn\":1, \"bytesIn\":2, \"packetsOut\":3, \"bytesOut\":4}");
+}
+
+// The listener thread counts while the harvest thread takes the counts: every
+// packet is handed over exactly once.
+TEST(NflogCollectorConcurrencyTest, ConcurrentCountingAndTakingLoseNothing) {
+    CollectorHarness h(500);
+    const auto collector = h.Make();
+    constexpr int kPackets = 20000;
+    std::atomic<bool> done{false};
+    std::thread listener([&] {
+        const NflogMessage message({.hook = kLocalIn, .inDevice = 2, .payload = Incoming(10)});
+        for (int i = 0; i < kPackets; ++i) {
+            h.m_factory->Listener()->Deliver(message.Header(), message.Attributes());
+        }
+        done = true;
+    });
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+    ConnectionMap snapshot;
+    auto drain = [&] {
+        collector->TakeStats(snapshot);
+        for (const auto& [key, counters] : snapshot) {
+            packets += counters.packetsIn;
+            bytes += counters.bytesIn;
+        }
+    };
+    while (!done) {
+        drain();
+    }
+    listener.join();
+    drain();
+    EXPECT_EQ(packets, static_cast<std::uint64_t>(kPackets));
+    EXPECT_EQ(bytes, 10u * kPackets);
+}
+
+}  // namespace
+}  // namespace dwi::network_interceptor
