@@ -31,7 +31,7 @@ struct StatsOptions {
     std::uint64_t intervals = 0;  // 0: until a signal
     bool json = false;
     bool unregister = false;
-    std::string stateDir = "/var/lib/nti";
+    bool noRead = false;
     std::string ip6tables = "auto";
     std::string bypassMark;
 };
@@ -73,6 +73,12 @@ std::optional<StatsSettings> Validate(const CommonOptions& common, const StatsOp
     if (!alignment) {
         std::fprintf(stderr, "nti stats: --alignment %s: expected epoch or registration\n",
                      o.alignment.c_str());
+        return std::nullopt;
+    }
+    if (o.noRead && (o.intervals != 0 || o.unregister)) {
+        std::fprintf(stderr,
+                     "nti stats: --no-read runs until a signal and keeps what it counts: "
+                     "no --intervals or --unregister with it\n");
         return std::nullopt;
     }
     if (o.ip6tables == "yes" || o.ip6tables == "no") {
@@ -173,7 +179,7 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
         Printer printer(o.id, o.json);
         // What an earlier run saved comes first (unknown id: nothing saved).
         std::vector<IntervalCounters> intervals;
-        if (QOR_SUCCEEDED(counters->ReadCounters(o.id, intervals))) {
+        if (!o.noRead && QOR_SUCCEEDED(counters->ReadCounters(o.id, intervals))) {
             printer.Print(intervals, true);
         }
         r = counters->RegisterCollector(o.id, s.alignment, s.periodMs);
@@ -191,6 +197,9 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
                 signalfd_siginfo info{};
                 [[maybe_unused]] const ssize_t n = read(signalFd.fd, &info, sizeof(info));
                 break;
+            }
+            if (o.noRead) {
+                continue;
             }
             intervals.clear();
             r = counters->ReadCounters(o.id, intervals);
@@ -219,7 +228,8 @@ CommandRunner AddStatsCommand(CLI::App& app) {
         "stats",
         "Count packets and bytes per connection through the module's statistics service and "
         "print each closed interval, largest connections first. Intervals closed but not "
-        "printed when the run ends are saved in the state directory and printed first by the "
+        "printed when the run ends are saved in the state directory (--state-dir) and printed "
+        "first by the "
         "next run. Installs NFLOG firewall rules: run it only inside a network namespace "
         "made for it.");
     StatsOptions& o = *options;
@@ -234,10 +244,11 @@ CommandRunner AddStatsCommand(CLI::App& app) {
     sub->add_option("--intervals", o.intervals,
                     "Stop after printing this many new intervals (default: at SIGINT/SIGTERM)");
     sub->add_flag("--json", o.json, "One JSON object per interval and line");
+    sub->add_flag("--no-read", o.noRead,
+                  "Count without printing until SIGINT/SIGTERM: every interval is saved for the "
+                  "next run");
     sub->add_flag("--unregister", o.unregister,
                   "Unregister the collector at the end: unread intervals are dropped, not saved");
-    sub->add_option("--state-dir", o.stateDir, "Where the statistics service keeps its state")
-        ->capture_default_str();
     sub->add_option("--ip6tables", o.ip6tables, "auto, yes or no: also log IPv6 through ip6tables")
         ->capture_default_str();
     sub->add_option("--nflog-bypass-mark", o.bypassMark,
