@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <chrono>
@@ -72,9 +73,10 @@ public:
                                       m_out.string() + ".trace",
                                       "--trace-level",
                                       "800",
-                                      "stats",
-                                      "--ip6tables",
-                                      "yes"};
+                                      "stats"};
+        if (std::find(args.begin(), args.end(), "--ip6tables") == args.end()) {
+            argv.insert(argv.end(), {"--ip6tables", "yes"});
+        }
         argv.insert(argv.end(), args.begin(), args.end());
         m_pid = fork();
         if (m_pid == 0) {
@@ -402,6 +404,32 @@ TEST_F(StatsIntegrationTest, DamagedStoredValueIsTracedAndTheServiceStartsEmpty)
         << trace;
     EXPECT_NE(trace.find("(LoadCountersFromStorage()),(QOR_SUCCEEDED(_result)) failed"),
               std::string::npos);
+}
+
+TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
+    struct Case {
+        std::vector<std::string> args;
+        const char* message;
+    };
+    const Case cases[] = {
+        {{"--period", "0"}, "--period 0: expected seconds"},
+        {{"--period", "5m"}, "--period 5m: expected seconds"},
+        {{"--alignment", "now"}, "--alignment now: expected epoch or registration"},
+        {{"--ip6tables", "maybe"}, "--ip6tables maybe: expected auto, yes or no"},
+        {{"--nflog-bypass-mark", "0"}, "expected a non-zero 32-bit number"},
+        {{"--no-read", "--intervals", "2"}, "no --intervals or --unregister with it"},
+        {{"--id", "x"}, "--id"},
+    };
+    for (const auto& c : cases) {
+        NtiStats nti(m_host, m_state, c.args);
+        EXPECT_EQ(nti.Wait(), 2) << c.args[0];
+        EXPECT_NE(nti.Stderr().find(c.message), std::string::npos) << nti.Stderr();
+        EXPECT_EQ(nti.Stdout(), "");
+    }
+    std::string rules;
+    m_host.Exec("iptables-save", &rules);
+    EXPECT_EQ(rules.find("zolt"), std::string::npos) << rules;
+    EXPECT_FALSE(std::filesystem::exists(m_state.Path() / "state.db"));
 }
 
 // client -- router -- server: the router runs nti stats and sees the flow on
