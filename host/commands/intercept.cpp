@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <deque>
@@ -48,6 +49,7 @@ struct InterceptOptions {
     bool quiet = false;
     std::string verdict = "allow";
     std::optional<std::uint32_t> mark;
+    std::string rewrite;
     std::uint64_t count = 0;
     double duration = 0;
     std::string queueRange = "1000-1999";
@@ -117,8 +119,9 @@ public:
         : m_facade(facade), m_event(event), m_final(final), m_thread([this] { Run(); }) {}
     ~Delayed() { Flush(); }
 
-    // Add copies what the verdict needs; the payload only when it goes back.
-    void Add(const Packet& packet, std::chrono::steady_clock::time_point due) {
+    // Add copies what the verdict needs (the payload only when it goes
+    // back); false once flushed, when the caller answers at once.
+    bool Add(const Packet& packet, std::chrono::steady_clock::time_point due) {
         Entry e{due, packet, {}};
         if (packet.payloadChanged) {
             e.payload.assign(packet.payloadBegin, packet.payloadEnd);
@@ -127,9 +130,13 @@ public:
         e.packet.payloadEnd = nullptr;
         {
             std::lock_guard lock(m_mutex);
+            if (m_flush) {
+                return false;
+            }
             m_entries.push_back(std::move(e));
         }
         m_wake.notify_one();
+        return true;
     }
 
     // Flush answers everything still held at once and ends the thread.
@@ -200,6 +207,7 @@ public:
     struct Settings {
         VerdictChoice verdict;
         std::optional<std::uint32_t> mark;
+        std::string rewrite;  // written over the start of UDP payloads
         bool json = false;
         bool quiet = false;
         std::uint64_t count = 0;
@@ -216,17 +224,26 @@ public:
     qor::result_t OnPacketReceived(Packet& packet, Verdict& verdict) noexcept override {
         const std::uint32_t queue = packet.queue <= 2 ? packet.queue : 0;
         ++m_perQueue[queue];
+        const bool rewritten = !m_settings.rewrite.empty() && RewriteUdp(packet);
         if (m_settings.mark) {
+            // The mark goes back only with the payload.
             packet.payloadChanged = true;
             packet.mark = *m_settings.mark;
         }
+        if (packet.payloadChanged) {
+            FillChecksums(packet.payloadBegin,
+                          static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin));
+        }
+        if (rewritten) {
+            ++m_rewritten;
+        }
         verdict = m_settings.verdict.verdict;
         Delayed* delayed = m_delayed.load();
-        if (verdict == Verdict::LATER && delayed != nullptr) {
-            delayed->Add(packet, std::chrono::steady_clock::now() +
-                                     std::chrono::milliseconds(m_settings.verdict.laterMs));
-        } else if (verdict == Verdict::LATER) {
-            verdict = Verdict::ALLOW;
+        if (verdict == Verdict::LATER &&
+            (delayed == nullptr ||
+             !delayed->Add(packet, std::chrono::steady_clock::now() +
+                                       std::chrono::milliseconds(m_settings.verdict.laterMs)))) {
+            verdict = Verdict::ALLOW;  // stopping: nobody would answer later
         }
         ++m_verdicts[static_cast<std::size_t>(verdict)];
         if (!m_settings.quiet) {
@@ -245,7 +262,27 @@ public:
     std::uint64_t PerQueue(std::uint32_t queue) const { return m_perQueue[queue]; }
     std::uint64_t Verdicts(Verdict v) const { return m_verdicts[static_cast<std::size_t>(v)]; }
 
+    std::uint64_t Rewritten() const { return m_rewritten; }
+
 private:
+    // RewriteUdp writes the rewrite text over the start of a UDP payload,
+    // never past its end.
+    bool RewriteUdp(Packet& packet) {
+        const auto size = static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin);
+        const PacketSummary s = Summarize(packet.payloadBegin, size);
+        if (s.protocol != 17 || !s.sourcePort || s.fragment) {
+            return false;
+        }
+        const std::size_t start = s.transportOffset + 8;
+        const std::size_t n = std::min(m_settings.rewrite.size(), size - std::min(size, start));
+        if (n == 0) {
+            return false;
+        }
+        std::copy_n(m_settings.rewrite.begin(), n, packet.payloadBegin + start);
+        packet.payloadChanged = true;
+        return true;
+    }
+
     void Print(const Packet& packet, std::uint32_t queue, Verdict verdict) {
         const std::size_t length =
             static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin);
@@ -301,6 +338,7 @@ private:
     std::atomic<Delayed*> m_delayed{nullptr};
     InterfaceNames m_names;
     std::atomic<std::uint64_t> m_seen{0};
+    std::atomic<std::uint64_t> m_rewritten{0};
     std::array<std::atomic<std::uint64_t>, 3> m_perQueue{};
     std::array<std::atomic<std::uint64_t>, 4> m_verdicts{};
 };
@@ -361,7 +399,7 @@ void PrintSummary(const Consumer& consumer, const std::vector<QueueStats>& kerne
     if (json) {
         std::printf(
             "{\"summary\":{\"reason\":\"%s\",\"packets\":%llu,\"queueIn\":%llu,\"queueOut\":%llu,"
-            "\"allow\":%llu,\"drop\":%llu,\"repeat\":%llu,\"later\":%llu,"
+            "\"allow\":%llu,\"drop\":%llu,\"repeat\":%llu,\"later\":%llu,\"rewritten\":%llu,"
             "\"kernel\":[{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u},"
             "{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u}]}}\n",
             reason, static_cast<unsigned long long>(consumer.Seen()),
@@ -370,20 +408,21 @@ void PrintSummary(const Consumer& consumer, const std::vector<QueueStats>& kerne
             static_cast<unsigned long long>(consumer.Verdicts(Verdict::ALLOW)),
             static_cast<unsigned long long>(consumer.Verdicts(Verdict::DROP)),
             static_cast<unsigned long long>(consumer.Verdicts(Verdict::REPEAT)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)), in.queue,
-            in.queueDropped, in.userDropped, in.waiting, out.queue, out.queueDropped,
-            out.userDropped, out.waiting);
+            static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)),
+            static_cast<unsigned long long>(consumer.Rewritten()), in.queue, in.queueDropped,
+            in.userDropped, in.waiting, out.queue, out.queueDropped, out.userDropped, out.waiting);
     } else {
         std::printf("stopped by %s\n", reason);
         std::printf("packets: %llu (queue in %u: %llu, queue out %u: %llu)\n",
                     static_cast<unsigned long long>(consumer.Seen()), in.queue,
                     static_cast<unsigned long long>(consumer.PerQueue(1)), out.queue,
                     static_cast<unsigned long long>(consumer.PerQueue(2)));
-        std::printf("verdicts: allow %llu, drop %llu, repeat %llu, later %llu\n",
+        std::printf("verdicts: allow %llu, drop %llu, repeat %llu, later %llu; rewritten %llu\n",
                     static_cast<unsigned long long>(consumer.Verdicts(Verdict::ALLOW)),
                     static_cast<unsigned long long>(consumer.Verdicts(Verdict::DROP)),
                     static_cast<unsigned long long>(consumer.Verdicts(Verdict::REPEAT)),
-                    static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)));
+                    static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)),
+                    static_cast<unsigned long long>(consumer.Rewritten()));
         for (const QueueStats& s : {in, out}) {
             std::printf("kernel queue %u: queue dropped %u, user dropped %u, waiting %u\n", s.queue,
                         s.queueDropped, s.userDropped, s.waiting);
@@ -423,6 +462,10 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
 
     // Signals arrive through a descriptor; every thread started from here on
     // inherits the mask.
+    // A shell starts background jobs with SIGINT ignored; an ignored signal
+    // never reaches the descriptor.
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -462,6 +505,7 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
     Consumer::Settings settings;
     settings.verdict = *ParseVerdict(o.verdict);
     settings.mark = o.mark;
+    settings.rewrite = o.rewrite;
     settings.json = o.json;
     settings.quiet = o.quiet;
     settings.count = o.count;
@@ -555,6 +599,8 @@ CommandRunner AddInterceptCommand(CLI::App& app) {
         ->capture_default_str()
         ->check(Accepts("a verdict", ParseVerdict));
     sub->add_option("--mark", o.mark, "Give every packet this mark with its verdict");
+    sub->add_option("--rewrite-udp-payload", o.rewrite,
+                    "Write this text over the start of every UDP payload (checksums refilled)");
     sub->add_option("--count", o.count, "Stop after this many packets")
         ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 62));
     sub->add_option("--duration", o.duration, "Stop after this many seconds")

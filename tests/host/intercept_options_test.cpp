@@ -154,3 +154,74 @@ TEST(PacketSummaryTest, ReadsAddressesAndPorts) {
 
 }  // namespace
 }  // namespace nti::host
+
+namespace nti::host {
+namespace {
+
+// OnesComplementSum of `data`, folded; a packet with a right checksum sums
+// to 0xFFFF over the checked span.
+std::uint16_t OnesSum(const std::vector<std::uint8_t>& data, std::size_t from, std::size_t to,
+                      std::uint32_t acc = 0) {
+    for (std::size_t i = from; i + 1 < to; i += 2) {
+        acc += static_cast<std::uint32_t>(data[i] << 8 | data[i + 1]);
+    }
+    if ((to - from) % 2 == 1) {
+        acc += static_cast<std::uint32_t>(data[to - 1] << 8);
+    }
+    while (acc >> 16) {
+        acc = (acc & 0xFFFF) + (acc >> 16);
+    }
+    return static_cast<std::uint16_t>(acc);
+}
+
+TEST(FillChecksumsTest, WritesIpv4HeaderAndUdpChecksums) {
+    // The IPv4 header of a well-known example (checksum 0xb861 at total
+    // length 0x73; 0xb8b5 at 0x1f), carrying UDP 40000 -> 5000 and "abc".
+    std::vector<std::uint8_t> p = {0x45, 0x00, 0x00, 0x1f, 0x00, 0x00, 0x40, 0x00, 0x40, 0x11, 0xde,
+                                   0xad, 0xc0, 0xa8, 0x00, 0x01, 0xc0, 0xa8, 0x00, 0xc7, 0x9c, 0x40,
+                                   0x13, 0x88, 0x00, 0x0b, 0xbe, 0xef, 'a',  'b',  'c'};
+    ASSERT_TRUE(FillChecksums(p.data(), p.size()));
+    EXPECT_EQ(p[10], 0xb8);
+    EXPECT_EQ(p[11], 0xb5);
+    // Pseudo header: addresses, protocol, UDP length.
+    const std::uint32_t pseudo = OnesSum(p, 12, 20) + 17 + 11;
+    EXPECT_EQ(OnesSum(p, 20, p.size(), pseudo), 0xFFFF);
+}
+
+TEST(FillChecksumsTest, WritesIpv6TcpChecksum) {
+    std::vector<std::uint8_t> p(40 + 20 + 1, 0);
+    p[0] = 0x60;
+    p[5] = 21;  // payload length
+    p[6] = 6;
+    p[7] = 64;
+    p[8] = 0xfd;
+    p[23] = 1;
+    p[24] = 0xfd;
+    p[39] = 2;
+    p[40 + 1] = 80;
+    p[40 + 12] = 0x50;  // data offset 5
+    p[60] = 'x';
+    ASSERT_TRUE(FillChecksums(p.data(), p.size()));
+    const std::uint32_t pseudo = OnesSum(p, 8, 40) + 6 + 21;
+    EXPECT_EQ(OnesSum(p, 40, p.size(), pseudo), 0xFFFF);
+}
+
+TEST(FillChecksumsTest, LeavesWhatItCannotCheckAlone) {
+    std::vector<std::uint8_t> icmp = {0x45, 0, 0,   28, 0, 0, 0x40, 0, 64, 1, 0, 0, 198, 18,
+                                      0,    1, 198, 18, 0, 2, 8,    0, 0,  0, 0, 0, 0,   0};
+    const auto before = icmp;
+    EXPECT_FALSE(FillChecksums(icmp.data(), icmp.size()));
+    EXPECT_EQ(icmp, before);
+    std::vector<std::uint8_t> fragment = {0x45, 0,    0,    28,   0, 0, 0x20, 0,  64, 17,
+                                          0,    0,    198,  18,   0, 1, 198,  18, 0,  2,
+                                          0x9c, 0x40, 0x13, 0x88, 0, 8, 0,    0};
+    EXPECT_FALSE(FillChecksums(fragment.data(), fragment.size()));
+    // Total length that disagrees with the data.
+    std::vector<std::uint8_t> padded = fragment;
+    padded[6] = 0x40;
+    padded.push_back(0);
+    EXPECT_FALSE(FillChecksums(padded.data(), padded.size()));
+}
+
+}  // namespace
+}  // namespace nti::host

@@ -1,0 +1,306 @@
+// nti intercept end to end: each test builds its own pair of namespaces and
+// runs nti inside the "dut" one, with traffic from "gen".
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "tests/integration/netns.h"
+
+namespace nti::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// Count counts the lines holding every one of `parts`.
+std::size_t Count(const std::vector<std::string>& lines, std::initializer_list<std::string> parts) {
+    std::size_t n = 0;
+    for (const std::string& line : lines) {
+        bool all = true;
+        for (const std::string& p : parts) {
+            all = all && line.find(p) != std::string::npos;
+        }
+        n += all ? 1 : 0;
+    }
+    return n;
+}
+
+class InterceptTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const char* module = std::getenv("NTI_MODULE");
+        const char* bin = std::getenv("NTI_BIN");
+        if (module == nullptr || bin == nullptr) {
+            GTEST_SKIP() << "NTI_MODULE and NTI_BIN are set by ctest";
+        }
+        m_module = module;
+        m_bin = bin;
+        static int serial = 0;
+        m_net = std::make_unique<NetnsPair>("it" + std::to_string(++serial));
+        ASSERT_TRUE(m_net->Ok());
+    }
+    void TearDown() override { m_net.reset(); }
+
+    std::vector<std::string> NtiArgv(const std::vector<std::string>& args) const {
+        std::vector<std::string> argv = {"ip",  "netns",    "exec",   m_net->Dut(),
+                                         m_bin, "--module", m_module, "intercept"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return argv;
+    }
+
+    // StartNti returns once the rules are in.
+    std::unique_ptr<Program> StartNti(const std::vector<std::string>& args) {
+        auto nti = std::make_unique<Program>(NtiArgv(args));
+        EXPECT_TRUE(nti->WaitForError("intercepting on queues", 10s)) << nti->Error();
+        return nti;
+    }
+    static int Stop(Program& nti) {
+        nti.Signal(SIGTERM);
+        return nti.Wait(10s);
+    }
+
+    std::string DutSave(const char* program) const {
+        std::string out;
+        EXPECT_EQ(RunIn(m_net->Dut(), {program}, &out), 0);
+        return out;
+    }
+    std::string DutBoundQueues() const {
+        std::string out;
+        RunIn(m_net->Dut(), {"cat", "/proc/net/netfilter/nfnetlink_queue"}, &out);
+        return out;
+    }
+    int Ping(const char* address, int count) const {
+        return RunIn(m_net->Gen(),
+                     {"ping", "-c", std::to_string(count), "-i", "0.2", "-W", "2", address});
+    }
+
+    // Sockets: a sender in gen, sinks in dut.
+    std::unique_ptr<UdpSocket> Sender(int family = AF_INET) const {
+        auto s = std::make_unique<UdpSocket>(
+            m_net->Gen(), family, family == AF_INET ? NetnsPair::kGen4 : NetnsPair::kGen6, 40000);
+        EXPECT_TRUE(s->Ok());
+        return s;
+    }
+    std::unique_ptr<UdpSocket> Sink(std::uint16_t port, int family = AF_INET) const {
+        auto s = std::make_unique<UdpSocket>(
+            m_net->Dut(), family, family == AF_INET ? NetnsPair::kDut4 : NetnsPair::kDut6, port);
+        EXPECT_TRUE(s->Ok());
+        return s;
+    }
+    // Deliver sends `n` datagrams and counts those that arrive.
+    static int Deliver(UdpSocket& from, UdpSocket& to, const char* address, std::uint16_t port,
+                       int n, std::chrono::milliseconds wait = 1000ms) {
+        for (int i = 0; i < n; ++i) {
+            EXPECT_TRUE(from.SendTo(address, port, "datagram " + std::to_string(i)));
+        }
+        int arrived = 0;
+        std::string payload;
+        while (arrived < n && to.Receive(payload, wait)) {
+            ++arrived;
+        }
+        return arrived;
+    }
+
+    std::string m_module;
+    std::string m_bin;
+    std::unique_ptr<NetnsPair> m_net;
+};
+
+TEST_F(InterceptTest, AllowAllPassesTrafficAndSeesEachRequestOnceOnTheInputQueue) {
+    auto sink = Sink(5000);
+    auto sender = Sender();
+    auto nti = StartNti({"--direction", "in", "--json", "--queue-range", "1100-1199"});
+    EXPECT_EQ(Ping(NetnsPair::kDut4, 3), 0);
+    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 5), 5);
+    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
+
+    const auto lines = nti->OutputLines();
+    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"proto\":1,",
+                            "\"src\":\"198.18.0.1\"", "\"verdict\":\"ALLOW\""}),
+              3u);
+    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"proto\":17,",
+                            "\"sport\":40000", "\"dport\":5000", "\"indev\":\"d0\""}),
+              5u);
+    EXPECT_EQ(Count(lines, {"\"queue\":\"out\""}), 0u);
+    std::set<std::string> ids;
+    for (const std::string& line : lines) {
+        const std::size_t at = line.find("\"id\":");
+        if (at != std::string::npos) {
+            const std::string id = line.substr(at + 5, line.find(',', at) - at - 5);
+            EXPECT_TRUE(ids.insert(id).second) << "packet seen twice: " << line;
+        }
+    }
+    EXPECT_EQ(Count(lines, {"\"summary\"", "\"reason\":\"SIGTERM\""}), 1u);
+}
+
+TEST_F(InterceptTest, DropMakesTheSelectedPacketsVanish) {
+    auto dropped = Sink(5000);
+    auto passed = Sink(5001);
+    auto sender = Sender();
+    auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--verdict", "drop", "--json"});
+    EXPECT_EQ(Deliver(*sender, *dropped, NetnsPair::kDut4, 5000, 5, 500ms), 0);
+    EXPECT_EQ(Deliver(*sender, *passed, NetnsPair::kDut4, 5001, 2), 2);
+    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
+    const auto lines = nti->OutputLines();
+    EXPECT_EQ(Count(lines, {"\"dport\":5000", "\"verdict\":\"DROP\""}), 5u);
+    EXPECT_EQ(Count(lines, {"\"dport\":5001"}), 0u);
+    EXPECT_EQ(Count(lines, {"\"summary\"", "\"drop\":5,"}), 1u);
+    // Rules gone: the port delivers again.
+    EXPECT_EQ(Deliver(*sender, *dropped, NetnsPair::kDut4, 5000, 1), 1);
+}
+
+TEST_F(InterceptTest, LaterVerdictDelaysDeliveryByItsTime) {
+    auto sink = Sink(5000);
+    auto sender = Sender();
+    auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--verdict", "later:200"});
+    for (int i = 0; i < 3; ++i) {
+        const auto sent = Clock::now();
+        ASSERT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 1, 3000ms), 1);
+        const auto delay = Clock::now() - sent;
+        EXPECT_GE(delay, 200ms);
+        EXPECT_LT(delay, 2000ms);
+    }
+    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
+    EXPECT_EQ(Count(nti->OutputLines(), {"later 3"}), 1u);
+}
+
+TEST_F(InterceptTest, MarkGivenWithTheVerdictIsSeenByLaterRules) {
+    // The security table's INPUT hook runs after the filter table's.
+    ASSERT_EQ(RunIn(m_net->Dut(),
+                    {"iptables", "-t", "security", "-A", "INPUT", "-p", "udp", "--dport", "5000",
+                     "-m", "mark", "--mark", "0x42", "-m", "comment", "--comment", "marked"}),
+              0);
+    auto sink = Sink(5000);
+    auto sender = Sender();
+    auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--mark", "66", "--json"});
+    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 3), 3);
+    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
+    std::string counters;
+    ASSERT_EQ(RunIn(m_net->Dut(), {"iptables-save", "-c", "-t", "security"}, &counters), 0);
+    EXPECT_NE(counters.find("[3:"), std::string::npos) << counters;
+    EXPECT_EQ(Count(nti->OutputLines(), {"\"mark\":66"}), 3u);
+}
+
+TEST_F(InterceptTest, RewrittenUdpPayloadReachesTheReceiverChanged) {
+    auto sink4 = Sink(5000);
+    auto sink6 = Sink(5000, AF_INET6);
+    auto sender4 = Sender();
+    auto sender6 = Sender(AF_INET6);
+    auto nti = StartNti(
+        {"--proto", "udp", "--local-port", "5000", "--rewrite-udp-payload", "HELLO", "--json"});
+    for (auto [sender, sink, address] :
+         {std::tuple{sender4.get(), sink4.get(), NetnsPair::kDut4},
+          std::tuple{sender6.get(), sink6.get(), NetnsPair::kDut6}}) {
+        SCOPED_TRACE(address);
+        ASSERT_TRUE(sender->SendTo(address, 5000, "hello world"));
+        std::string payload;
+        ASSERT_TRUE(sink->Receive(payload, 1000ms));
+        EXPECT_EQ(payload, "HELLO world");
+        // Shorter than the text: only the payload's own bytes change.
+        ASSERT_TRUE(sender->SendTo(address, 5000, "hi"));
+        ASSERT_TRUE(sink->Receive(payload, 1000ms));
+        EXPECT_EQ(payload, "HE");
+    }
+    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
+    EXPECT_EQ(Count(nti->OutputLines(), {"\"summary\"", "\"rewritten\":4,"}), 1u);
+}
+
+TEST_F(InterceptTest, Ipv6TrafficIsInterceptedToo) {
+    auto sink = Sink(5000, AF_INET6);
+    auto sender = Sender(AF_INET6);
+    auto nti = StartNti({"--family", "6", "--json"});
+    EXPECT_EQ(Ping(NetnsPair::kDut6, 2), 0);
+    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut6, 5000, 3), 3);
+    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
+    const auto lines = nti->OutputLines();
+    EXPECT_EQ(Count(lines, {"\"family\":6", "\"src\":\"fd00:198:18::1\"", "\"proto\":17,",
+                            "\"dport\":5000"}),
+              3u);
+    EXPECT_GE(Count(lines, {"\"family\":6", "\"proto\":58,"}), 2u);
+    EXPECT_EQ(Count(lines, {"\"family\":4"}), 0u);
+}
+
+TEST_F(InterceptTest, TwoInterceptionsWithTheirOwnTagsRunSideBySide) {
+    auto sinkA = Sink(5000);
+    auto sinkB = Sink(5001);
+    auto sender = Sender();
+    auto a = StartNti({"--tag", "alpha", "--proto", "udp", "--local-port", "5000", "--queue-range",
+                       "1100-1149", "--json"});
+    auto b = StartNti({"--tag", "beta", "--proto", "udp", "--local-port", "5001", "--queue-range",
+                       "1150-1199", "--json"});
+    EXPECT_EQ(Deliver(*sender, *sinkA, NetnsPair::kDut4, 5000, 2), 2);
+    EXPECT_EQ(Deliver(*sender, *sinkB, NetnsPair::kDut4, 5001, 3), 3);
+    ASSERT_EQ(Stop(*a), 0) << a->Error();
+    const std::string afterA = DutSave("iptables-save");
+    EXPECT_EQ(afterA.find(":alpha\""), std::string::npos);
+    EXPECT_NE(afterA.find(":beta\""), std::string::npos);
+    EXPECT_EQ(Deliver(*sender, *sinkB, NetnsPair::kDut4, 5001, 1), 1);
+    ASSERT_EQ(Stop(*b), 0) << b->Error();
+    EXPECT_EQ(Count(a->OutputLines(), {"\"queueNumber\":1100", "\"dport\":5000"}), 2u);
+    EXPECT_EQ(Count(b->OutputLines(), {"\"queueNumber\":1150", "\"dport\":5001"}), 4u);
+    EXPECT_EQ(Count(b->OutputLines(), {"\"dport\":5000"}), 0u);
+}
+
+TEST_F(InterceptTest, StopUnderTrafficLeavesNoRuleAndNoBoundQueue) {
+    auto sink = Sink(5000);
+    auto sender = Sender();
+    auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--quiet"});
+    std::atomic<bool> stop{false};
+    std::thread traffic([&] {
+        const auto end = Clock::now() + 5s;
+        for (int i = 0; i < 20000 && !stop && Clock::now() < end; ++i) {
+            sender->SendTo(NetnsPair::kDut4, 5000, "x");
+            std::this_thread::sleep_for(200us);
+        }
+    });
+    std::this_thread::sleep_for(300ms);
+    const int exitCode = Stop(*nti);
+    stop = true;
+    traffic.join();
+    ASSERT_EQ(exitCode, 0) << nti->Error();
+    for (const char* save : {"iptables-save", "ip6tables-save"}) {
+        EXPECT_EQ(DutSave(save).find("\"nti:"), std::string::npos) << save;
+    }
+    EXPECT_EQ(DutBoundQueues(), "");
+    EXPECT_EQ(Count(nti->OutputLines(), {"stopped by SIGTERM"}), 1u);
+}
+
+TEST_F(InterceptTest, RulesOfAKilledRunAreRemovedByTheNextStart) {
+    auto killed = StartNti({"--tag", "stale", "--proto", "udp"});
+    killed->Signal(SIGKILL);
+    ASSERT_EQ(killed->Wait(5s), 128 + SIGKILL);
+    for (const char* save : {"iptables-save", "ip6tables-save"}) {
+        ASSERT_NE(DutSave(save).find(":stale\""), std::string::npos) << save;
+    }
+    auto next = StartNti({"--tag", "fresh", "--proto", "udp"});
+    for (const char* save : {"iptables-save", "ip6tables-save"}) {
+        const std::string text = DutSave(save);
+        EXPECT_EQ(text.find(":stale\""), std::string::npos) << text;
+        EXPECT_NE(text.find(":fresh\""), std::string::npos) << text;
+    }
+    ASSERT_EQ(Stop(*next), 0) << next->Error();
+    EXPECT_EQ(DutSave("iptables-save").find("\"nti:"), std::string::npos);
+}
+
+TEST_F(InterceptTest, WrongArgumentsExitWithUsageAndTouchNothing) {
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"--proto", "nope"},
+          {"--local-port", "53"},
+          {"--remote-addr", "198.18.0.0/40"},
+          {"--verdict", "later"},
+          {"--family", "4", "--local-addr", "fd00:198:18::2"}}) {
+        Program nti(NtiArgv(args));
+        EXPECT_EQ(nti.Wait(10s), 2) << args[0] << " " << args[1];
+        EXPECT_FALSE(nti.Error().empty());
+    }
+    EXPECT_EQ(DutSave("iptables-save").find("NTI_"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace nti::test

@@ -1,0 +1,384 @@
+// The interceptor facade: its map, lock, check records and kept quirks, with
+// scripted interceptors, and end to end with real ones in a network namespace.
+#include "network_traffic_interceptor/src/network_interceptor.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/service_locator.h"
+#include "tests/fakes/fake_dynamic_rules.h"
+#include "tests/fakes/fake_nfqueue_query.h"
+#include "tests/fakes/fake_packet_callback.h"
+#include "tests/fakes/private_netns.h"
+#include "tests/fakes/recording_tracer.h"
+#include "tests/network_traffic_interceptor/src/nfqueue_test_support.h"
+
+namespace {
+
+namespace ni = dwi::network_interceptor;
+namespace fw = dwi::firewall;
+using nti::test::Eventually;
+using nti::test::FakePacketCallback;
+using qor::object::Create;
+using qor::object::ImplPtr;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+constexpr const char* kFile = "network_traffic_interceptor/src/network_interceptor";
+
+// Before main: no socket of the test may come from the machine's namespace.
+const std::string kNetnsFailure = nti::test::EnterPrivateNetns();
+
+// Script decides what scripted interceptors answer and logs what they are asked.
+struct Script {
+    std::mutex mutex;
+    std::vector<std::string> log;
+    qor::result_t startResult = 0;
+    std::map<int, qor::result_t> stopResults;  // by serial; 0 when absent
+    qor::result_t verdictResult = 0;
+    std::function<void()> onStop;
+
+    void Add(std::string entry) {
+        std::lock_guard lock(mutex);
+        log.push_back(std::move(entry));
+    }
+    std::vector<std::string> Log() {
+        std::lock_guard lock(mutex);
+        return log;
+    }
+};
+
+class ScriptedInterceptor : public ni::NfQueueInterceptor {
+public:
+    ScriptedInterceptor(std::shared_ptr<Script> script, int serial)
+        : NfQueueInterceptor(nullptr, nullptr, nullptr),
+          m_script(std::move(script)),
+          m_serial(serial) {}
+    ~ScriptedInterceptor() override { m_script->Add("destroyed " + std::to_string(m_serial)); }
+
+    qor::result_t Start(const fw::Filter& filter, ni::IPacketEventCallback*,
+                        const char* serviceName) noexcept override {
+        m_script->Add("start " + std::to_string(m_serial) + " " + serviceName + " " +
+                      std::to_string(filter.size()));
+        return m_script->startResult;
+    }
+    qor::result_t Stop() noexcept override {
+        m_script->Add("stop " + std::to_string(m_serial));
+        if (m_script->onStop) {
+            m_script->onStop();
+        }
+        const auto it = m_script->stopResults.find(m_serial);
+        return it == m_script->stopResults.end() ? 0 : it->second;
+    }
+    qor::result_t SetVerdict(const ni::Packet& packet, std::uint32_t verdict) noexcept override {
+        m_script->Add("verdict " + std::to_string(m_serial) + " " + std::to_string(packet.id) +
+                      " " + std::to_string(verdict));
+        return m_script->verdictResult;
+    }
+
+private:
+    std::shared_ptr<Script> m_script;
+    int m_serial;
+};
+
+class ScriptedFacade : public ni::NetworkInterceptor {
+public:
+    ScriptedFacade(qor::IServiceLocator* locator, qor::ITracer* tracer,
+                   std::shared_ptr<Script> script)
+        : NetworkInterceptor(locator, tracer), m_script(std::move(script)) {}
+
+protected:
+    qor::RefPtr<ni::NfQueueInterceptor> CreateInterceptor(qor::RefPtr<fw::IDynamicRules>) override {
+        return Create<ScriptedInterceptor>(m_script, ++m_serial);
+    }
+
+private:
+    std::shared_ptr<Script> m_script;
+    std::atomic<int> m_serial{0};
+};
+
+std::string Hex(const void* p) {
+    std::ostringstream out;
+    out << "0x" << std::hex << reinterpret_cast<std::uintptr_t>(p);
+    return out.str();
+}
+
+std::string CheckRecord(int line, const std::string& expression, const std::string& result,
+                        const std::string& message) {
+    return "NetworkInterceptor: " + std::string(kFile) + ":" + std::to_string(line) + "(" +
+           expression + "),(QOR_SUCCEEDED(_result)) failed: result = " + result + " " + message;
+}
+
+std::string NotFoundRecord(int line, const std::string& key) {
+    return "NetworkInterceptor: " + std::string(kFile) + ":" + std::to_string(line) +
+           "(it != m_interceptors.end()),(bool) failed: result = false Cannot find " + key;
+}
+
+class FacadeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(m_locator->Register(fw::IDynamicRules::IID, m_rules.Get()), 0);
+        m_facade = Create<ScriptedFacade>(m_locator.Get(), m_tracer.Get(), m_script);
+    }
+    void TearDown() override {
+        m_facade.Reset();
+        m_locator->Clear();
+    }
+
+    ni::IPacketEventCallback* Event(int i) { return m_events[i].Get(); }
+    std::vector<std::string> Errors() const {
+        std::vector<std::string> lines;
+        for (const auto& l : m_tracer->Lines()) {
+            if (l.level <= 300) {
+                lines.push_back(l.text);
+            }
+        }
+        return lines;
+    }
+
+    ImplPtr<nti::test::RecordingTracer> m_tracer = Create<nti::test::RecordingTracer>();
+    ImplPtr<nti::host::ServiceLocator> m_locator = Create<nti::host::ServiceLocator>();
+    ImplPtr<nti::test::FakeDynamicRules> m_rules = Create<nti::test::FakeDynamicRules>();
+    std::shared_ptr<Script> m_script = std::make_shared<Script>();
+    ImplPtr<ScriptedFacade> m_facade;
+    ImplPtr<FakePacketCallback> m_events[3] = {
+        Create<FakePacketCallback>(), Create<FakePacketCallback>(), Create<FakePacketCallback>()};
+};
+
+TEST_F(FacadeTest, StopTwiceReportsTheUnknownKey) {
+    ASSERT_EQ(m_facade->StartInterception(Event(0), {{}, {}}, "svc"), 0);
+    EXPECT_EQ(m_facade->StopInterception(Event(0)), 0);
+    EXPECT_EQ(m_facade->StopInterception(Event(0)), qor::errors::kNotFound);
+    EXPECT_THAT(Errors(), ElementsAre(NotFoundRecord(65, Hex(Event(0)))));
+    EXPECT_THAT(m_script->Log(), ElementsAre("start 1 svc 2", "stop 1", "destroyed 1"));
+}
+
+TEST_F(FacadeTest, VerdictForKeyZero) {
+    EXPECT_EQ(m_facade->SetVerdict(nullptr, ni::Packet{}, 0), qor::errors::kNotFound);
+    EXPECT_THAT(Errors(), ElementsAre(NotFoundRecord(82, "0x0")));
+}
+
+TEST_F(FacadeTest, FailedStartRegistersNothing) {
+    m_script->startResult = qor::errors::kUnspecified;
+    EXPECT_EQ(m_facade->StartInterception(Event(0), {}, "svc"), qor::errors::kUnspecified);
+    EXPECT_THAT(Errors(),
+                ElementsAre(CheckRecord(44, "interceptor->Start(filter, event, serviceName)",
+                                        "0x8000004b (Unspecified error)",
+                                        "Cannot start interceptor for svc")));
+    EXPECT_THAT(m_script->Log(), ElementsAre("start 1 svc 0", "destroyed 1"));
+    EXPECT_EQ(m_facade->StopInterception(Event(0)), qor::errors::kNotFound);
+}
+
+TEST_F(FacadeTest, FailedStopKeepsTheEntryForARetry) {
+    ASSERT_EQ(m_facade->StartInterception(Event(1), {}, "svc"), 0);
+    m_script->stopResults[1] = qor::errors::kInvalidState;
+    EXPECT_EQ(m_facade->StopInterception(Event(1)), qor::errors::kInvalidState);
+    EXPECT_THAT(Errors(),
+                ElementsAre(CheckRecord(68, "interceptor->Stop()", "0x8000006a (Invalid state)",
+                                        "Cannot stop interceptor")));
+    ni::Packet packet;
+    packet.id = 42;
+    EXPECT_EQ(m_facade->SetVerdict(Event(1), packet, 1), 0);
+    m_script->stopResults.clear();
+    EXPECT_EQ(m_facade->StopInterception(Event(1)), 0);
+    EXPECT_THAT(m_script->Log(),
+                ElementsAre("start 1 svc 0", "stop 1", "verdict 1 42 1", "stop 1", "destroyed 1"));
+}
+
+TEST_F(FacadeTest, VerdictResults) {
+    ASSERT_EQ(m_facade->StartInterception(Event(0), {}, "svc"), 0);
+    ni::Packet packet;
+    packet.id = 7;
+    m_script->verdictResult = 1;  // LATER
+    EXPECT_EQ(m_facade->SetVerdict(Event(0), packet, 3), 0);
+    m_script->verdictResult = qor::errors::kUnspecified;
+    EXPECT_EQ(m_facade->SetVerdict(Event(0), packet, 0), qor::errors::kUnspecified);
+    EXPECT_THAT(Errors(),
+                ElementsAre(CheckRecord(84, "it->second->SetVerdict(packet, verdict)",
+                                        "0x8000004b (Unspecified error)", "Cannot set verdict")));
+}
+
+TEST_F(FacadeTest, StartTwiceWithOneEventKeepsTheFirst) {
+    ASSERT_EQ(m_facade->StartInterception(Event(0), {}, "first"), 0);
+    ASSERT_EQ(m_facade->StartInterception(Event(0), {}, "second"), 0);
+    // The second was started, then released without a Stop.
+    EXPECT_THAT(m_script->Log(), ElementsAre("start 1 first 0", "start 2 second 0", "destroyed 2"));
+    EXPECT_EQ(m_facade->SetVerdict(Event(0), ni::Packet{}, 0), 0);
+    EXPECT_THAT(m_script->Log(), Contains("verdict 1 0 0"));
+    EXPECT_TRUE(Errors().empty());
+}
+
+TEST_F(FacadeTest, MissingFirewallServiceFailsTheStart) {
+    ASSERT_EQ(m_locator->Unregister(fw::IDynamicRules::IID), 0);
+    EXPECT_EQ(m_facade->StartInterception(Event(0), {}, "svc"), qor::errors::kNoInterface);
+    ASSERT_EQ(Errors().size(), 1u);
+    EXPECT_THAT(Errors()[0], HasSubstr("StartInterception"));
+    EXPECT_THAT(Errors()[0], HasSubstr("Can't get interface"));
+    EXPECT_TRUE(m_script->Log().empty());
+}
+
+TEST_F(FacadeTest, DestructionStopsEveryInterceptorInKeyOrder) {
+    std::vector<int> byKey = {0, 1, 2};
+    std::sort(byKey.begin(), byKey.end(), [&](int a, int b) {
+        return reinterpret_cast<std::uintptr_t>(Event(a)) <
+               reinterpret_cast<std::uintptr_t>(Event(b));
+    });
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(m_facade->StartInterception(Event(i), {}, "svc"), 0);
+    }
+    // Serial i + 1 belongs to Event(i); the middle key fails.
+    m_script->stopResults[byKey[1] + 1] = qor::errors::kUnspecified;
+    m_facade.Reset();
+    std::vector<std::string> stops;
+    for (const auto& entry : m_script->Log()) {
+        if (entry.rfind("stop", 0) == 0) {
+            stops.push_back(entry);
+        }
+    }
+    EXPECT_THAT(stops, ElementsAre("stop " + std::to_string(byKey[0] + 1),
+                                   "stop " + std::to_string(byKey[1] + 1),
+                                   "stop " + std::to_string(byKey[2] + 1)));
+    EXPECT_THAT(Errors(), ElementsAre("NetworkInterceptor: ~NetworkInterceptor: "
+                                      "'(interceptor->Stop())=0x8000004b (Unspecified error)' "
+                                      "Cannot stop interceptor"));
+    EXPECT_EQ(m_script->Log().back().rfind("destroyed", 0), 0u);
+}
+
+TEST_F(FacadeTest, EntryAndExitTraces) {
+    ASSERT_EQ(m_facade->StartInterception(Event(0), {}, "svc"), 0);
+    ASSERT_EQ(m_facade->SetVerdict(Event(0), ni::Packet{}, 0), 0);
+    ASSERT_EQ(m_facade->StopInterception(Event(0)), 0);
+    m_facade.Reset();
+    EXPECT_EQ(
+        m_tracer->Texts(),
+        (std::vector<std::string>{
+            "NetworkInterceptor: NetworkInterceptor() ", "NetworkInterceptor: StartInterception() ",
+            "NetworkInterceptor: SetVerdict() ", "NetworkInterceptor: StopInterception() ",
+            "NetworkInterceptor: ~NetworkInterceptor() "}));
+}
+
+TEST_F(FacadeTest, ReentryUnderTheWriteLockIsADeadlockError) {
+    ASSERT_EQ(m_facade->StartInterception(Event(0), {}, "svc"), 0);
+    qor::result_t inner = 0;
+    m_script->onStop = [&] {
+        m_script->onStop = nullptr;
+        inner = m_facade->StopInterception(Event(0));
+    };
+    EXPECT_EQ(m_facade->StopInterception(Event(0)), 0);
+    // std::system_error is a standard exception without a result code.
+    EXPECT_EQ(inner, static_cast<qor::result_t>(0x80000151));
+    ASSERT_EQ(Errors().size(), 1u);
+    EXPECT_THAT(Errors()[0], HasSubstr("StopInterception"));
+    EXPECT_THAT(Errors()[0], HasSubstr("Resource deadlock avoided"));
+}
+
+TEST_F(FacadeTest, VerdictsRunAlongsideStartsAndStops) {
+    ASSERT_EQ(m_facade->StartInterception(Event(0), {}, "svc"), 0);
+    std::atomic<bool> done{false};
+    std::atomic<int> failures{0};
+    std::vector<std::thread> verdicts;
+    for (int t = 0; t < 3; ++t) {
+        verdicts.emplace_back([&] {
+            while (!done.load()) {
+                failures += m_facade->SetVerdict(Event(0), ni::Packet{}, 0) != 0 ? 1 : 0;
+            }
+        });
+    }
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(m_facade->StartInterception(Event(1), {}, "other"), 0);
+        ASSERT_EQ(m_facade->StopInterception(Event(1)), 0);
+    }
+    done = true;
+    for (auto& t : verdicts) {
+        t.join();
+    }
+    EXPECT_EQ(failures.load(), 0);
+}
+
+// --- With real interceptors -------------------------------------------------
+
+class FacadeNetnsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(kNetnsFailure.empty()) << kNetnsFailure;
+        m_query->SetFirst(300);
+        ASSERT_EQ(m_locator->Register(firewall::INfqueueQuery::IID, m_query.Get()), 0);
+        ASSERT_EQ(m_locator->Register(fw::IDynamicRules::IID, m_rules.Get()), 0);
+        m_facade = Create<ni::NetworkInterceptor>(m_locator.Get(), m_tracer.Get());
+    }
+    void TearDown() override {
+        m_facade.Reset();
+        m_locator->Clear();
+    }
+    std::size_t Count(bool add) const {
+        std::size_t n = 0;
+        for (const auto& c : m_rules->Calls()) {
+            n += c.add == add ? 1 : 0;
+        }
+        return n;
+    }
+
+    ImplPtr<nti::test::RecordingTracer> m_tracer = Create<nti::test::RecordingTracer>();
+    ImplPtr<nti::host::ServiceLocator> m_locator = Create<nti::host::ServiceLocator>();
+    ImplPtr<nti::test::FakeNfqueueQuery> m_query = Create<nti::test::FakeNfqueueQuery>();
+    ImplPtr<nti::test::FakeDynamicRules> m_rules = Create<nti::test::FakeDynamicRules>();
+    ImplPtr<FakePacketCallback> m_event = Create<FakePacketCallback>();
+    ImplPtr<ni::NetworkInterceptor> m_facade;
+};
+
+TEST_F(FacadeNetnsTest, StartVerdictStop) {
+    ASSERT_EQ(m_facade->StartInterception(m_event.Get(), {{}}, "svc"), 0);
+    ASSERT_TRUE(Eventually([&] { return Count(true) == 1; }));
+    EXPECT_EQ(m_rules->Calls()[0].tag, "svc");
+
+    EXPECT_EQ(m_facade->SetVerdict(m_event.Get(), ni::Packet{}, 0), qor::errors::kUnspecified);
+    EXPECT_THAT(m_tracer->Texts(),
+                Contains("NetworkInterceptor::NfQueueInterceptor: SetVerdict: Cannot set verdict: "
+                         "unknown queue for packet"));
+    EXPECT_THAT(m_tracer->Texts(),
+                Contains(CheckRecord(84, "it->second->SetVerdict(packet, verdict)",
+                                     "0x8000004b (Unspecified error)", "Cannot set verdict")));
+
+    EXPECT_EQ(m_facade->StopInterception(m_event.Get()), 0);
+    EXPECT_EQ(Count(false), 1u);
+    EXPECT_EQ(m_facade->StopInterception(m_event.Get()), qor::errors::kNotFound);
+}
+
+TEST_F(FacadeNetnsTest, StartTwiceWithOneEvent) {
+    ASSERT_EQ(m_facade->StartInterception(m_event.Get(), {{}}, "svc"), 0);
+    ASSERT_EQ(m_facade->StartInterception(m_event.Get(), {{}}, "svc"), 0);
+    // The second interceptor is gone, and its threads and rules with it.
+    EXPECT_EQ(Count(false), 1u);
+    EXPECT_TRUE(Eventually([&] { return Count(true) == 2; }));
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 1; }));
+    EXPECT_EQ(m_facade->StopInterception(m_event.Get()), 0);
+    EXPECT_EQ(Count(false), 2u);
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 0; }));
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQReply") == 0; }));
+}
+
+TEST_F(FacadeNetnsTest, DestructionStopsTheInterceptors) {
+    ImplPtr<FakePacketCallback> other = Create<FakePacketCallback>();
+    ASSERT_EQ(m_facade->StartInterception(m_event.Get(), {{}}, "a"), 0);
+    ASSERT_EQ(m_facade->StartInterception(other.Get(), {{}}, "b"), 0);
+    ASSERT_TRUE(Eventually([&] { return Count(true) == 2; }));
+    m_facade.Reset();
+    EXPECT_EQ(Count(false), 2u);
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 0; }));
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQReply") == 0; }));
+}
+
+}  // namespace

@@ -1,0 +1,647 @@
+// NfQueueInterceptor lifecycle, channel configuration and verdicts, against
+// the kernel's NFQUEUE in a network namespace of the test's own.
+#include "network_traffic_interceptor/src/nfqueue_interceptor.h"
+
+#include <libmnl/libmnl.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nfnetlink_queue.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/service_locator.h"
+#include "tests/fakes/fake_dynamic_rules.h"
+#include "tests/fakes/fake_nfqueue_query.h"
+#include "tests/fakes/fake_packet_callback.h"
+#include "tests/fakes/private_netns.h"
+#include "tests/fakes/recording_tracer.h"
+#include "tests/network_traffic_interceptor/src/nfqueue_test_support.h"
+
+namespace {
+
+namespace ni = dwi::network_interceptor;
+namespace fw = dwi::firewall;
+using nti::test::Bytes;
+using nti::test::Eventually;
+using nti::test::Normalized;
+using nti::test::WatchedInterceptor;
+using qor::object::Create;
+using qor::object::ImplPtr;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::Not;
+
+constexpr std::uint16_t kFirstQueue = 100;
+
+// Before main: no socket of the test may come from the machine's namespace.
+const std::string kNetnsFailure = nti::test::EnterPrivateNetns();
+constexpr const char* kPrefix = "NfQueueInterceptor: ";
+constexpr const char* kFile = "network_traffic_interceptor/src/nfqueue_interceptor";
+
+Bytes AsBytes(const nlmsghdr* nlh) {
+    const auto* p = reinterpret_cast<const std::uint8_t*>(nlh);
+    return Bytes(p, p + nlh->nlmsg_len);
+}
+
+// The configuration of one channel, in the order it is sent.
+std::vector<Bytes> ChannelConfiguration(std::uint16_t queue) {
+    alignas(nlmsghdr) char b[ni::kConfigBufferSize];
+    return {AsBytes(ni::BuildCfgPfRequest(b, NFQNL_CFG_CMD_PF_UNBIND, AF_INET)),
+            AsBytes(ni::BuildCfgPfRequest(b, NFQNL_CFG_CMD_PF_BIND, AF_INET)),
+            AsBytes(ni::BuildCfgPfRequest(b, NFQNL_CFG_CMD_PF_UNBIND, AF_INET6)),
+            AsBytes(ni::BuildCfgPfRequest(b, NFQNL_CFG_CMD_PF_BIND, AF_INET6)),
+            AsBytes(ni::BuildCfgRequest(b, NFQNL_CFG_CMD_BIND, queue)),
+            AsBytes(ni::BuildCfgParams(b, NFQNL_COPY_PACKET, 0xFFFF, queue)),
+            AsBytes(ni::BuildCfgFlagsGSO(b, queue)),
+            AsBytes(ni::BuildCfgQueueMaxLen(b, queue))};
+}
+
+Bytes Verdict(std::uint16_t queue, std::uint32_t id, std::uint32_t verdict,
+              const ni::Packet* packet = nullptr) {
+    std::vector<char> b(ni::kVerdictBufferSize);
+    return AsBytes(ni::BuildVerdictMessage(b.data(), b.size(), queue, id,
+                                           ni::NetfilterVerdict(verdict), packet));
+}
+
+std::string CheckRecord(const std::string& expression, const std::string& result,
+                        const std::string& message) {
+    return std::string(kFile) + ":L(" + expression +
+           "),(QOR_SUCCEEDED(_result)) failed: result = " + result + " " + message;
+}
+
+std::string BoolRecord(const std::string& condition, const std::string& message) {
+    return std::string(kFile) + ":L(" + condition + "),(bool) failed: result = false " + message;
+}
+
+// QueueOf lists the queue numbers of queue rules.
+std::vector<std::uint16_t> QueueOf(const fw::Rules& rules) {
+    std::vector<std::uint16_t> queues;
+    for (const auto& rule : rules) {
+        if (rule.index() == fw::kQueueRuleIndex) {
+            queues.push_back(std::get<fw::kQueueRuleIndex>(rule).queueNumber);
+        }
+    }
+    return queues;
+}
+
+// IsSubsequence: `expected` appears in `actual` in order.
+bool IsSubsequence(const std::vector<std::string>& actual,
+                   const std::vector<std::string>& expected) {
+    auto it = actual.begin();
+    for (const auto& e : expected) {
+        it = std::find(it, actual.end(), e);
+        if (it == actual.end()) {
+            return false;
+        }
+        ++it;
+    }
+    return true;
+}
+
+struct SocketCloser {
+    void operator()(mnl_socket* s) const { mnl_socket_close(s); }
+};
+using Socket = std::unique_ptr<mnl_socket, SocketCloser>;
+
+// ClaimQueue binds `queue` to a socket of the test, so the interceptor
+// cannot.
+Socket ClaimQueue(std::uint16_t queue) {
+    Socket s(mnl_socket_open(NETLINK_NETFILTER));
+    if (!s || mnl_socket_bind(s.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
+        return nullptr;
+    }
+    alignas(nlmsghdr) char b[ni::kConfigBufferSize];
+    const nlmsghdr* nlh = ni::BuildCfgRequest(b, NFQNL_CFG_CMD_BIND, queue);
+    char answer[1024];
+    if (mnl_socket_sendto(s.get(), nlh, nlh->nlmsg_len) < 0 ||
+        mnl_socket_recvfrom(s.get(), answer, sizeof(answer)) <= 0) {
+        return nullptr;
+    }
+    return s;
+}
+
+class NfQueueInterceptorTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(kNetnsFailure.empty()) << kNetnsFailure;
+        m_query->SetFirst(kFirstQueue);
+        ASSERT_EQ(m_locator->Register(firewall::INfqueueQuery::IID, m_query.Get()), 0);
+        m_interceptor = Create<WatchedInterceptor>(m_locator.Get(), m_tracer.Get(),
+                                                   qor::RefPtr<fw::IDynamicRules>(m_rules.Get()));
+    }
+    void TearDown() override {
+        if (m_interceptor) {
+            m_interceptor->SetGate(true);
+            m_interceptor->Stop();
+        }
+        m_interceptor.Reset();
+        m_locator->Clear();
+    }
+
+    qor::result_t Start(const fw::Filter& filter = {{}}) {
+        return m_interceptor->Start(filter, m_callback.Get(), "svc");
+    }
+
+    // Lines of this interceptor, without the prefix, line numbers normalized.
+    std::vector<std::string> Lines(std::uint32_t maxLevel = 1000) const {
+        std::vector<std::string> lines;
+        for (const auto& line : m_tracer->Lines()) {
+            if (line.level <= maxLevel && line.text.rfind(kPrefix, 0) == 0) {
+                lines.push_back(Normalized(line.text.substr(std::string(kPrefix).size())));
+            }
+        }
+        return lines;
+    }
+
+    bool RulesCalls(std::size_t n) const {
+        return Eventually([&] { return m_rules->Calls().size() >= n; });
+    }
+
+    ImplPtr<nti::test::RecordingTracer> m_tracer = Create<nti::test::RecordingTracer>();
+    ImplPtr<nti::host::ServiceLocator> m_locator = Create<nti::host::ServiceLocator>();
+    ImplPtr<nti::test::FakeNfqueueQuery> m_query = Create<nti::test::FakeNfqueueQuery>();
+    ImplPtr<nti::test::FakeDynamicRules> m_rules = Create<nti::test::FakeDynamicRules>();
+    ImplPtr<nti::test::FakePacketCallback> m_callback = Create<nti::test::FakePacketCallback>();
+    ImplPtr<WatchedInterceptor> m_interceptor;
+};
+
+// --- Lifecycle --------------------------------------------------------------
+
+TEST_F(NfQueueInterceptorTest, StopNeverStartedIsInvalidState) {
+    EXPECT_EQ(m_interceptor->Stop(), static_cast<qor::result_t>(0x8000006a));
+    EXPECT_THAT(Lines(), ElementsAre("NfQueueInterceptor() ", "Stop() ",
+                                     "Stop: interceptor is stopped already"));
+}
+
+TEST_F(NfQueueInterceptorTest, StartConfiguresBothChannelsAndStopEndsEverything) {
+    const int descriptors = nti::test::OpenDescriptors();
+    ASSERT_EQ(Start(), 0);
+    EXPECT_EQ(m_query->LastCount(), 2u);
+    ASSERT_TRUE(RulesCalls(1));
+    EXPECT_TRUE(Eventually([] {
+        return nti::test::CountThreads("zoltNfQPoll") == 1 &&
+               nti::test::CountThreads("zoltNfQReply") == 1;
+    }));
+
+    std::vector<Bytes> expected = ChannelConfiguration(kFirstQueue);
+    const std::vector<Bytes> output = ChannelConfiguration(kFirstQueue + 1);
+    expected.insert(expected.end(), output.begin(), output.end());
+    EXPECT_THAT(m_interceptor->Messages(NFQNL_MSG_CONFIG), ElementsAreArray(expected));
+
+    ASSERT_EQ(m_interceptor->Stop(), 0);
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 0; }));
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQReply") == 0; }));
+    EXPECT_EQ(nti::test::OpenDescriptors(), descriptors);
+
+    const auto calls = m_rules->Calls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_TRUE(calls[0].add);
+    EXPECT_EQ(calls[0].tag, "svc");
+    EXPECT_FALSE(calls[1].add);
+    EXPECT_EQ(QueueOf(calls[1].rules), QueueOf(calls[0].rules));
+    EXPECT_THAT(QueueOf(calls[0].rules), ElementsAre(kFirstQueue));
+
+    const auto lines = Lines();
+    EXPECT_TRUE(
+        IsSubsequence(lines, {"Start() ", "InitNetLinkSocket() ", "InitNetLinkSocket() ",
+                              "InitNetLinkSocket() <- netlink socket was successfully configured",
+                              "Stop() ", "Run: Received stop event, stopping interceptor thread",
+                              "Run() <- interceptor thread successfully was stopped",
+                              "ReplyThread: Received stop event, stopping reply thread",
+                              "ReplyThread() <- ReplyThread was stopped"}))
+        << ::testing::PrintToString(lines);
+    EXPECT_TRUE(IsSubsequence(lines, {"Run() ", "AddFirewallRules() ", "SetFirewallRules() ",
+                                      "Stop() ", "RemoveFirewallRules() ", "SetFirewallRules() "}));
+    EXPECT_THAT(lines, Contains("ReplyThread() "));
+    EXPECT_TRUE(Lines(500).empty()) << ::testing::PrintToString(Lines(500));
+}
+
+TEST_F(NfQueueInterceptorTest, SelectorsChooseTheQueue) {
+    fw::Filter filter;
+    for (std::uint32_t selector : {0u, 1u, 2u, 3u}) {
+        fw::QueueRule rule;
+        rule.direction = selector;
+        rule.queueNumber = 7;  // overwritten
+        rule.protocol = 17;
+        rule.remotePorts = {53, 53};
+        rule.interfaceName = "veth" + std::to_string(selector);
+        filter.push_back(rule);
+    }
+    ASSERT_EQ(Start(filter), 0);
+    ASSERT_TRUE(RulesCalls(1));
+    const fw::Rules rules = m_rules->Calls()[0].rules;
+    ASSERT_EQ(rules.size(), 4u);
+    const std::uint16_t expectedQueue[] = {kFirstQueue, kFirstQueue + 1, kFirstQueue,
+                                           kFirstQueue + 1};
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        ASSERT_EQ(rules[i].index(), fw::kQueueRuleIndex);
+        const auto& rule = std::get<fw::kQueueRuleIndex>(rules[i]);
+        EXPECT_EQ(rule.direction, i);
+        EXPECT_EQ(rule.queueNumber, expectedQueue[i]) << "selector " << i;
+        EXPECT_EQ(rule.protocol, 17);
+        EXPECT_EQ(rule.remotePorts.first, 53);
+        EXPECT_EQ(rule.interfaceName, "veth" + std::to_string(i));
+    }
+}
+
+TEST_F(NfQueueInterceptorTest, StartTwiceIsInvalidState) {
+    ASSERT_EQ(Start(), 0);
+    EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000006a));
+    EXPECT_THAT(Lines(), Contains("Start: interceptor is started already"));
+    EXPECT_EQ(m_query->Calls(), 1);
+}
+
+TEST_F(NfQueueInterceptorTest, RestartTakesNewQueues) {
+    ASSERT_EQ(Start(), 0);
+    ASSERT_EQ(m_interceptor->Stop(), 0);
+    m_query->SetFirst(200);
+    ASSERT_EQ(Start(), 0);
+    ASSERT_TRUE(RulesCalls(3));
+    EXPECT_EQ(std::get<fw::kQueueRuleIndex>(m_rules->Calls()[2].rules.at(0)).queueNumber, 200);
+    ASSERT_EQ(m_interceptor->Stop(), 0);
+    EXPECT_EQ(m_rules->Calls().size(), 4u);
+}
+
+TEST_F(NfQueueInterceptorTest, Queue65535WrapsTheOutputQueueToZero) {
+    m_query->SetFirst(65535);
+    fw::Filter filter(2);
+    filter[1].direction = fw::kOutbound;
+    ASSERT_EQ(Start(filter), 0);
+    ASSERT_TRUE(RulesCalls(1));
+    const fw::Rules rules = m_rules->Calls()[0].rules;
+    EXPECT_EQ(std::get<fw::kQueueRuleIndex>(rules.at(0)).queueNumber, 65535);
+    EXPECT_EQ(std::get<fw::kQueueRuleIndex>(rules.at(1)).queueNumber, 0);
+    const auto config = m_interceptor->Messages(NFQNL_MSG_CONFIG);
+    ASSERT_EQ(config.size(), 16u);
+    EXPECT_EQ(config[4], ChannelConfiguration(65535)[4]);
+    EXPECT_EQ(config[12], ChannelConfiguration(0)[4]);
+}
+
+TEST_F(NfQueueInterceptorTest, EmptyFilterStillStartsBothThreads) {
+    ASSERT_EQ(m_interceptor->Start({}, nullptr, "empty"), 0);
+    ASSERT_TRUE(RulesCalls(1));
+    EXPECT_TRUE(m_rules->Calls()[0].rules.empty());
+    EXPECT_EQ(m_rules->Calls()[0].tag, "empty");
+    EXPECT_TRUE(Eventually([] {
+        return nti::test::CountThreads("zoltNfQPoll") == 1 &&
+               nti::test::CountThreads("zoltNfQReply") == 1;
+    }));
+    EXPECT_EQ(m_interceptor->Stop(), 0);
+}
+
+// --- Start failures ------------------------------------------------------------
+
+TEST_F(NfQueueInterceptorTest, MissingQueueQueryFailsButCountsAsStarted) {
+    ASSERT_EQ(m_locator->Unregister(firewall::INfqueueQuery::IID), 0);
+    EXPECT_EQ(Start(), static_cast<qor::result_t>(0x80000001));
+    EXPECT_THAT(Lines(300),
+                ElementsAre(CheckRecord("qor::GetInterface(GetServiceLocator(), nfqueue.Ref())",
+                                        "0x80000001 (Interface not supported)",
+                                        "Cannot get firewall::INfqueueQuery interface")));
+    // No thread was started, yet only Stop leads back to the stopped state.
+    EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000006a));
+    EXPECT_EQ(m_interceptor->Stop(), 0);
+    EXPECT_EQ(m_interceptor->Stop(), static_cast<qor::result_t>(0x8000006a));
+    EXPECT_TRUE(m_rules->Calls().empty());
+}
+
+TEST_F(NfQueueInterceptorTest, NoAvailableQueue) {
+    m_query->Fail(qor::errors::kNotFound);
+    EXPECT_EQ(Start(), qor::errors::kNotFound);
+    EXPECT_THAT(Lines(300), ElementsAre(CheckRecord("nfqueue->GetAvailableQueue(count, queueNum)",
+                                                    "0x8000004c (Not found)",
+                                                    "Cannot get available NFQUEUE number")));
+    EXPECT_EQ(m_interceptor->Messages(NFQNL_MSG_CONFIG).size(), 0u);
+}
+
+TEST_F(NfQueueInterceptorTest, KernelRefusesTheInputQueue) {
+    const Socket claim = ClaimQueue(kFirstQueue);
+    ASSERT_TRUE(claim);
+    const int descriptors = nti::test::OpenDescriptors();
+    EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000004b));
+    EXPECT_THAT(
+        Lines(300),
+        ElementsAre(
+            BoolRecord("ret >= 0", "Error received from netlink socket: Operation not permitted"),
+            CheckRecord("Request( sock, BuildCfgRequest(buffer, NFQNL_CFG_CMD_BIND, queueNumber))",
+                        "0x8000004b (Unspecified error)", "Cannot configure netlink m_socket"),
+            CheckRecord("InitNetLinkSocket(m_input.queueNumber, &m_input.socket)",
+                        "0x8000004b (Unspecified error)", "Cannot initialize input socket"),
+            CheckRecord("InitNetLinkSocket()", "0x8000004b (Unspecified error)",
+                        "Cannot initialize netlink m_socket")));
+    // The refused socket is closed at once.
+    EXPECT_EQ(nti::test::OpenDescriptors(), descriptors);
+    EXPECT_EQ(m_interceptor->Stop(), 0);
+}
+
+TEST_F(NfQueueInterceptorTest, KernelRefusesTheOutputQueue) {
+    const Socket claim = ClaimQueue(kFirstQueue + 1);
+    ASSERT_TRUE(claim);
+    const int descriptors = nti::test::OpenDescriptors();
+    EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000004b));
+    EXPECT_THAT(
+        Lines(300),
+        Contains(CheckRecord("InitNetLinkSocket(m_output.queueNumber, &m_output.socket)",
+                             "0x8000004b (Unspecified error)", "Cannot initialize output socket")));
+    // The input channel stays open until Stop.
+    EXPECT_EQ(nti::test::OpenDescriptors(), descriptors + 1);
+    EXPECT_EQ(m_interceptor->Stop(), 0);
+    EXPECT_EQ(nti::test::OpenDescriptors(), descriptors);
+}
+
+struct StepCase {
+    std::size_t position;  // of the failing message within the input channel
+    const char* expression;
+    bool fatal;
+};
+
+class NfQueueChannelStepTest : public NfQueueInterceptorTest,
+                               public ::testing::WithParamInterface<StepCase> {};
+
+TEST_P(NfQueueChannelStepTest, FailedSend) {
+    const StepCase step = GetParam();
+    m_interceptor->FailSend(step.position, EPERM);
+    const std::string sendFailure =
+        "SendMessage: Cannot send to netlink socket: Operation not permitted";
+    const std::string requestFailure =
+        CheckRecord("SendMessage(socket, nlh)", "0x8000004b (Unspecified error)",
+                    "Cannot send netlink request");
+    if (step.fatal) {
+        EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000004b));
+        EXPECT_THAT(
+            Lines(300),
+            ElementsAre(
+                sendFailure, requestFailure,
+                CheckRecord(step.expression, "0x8000004b (Unspecified error)",
+                            "Cannot configure netlink m_socket"),
+                CheckRecord("InitNetLinkSocket(m_input.queueNumber, &m_input.socket)",
+                            "0x8000004b (Unspecified error)", "Cannot initialize input socket"),
+                CheckRecord("InitNetLinkSocket()", "0x8000004b (Unspecified error)",
+                            "Cannot initialize netlink m_socket")));
+        // Nothing is sent after a fatal step.
+        EXPECT_EQ(m_interceptor->AllSent().size(), step.position);
+    } else {
+        EXPECT_EQ(Start(), 0);
+        std::vector<std::string> warnings;
+        for (const auto& line : Lines(500)) {
+            if (line != sendFailure && line != requestFailure) {
+                warnings.push_back(line);
+            }
+        }
+        const std::string message = step.position == 7
+                                        ? "Kernel doesn't support GSO handling capabilities!"
+                                        : "Failed to increase NFQUEUE max length";
+        EXPECT_THAT(warnings, ElementsAre("InitNetLinkSocket: " +
+                                          CheckRecord(step.expression,
+                                                      "0x8000004b (Unspecified error)", message)));
+        EXPECT_EQ(m_interceptor->Messages(NFQNL_MSG_CONFIG).size(), 16u);
+        EXPECT_EQ(m_interceptor->Stop(), 0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, NfQueueChannelStepTest,
+    ::testing::Values(
+        StepCase{1, "Request( sock, BuildCfgPfRequest(buffer, NFQNL_CFG_CMD_PF_UNBIND, 2))", true},
+        StepCase{2, "Request( sock, BuildCfgPfRequest(buffer, NFQNL_CFG_CMD_PF_BIND, 2))", true},
+        StepCase{3, "Request( sock, BuildCfgPfRequest(buffer, NFQNL_CFG_CMD_PF_UNBIND, 10))", true},
+        StepCase{4, "Request( sock, BuildCfgPfRequest(buffer, NFQNL_CFG_CMD_PF_BIND, 10))", true},
+        StepCase{5, "Request( sock, BuildCfgRequest(buffer, NFQNL_CFG_CMD_BIND, queueNumber))",
+                 true},
+        StepCase{6,
+                 "Request( sock, BuildCfgParams(buffer, NFQNL_COPY_PACKET, 0xFFFF, queueNumber))",
+                 true},
+        StepCase{7, "Request(sock, BuildCfgFlagsGSO(buffer, queueNumber))", false},
+        StepCase{8, "Request(sock, BuildCfgQueueMaxLen(buffer, queueNumber))", false}),
+    [](const auto& info) { return "Message" + std::to_string(info.param.position); });
+
+TEST_F(NfQueueInterceptorTest, NoDescriptorLeftForTheSocket) {
+    qor::result_t result = 0;
+    {
+        // Every new descriptor would be at or above the lowest free one.
+        const int lowestFree = dup(0);
+        close(lowestFree);
+        const nti::test::DescriptorLimit limit(static_cast<rlim_t>(lowestFree));
+        result = Start();
+    }
+    EXPECT_EQ(result, static_cast<qor::result_t>(0x8000004b));
+    EXPECT_THAT(
+        Lines(300),
+        ElementsAre("InitNetLinkSocket: Cannot open netlink m_socket: Too many open files",
+                    CheckRecord("InitNetLinkSocket(m_input.queueNumber, &m_input.socket)",
+                                "0x8000004b (Unspecified error)", "Cannot initialize input socket"),
+                    CheckRecord("InitNetLinkSocket()", "0x8000004b (Unspecified error)",
+                                "Cannot initialize netlink m_socket")));
+}
+
+TEST_F(NfQueueInterceptorTest, RuleFailureEndsThePollThreadOnly) {
+    m_rules->FailAdd(qor::errors::kAccessDenied);
+    ASSERT_EQ(Start(), 0);
+    // The thread removes the rules on its way out, failed or not.
+    ASSERT_TRUE(RulesCalls(2));
+    EXPECT_FALSE(m_rules->Calls()[1].add);
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 0; }));
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQReply") == 1; }));
+    EXPECT_THAT(
+        Lines(300),
+        ElementsAre(CheckRecord("m_firewall->AddRules(rules, m_tag)", "0x80000045 (Access denied)",
+                                "Cannot add firewall queue rules"),
+                    CheckRecord("SetFirewallRules(insert)", "0x80000045 (Access denied)",
+                                "Cannot set firewall rules"),
+                    CheckRecord("AddFirewallRules()", "0x80000045 (Access denied)",
+                                "Cannot add rules to firewall")));
+    // Stop skips the poll thread's notifier, which is gone.
+    EXPECT_EQ(m_interceptor->Stop(), 0);
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQReply") == 0; }));
+}
+
+TEST_F(NfQueueInterceptorTest, DestructionWithoutStopEndsTheThreads) {
+    auto plain = Create<ni::NfQueueInterceptor>(m_locator.Get(), m_tracer.Get(),
+                                                qor::RefPtr<fw::IDynamicRules>(m_rules.Get()));
+    ASSERT_EQ(plain->Start({{}}, nullptr, "svc"), 0);
+    ASSERT_TRUE(RulesCalls(1));
+    plain.Reset();
+    EXPECT_EQ(m_rules->Calls().size(), 2u);
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 0; }));
+    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQReply") == 0; }));
+}
+
+// --- Verdicts ----------------------------------------------------------------
+
+ni::Packet QueuedPacket(std::uint32_t queue, std::uint32_t id) {
+    ni::Packet packet;
+    packet.queue = queue;
+    packet.id = id;
+    return packet;
+}
+
+TEST_F(NfQueueInterceptorTest, UnknownQueueIsRefused) {
+    ASSERT_EQ(Start(), 0);
+    for (std::uint32_t queue : {0u, 3u}) {
+        EXPECT_EQ(m_interceptor->SetVerdict(QueuedPacket(queue, 1), 0),
+                  static_cast<qor::result_t>(0x8000004b));
+    }
+    EXPECT_THAT(Lines(300),
+                ElementsAre("SetVerdict: Cannot set verdict: unknown queue for packet",
+                            "SetVerdict: Cannot set verdict: unknown queue for packet"));
+    EXPECT_TRUE(m_interceptor->Messages(NFQNL_MSG_VERDICT).empty());
+}
+
+TEST_F(NfQueueInterceptorTest, LaterSendsNothingAndQueuesNothing) {
+    m_interceptor->ForwardVerdicts(false);
+    ASSERT_EQ(Start(), 0);
+    EXPECT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 5), 3), 1);
+    EXPECT_THAT(Lines(), Contains("SetVerdict() LATER"));
+    EXPECT_EQ(m_interceptor->SetVerdict(QueuedPacket(2, 6), 1), 0);
+    ASSERT_TRUE(Eventually([&] { return !m_interceptor->Messages(NFQNL_MSG_VERDICT).empty(); }));
+    EXPECT_THAT(m_interceptor->Messages(NFQNL_MSG_VERDICT),
+                ElementsAre(Verdict(kFirstQueue + 1, 6, 1)));
+}
+
+TEST_F(NfQueueInterceptorTest, VerdictsQueuedBeforeOneWakeUpGoInOrder) {
+    m_interceptor->ForwardVerdicts(false);
+    m_interceptor->SetGate(false);
+    ASSERT_EQ(Start(), 0);
+    // The reply thread holds the first verdict at the gate while ten more queue up.
+    ASSERT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 1), 0), 0);
+    ASSERT_TRUE(m_interceptor->WaitVerdictsAtGate(1));
+    std::vector<Bytes> expected{Verdict(kFirstQueue, 1, 0)};
+    for (std::uint32_t id = 2; id <= 11; ++id) {
+        const std::uint32_t queue = id % 2 + 1;
+        const std::uint32_t verdict = id % 3;
+        ASSERT_EQ(m_interceptor->SetVerdict(QueuedPacket(queue, id), verdict), 0);
+        expected.push_back(
+            Verdict(static_cast<std::uint16_t>(kFirstQueue + queue - 1), id, verdict));
+    }
+    EXPECT_EQ(m_interceptor->Messages(NFQNL_MSG_VERDICT).size(), 1u);
+    m_interceptor->SetGate(true);
+    ASSERT_TRUE(
+        Eventually([&] { return m_interceptor->Messages(NFQNL_MSG_VERDICT).size() >= 11; }));
+    EXPECT_THAT(m_interceptor->Messages(NFQNL_MSG_VERDICT), ElementsAreArray(expected));
+    // All of them left on the reply thread.
+    const auto sent = m_interceptor->AllSent();
+    for (std::size_t i = 16; i < sent.size(); ++i) {
+        EXPECT_FALSE(pthread_equal(sent[i].thread, pthread_self())) << i;
+    }
+}
+
+TEST_F(NfQueueInterceptorTest, StopDropsQueuedVerdicts) {
+    m_interceptor->ForwardVerdicts(false);
+    m_interceptor->SetGate(false);
+    ASSERT_EQ(Start(), 0);
+    ASSERT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 1), 0), 0);
+    ASSERT_TRUE(m_interceptor->WaitVerdictsAtGate(1));
+    for (std::uint32_t id = 2; id <= 5; ++id) {
+        ASSERT_EQ(m_interceptor->SetVerdict(QueuedPacket(2, id), 1), 0);
+    }
+    qor::result_t stopped = -1;
+    std::thread stopper([&] { stopped = m_interceptor->Stop(); });
+    // The poll thread's notifier is gone and both of the reply thread's hold a
+    // wake-up: the stop request is there before the gate opens.
+    const bool stopPending = Eventually([] {
+        const auto counts = nti::test::EventFdCounts();
+        return counts.size() == 2 && counts[0] != 0 && counts[1] != 0;
+    });
+    m_interceptor->SetGate(true);
+    stopper.join();
+    ASSERT_TRUE(stopPending);
+    EXPECT_EQ(stopped, 0);
+    EXPECT_THAT(m_interceptor->Messages(NFQNL_MSG_VERDICT),
+                ElementsAre(Verdict(kFirstQueue, 1, 0)));
+}
+
+TEST_F(NfQueueInterceptorTest, ChangedPayloadIsSentAtOnceByTheCaller) {
+    m_interceptor->ForwardVerdicts(false);
+    ASSERT_EQ(Start(), 0);
+    std::uint8_t data[] = {1, 2, 3, 4, 5};
+    ni::Packet packet = QueuedPacket(2, 77);
+    packet.payloadChanged = true;
+    packet.payloadBegin = data;
+    packet.payloadEnd = data + sizeof(data);
+    ASSERT_EQ(m_interceptor->SetVerdict(packet, 1), 0);
+    packet.mark = 0xCAFE;
+    ASSERT_EQ(m_interceptor->SetVerdict(packet, 2), 0);
+
+    const auto sent = m_interceptor->AllSent();
+    ASSERT_EQ(sent.size(), 18u);
+    packet.mark = 0;
+    EXPECT_EQ(sent[16].bytes, Verdict(kFirstQueue + 1, 77, 1, &packet));
+    packet.mark = 0xCAFE;
+    EXPECT_EQ(sent[17].bytes, Verdict(kFirstQueue + 1, 77, 2, &packet));
+    EXPECT_TRUE(pthread_equal(sent[16].thread, pthread_self()));
+    EXPECT_TRUE(pthread_equal(sent[17].thread, pthread_self()));
+}
+
+TEST_F(NfQueueInterceptorTest, FailedImmediateSendIsReturned) {
+    ASSERT_EQ(Start(), 0);
+    m_interceptor->FailSend(17, ENOBUFS);
+    std::uint8_t data[] = {9};
+    ni::Packet packet = QueuedPacket(1, 3);
+    packet.payloadChanged = true;
+    packet.payloadBegin = data;
+    packet.payloadEnd = data + 1;
+    EXPECT_EQ(m_interceptor->SetVerdict(packet, 0), static_cast<qor::result_t>(0x8000004b));
+    EXPECT_THAT(Lines(300), ElementsAre(BoolRecord(
+                                "ret != -1", "Cannot send verdict No buffer space available")));
+}
+
+TEST_F(NfQueueInterceptorTest, FailedQueuedSendLosesOnlyThatVerdict) {
+    m_interceptor->ForwardVerdicts(false);
+    ASSERT_EQ(Start(), 0);
+    m_interceptor->FailSend(17, EPERM);
+    ASSERT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 1), 0), 0);
+    ASSERT_TRUE(Eventually([&] { return !Lines(300).empty(); }));
+    EXPECT_THAT(Lines(300),
+                ElementsAre("ReplyThread: Cannot send packet verdict: Operation not permitted"));
+    ASSERT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 2), 0), 0);
+    ASSERT_TRUE(Eventually([&] { return m_interceptor->Messages(NFQNL_MSG_VERDICT).size() == 2; }));
+    EXPECT_EQ(m_interceptor->Messages(NFQNL_MSG_VERDICT)[1], Verdict(kFirstQueue, 2, 0));
+}
+
+TEST_F(NfQueueInterceptorTest, VerdictAfterStopIsRefused) {
+    ASSERT_EQ(Start(), 0);
+    ASSERT_EQ(m_interceptor->Stop(), 0);
+    EXPECT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 1), 0), qor::errors::kInvalidState);
+    EXPECT_THAT(Lines(300), ElementsAre("SetVerdict: Cannot set verdict: interceptor is stopped"));
+}
+
+TEST_F(NfQueueInterceptorTest, ConcurrentVerdictsAllArrive) {
+    m_interceptor->ForwardVerdicts(false);
+    ASSERT_EQ(Start(), 0);
+    constexpr std::uint32_t kThreads = 4;
+    constexpr std::uint32_t kPerThread = 500;
+    std::vector<std::thread> threads;
+    for (std::uint32_t t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (std::uint32_t i = 0; i < kPerThread; ++i) {
+                m_interceptor->SetVerdict(QueuedPacket(t % 2 + 1, t * kPerThread + i), 0);
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    ASSERT_TRUE(Eventually([&] {
+        return m_interceptor->Messages(NFQNL_MSG_VERDICT).size() == kThreads * kPerThread;
+    }));
+    std::vector<std::uint32_t> ids;
+    for (const auto& m : m_interceptor->Messages(NFQNL_MSG_VERDICT)) {
+        ids.push_back(static_cast<std::uint32_t>(m[28]) << 24 | m[29] << 16 | m[30] << 8 | m[31]);
+    }
+    std::sort(ids.begin(), ids.end());
+    for (std::uint32_t i = 0; i < ids.size(); ++i) {
+        ASSERT_EQ(ids[i], i);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,232 @@
+// Support for the interceptor tests: an interceptor whose messages can be
+// watched, held back or failed, and helpers for traces and threads.
+#pragma once
+
+#include <dirent.h>
+#include <libmnl/libmnl.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_queue.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "network_traffic_interceptor/src/nfqueue_interceptor.h"
+
+namespace nti::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// WatchedInterceptor records every message the interceptor sends. Sends can
+// be failed by their position, verdicts held at a gate, and verdicts kept
+// from the kernel (which answers unknown packet ids with errors).
+class WatchedInterceptor : public dwi::network_interceptor::NfQueueInterceptor {
+public:
+    using NfQueueInterceptor::NfQueueInterceptor;
+
+    struct Sent {
+        Bytes bytes;
+        pthread_t thread;
+    };
+
+    ssize_t SendTo(mnl_socket* socket, const nlmsghdr* nlh) noexcept override {
+        const bool verdict = NFNL_MSG_TYPE(nlh->nlmsg_type) == NFQNL_MSG_VERDICT;
+        std::unique_lock lock(m_mutex);
+        const auto* p = reinterpret_cast<const std::uint8_t*>(nlh);
+        m_sent.push_back({Bytes(p, p + nlh->nlmsg_len), pthread_self()});
+        const std::size_t position = m_sent.size();
+        m_changed.notify_all();
+        if (verdict) {
+            ++m_verdictsAtGate;
+            m_changed.notify_all();
+            m_changed.wait(lock, [this] { return m_gateOpen; });
+        }
+        if (position == m_failAt) {
+            errno = m_failErrno;
+            return -1;
+        }
+        if (verdict && !m_forwardVerdicts) {
+            return static_cast<ssize_t>(nlh->nlmsg_len);
+        }
+        lock.unlock();
+        return NfQueueInterceptor::SendTo(socket, nlh);
+    }
+
+    // FailSend makes the `position`-th message (1-based) fail with `error`.
+    void FailSend(std::size_t position, int error) {
+        std::lock_guard lock(m_mutex);
+        m_failAt = position;
+        m_failErrno = error;
+    }
+    void SetGate(bool open) {
+        std::lock_guard lock(m_mutex);
+        m_gateOpen = open;
+        m_changed.notify_all();
+    }
+    void ForwardVerdicts(bool forward) {
+        std::lock_guard lock(m_mutex);
+        m_forwardVerdicts = forward;
+    }
+    std::vector<Sent> AllSent() const {
+        std::lock_guard lock(m_mutex);
+        return m_sent;
+    }
+    // Messages of one kind (NFQNL_MSG_CONFIG or NFQNL_MSG_VERDICT).
+    std::vector<Bytes> Messages(std::uint8_t type) const {
+        std::lock_guard lock(m_mutex);
+        std::vector<Bytes> out;
+        for (const auto& s : m_sent) {
+            const auto* nlh = reinterpret_cast<const nlmsghdr*>(s.bytes.data());
+            if (NFNL_MSG_TYPE(nlh->nlmsg_type) == type) {
+                out.push_back(s.bytes);
+            }
+        }
+        return out;
+    }
+    // WaitVerdictsAtGate waits until `count` verdicts reached the gate.
+    bool WaitVerdictsAtGate(std::size_t count) {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(20),
+                                  [&] { return m_verdictsAtGate >= count; });
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Sent> m_sent;
+    std::size_t m_failAt = 0;
+    int m_failErrno = 0;
+    bool m_gateOpen = true;
+    bool m_forwardVerdicts = true;
+    std::size_t m_verdictsAtGate = 0;
+};
+
+// Normalized replaces the line numbers of check records in `text` ("src/x:123(")
+// with "L", so that expectations do not move with edits of the source.
+inline std::string Normalized(const std::string& text) {
+    std::string out;
+    std::size_t pos = 0;
+    for (;;) {
+        const std::size_t src = text.find("src/", pos);
+        const std::size_t colon = src == std::string::npos ? src : text.find(':', src);
+        if (colon == std::string::npos) {
+            break;
+        }
+        std::size_t end = colon + 1;
+        while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])) != 0) {
+            ++end;
+        }
+        const bool isLine = end > colon + 1 && end < text.size() && text[end] == '(';
+        out.append(text, pos, colon + 1 - pos);
+        if (isLine) {
+            out.append("L");
+        }
+        pos = isLine ? end : colon + 1;
+    }
+    out.append(text, pos, std::string::npos);
+    return out;
+}
+
+// Eventually polls `condition` for up to 20 s.
+template <class Condition>
+bool Eventually(Condition condition) {
+    for (int i = 0; i < 2000; ++i) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return condition();
+}
+
+// ForEachEntry calls `f` with the name of every entry of `path` but "." and "..".
+template <class F>
+void ForEachEntry(const std::string& path, F f) {
+    DIR* dir = opendir(path.c_str());
+    if (dir == nullptr) {
+        return;
+    }
+    while (const dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] != '.') {
+            f(std::string(entry->d_name));
+        }
+    }
+    closedir(dir);
+}
+
+// ThreadNames lists the names of this process's threads.
+inline std::vector<std::string> ThreadNames() {
+    std::vector<std::string> names;
+    ForEachEntry("/proc/self/task", [&](const std::string& task) {
+        std::ifstream comm("/proc/self/task/" + task + "/comm");
+        std::string name;
+        std::getline(comm, name);
+        names.push_back(name);
+    });
+    return names;
+}
+
+inline int CountThreads(const std::string& name) {
+    int n = 0;
+    for (const auto& t : ThreadNames()) {
+        n += t == name ? 1 : 0;
+    }
+    return n;
+}
+
+// OpenDescriptors counts this process's open descriptors.
+inline int OpenDescriptors() {
+    int n = 0;
+    ForEachEntry("/proc/self/fd", [&](const std::string&) { ++n; });
+    return n - 1;  // the directory's own descriptor
+}
+
+// EventFdCounts lists the counters of this process's eventfds.
+inline std::vector<std::uint64_t> EventFdCounts() {
+    std::vector<std::uint64_t> counts;
+    ForEachEntry("/proc/self/fd", [&](const std::string& fd) {
+        char target[256] = {};
+        const std::string path = "/proc/self/fd/" + fd;
+        if (readlink(path.c_str(), target, sizeof(target) - 1) <= 0 ||
+            std::string(target) != "anon_inode:[eventfd]") {
+            return;
+        }
+        std::ifstream info("/proc/self/fdinfo/" + fd);
+        std::string line;
+        while (std::getline(info, line)) {
+            if (line.rfind("eventfd-count:", 0) == 0) {
+                counts.push_back(std::stoull(line.substr(14), nullptr, 16));
+            }
+        }
+    });
+    return counts;
+}
+
+// DescriptorLimit lowers RLIMIT_NOFILE for its lifetime.
+class DescriptorLimit {
+public:
+    explicit DescriptorLimit(rlim_t soft) {
+        getrlimit(RLIMIT_NOFILE, &m_saved);
+        rlimit lowered = m_saved;
+        lowered.rlim_cur = soft;
+        setrlimit(RLIMIT_NOFILE, &lowered);
+    }
+    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &m_saved); }
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+private:
+    rlimit m_saved{};
+};
+
+}  // namespace nti::test
