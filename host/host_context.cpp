@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include "host/host_services.h"
+#include "host/key_value_storage.h"
 #include "host/nflog_listener.h"
 #include "host/tracer_sink.h"
 #include "qor/exception.h"
@@ -38,6 +40,14 @@ qor::result_t HostContext::Open(const CommonOptions& options) {
     const qor::result_t loaded = m_module.Load(options.module);
     if (!QOR_SUCCEEDED(loaded)) {
         m_error = m_module.Error();
+        return loaded;
+    }
+    try {
+        m_metaInfo = RegisterHostServices(
+            *m_locator, m_module, options.stateDir.empty() ? DefaultStateDir() : options.stateDir);
+    } catch (const std::exception& e) {
+        m_error = e.what();
+        return qor::CurrentExceptionToResult(nullptr, "");
     }
     return loaded;
 }
@@ -72,11 +82,16 @@ qor::result_t HostContext::Shutdown() {
     if (m_locator) {
         m_locator->Clear();
     }
+    m_queues = nullptr;
+    m_firewall = nullptr;
     if (m_timer) {
         m_timer->Shutdown();  // drops runnables of the module before it goes
     }
-    m_queues = nullptr;
-    m_firewall = nullptr;
+    // The module's registry must go before the module may unload.
+    if (m_metaInfo) {
+        m_metaInfo->DropRegistries();
+        m_metaInfo.Reset();
+    }
     return m_module.Unload();
 }
 

@@ -6,8 +6,9 @@
 #include <optional>
 #include <string>
 
-#include "host/iptables_info.h"
 #include "host/firewall_rules.h"
+#include "host/iptables_info.h"
+#include "host/meta_info_provider.h"
 #include "host/module_loader.h"
 #include "host/nfqueue_query.h"
 #include "host/service_locator.h"
@@ -26,6 +27,7 @@ struct CommonOptions {
     // and the mark that keeps packets out of NFLOG.
     std::optional<bool> ip6tables;
     std::uint32_t nflogBypassMark = kDefaultNflogBypassMark;
+    std::string stateDir;  // empty: DefaultStateDir()
 };
 
 // Settings of the firewall services the host offers the module.
@@ -43,8 +45,9 @@ public:
     ~HostContext();
 
     // Open installs the tracer and the host services (timer, NFLOG listener
-    // factory, iptables and startup data providers) and loads the module.
-    // Returns 0 or a failure code with a message in Error().
+    // factory, iptables and startup data providers), loads the module and
+    // registers the storage services (RegisterHostServices). Returns 0 or a
+    // failure code with a message in Error().
     qor::result_t Open(const CommonOptions& options);
 
     // StartFirewall creates the queue number and firewall rules services,
@@ -71,9 +74,10 @@ public:
 private:
     qor::RefPtr<ServiceLocator> m_locator;
     qor::RefPtr<qor::ITracer> m_tracer;
-    qor::object::ImplPtr<Timer> m_timer;
     qor::object::ImplPtr<NfqueueQuery> m_queues;
     qor::object::ImplPtr<DynamicRules> m_firewall;
+    qor::object::ImplPtr<Timer> m_timer;
+    qor::RefPtr<MetaInfoProvider> m_metaInfo;
     ModuleLoader m_module;
     std::string m_error;
 };

@@ -20,6 +20,9 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(0u, 1000u));
     app.add_option("--trace-file", options.traceFile, "Write traces to this file, not stderr");
+    app.add_option("--state-dir", options.stateDir,
+                   "Directory of the key-value storage (default /var/lib/nti for root, else "
+                   "$XDG_STATE_HOME/nti or ~/.local/state/nti)");
 
     std::map<CLI::App*, CommandRunner> runners;
     const auto add = [&](CommandRunner (*adder)(CLI::App&)) {
@@ -29,6 +32,7 @@ int main(int argc, char** argv) {
     };
     add(&AddInfoCommand);
     add(&AddInterceptCommand);
+    add(&AddStatsCommand);
 
     try {
         app.parse(argc, argv);

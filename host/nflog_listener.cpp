@@ -5,7 +5,6 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_log.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -120,12 +119,12 @@ qor::result_t NflogListener::Start(const std::vector<std::uint16_t>& groups) noe
     m_overruns = 0;
     m_sequences.clear();
     m_delivering = true;
-    const qor::result_t configured = Configure(groups);
-    if (!QOR_SUCCEEDED(configured)) {
-        CloseSocket();
-        return configured;
-    }
     try {
+        const qor::result_t configured = Configure(groups);
+        if (!QOR_SUCCEEDED(configured)) {
+            CloseSocket();
+            return configured;
+        }
         m_thread = std::thread([this] { Loop(); });
     } catch (...) {
         CloseSocket();
@@ -136,13 +135,7 @@ qor::result_t NflogListener::Start(const std::vector<std::uint16_t>& groups) noe
 }
 
 qor::result_t NflogListener::Configure(const std::vector<std::uint16_t>& groups) {
-    m_stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_stopFd < 0) {
-        const int error = errno;
-        QOR_TRACE(m_tracer.Get(), qor::trace_level::kError)
-            << "Configure: Cannot create eventfd: " << qor::ErrnoText(error);
-        return qor::ErrnoToResult(error);
-    }
+    m_stop.emplace(false);  // throws; Start turns it into a code
     m_socket = mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC);
     if (m_socket == nullptr || mnl_socket_bind(m_socket, 0, MNL_SOCKET_AUTOPID) < 0) {
         const int error = errno;
@@ -289,7 +282,7 @@ void NflogListener::Loop() noexcept {
     prctl(PR_SET_NAME, "ntiNflog", 0, 0, 0);
     std::vector<char> buffer(kReceiveBufferSize);
     const int fd = mnl_socket_get_fd(m_socket);
-    std::array<pollfd, 2> fds{pollfd{m_stopFd, POLLIN, 0}, pollfd{fd, POLLIN, 0}};
+    std::array<pollfd, 2> fds{pollfd{m_stop->GetDescriptor(), POLLIN, 0}, pollfd{fd, POLLIN, 0}};
     while (true) {
         if (poll(fds.data(), fds.size(), -1) < 0) {
             if (errno == EINTR) {
@@ -343,10 +336,9 @@ qor::result_t NflogListener::Stop() noexcept {
     DWI_TRACE_ENTRY(m_tracer.Get())
         << "received=" << m_received.load() << ", lost=" << m_lost.load()
         << ", overruns=" << m_overruns.load();
-    const std::uint64_t one = 1;
-    if (write(m_stopFd, &one, sizeof(one)) != sizeof(one)) {
+    if (const qor::result_t woken = m_stop->Notify(); !QOR_SUCCEEDED(woken)) {
         QOR_TRACE(m_tracer.Get(), qor::trace_level::kError)
-            << "Stop: Cannot wake the listener thread: " << qor::ErrnoText(errno);
+            << "Stop: Cannot wake the listener thread: " << qor::trace::Result{woken};
     }
     m_thread.join();
     CloseSocket();
@@ -372,10 +364,7 @@ void NflogListener::CloseSocket() noexcept {
         mnl_socket_close(m_socket);
         m_socket = nullptr;
     }
-    if (m_stopFd >= 0) {
-        close(m_stopFd);
-        m_stopFd = -1;
-    }
+    m_stop.reset();
 }
 
 NflogListenerFactory::NflogListenerFactory(qor::ITracer* tracer, const NflogOptions& options)

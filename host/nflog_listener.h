@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "dwi/nflog/nflog.h"
+#include "dwi_common/descriptor_notifier.h"
 #include "qor/object.h"
 #include "qor/trace/tracer.h"
 
@@ -64,7 +65,8 @@ public:
     NflogListener& operator=(const NflogListener&) = delete;
 
     // Start opens the socket in the calling thread's network namespace, binds
-    // `groups` and starts the thread "ntiNflog". 0x8000006A when running,
+    // `groups` and starts the thread "ntiNflog", which Stop wakes through a
+    // descriptor notifier. 0x8000006A when running,
     // 0x80000046 for no groups, a converted errno when the kernel refuses
     // (qor::ErrnoToResult; EPERM when another socket has bound a group).
     qor::result_t Start(const std::vector<std::uint16_t>& groups) noexcept override;
@@ -90,7 +92,7 @@ private:
 
     std::mutex m_startStop;
     mnl_socket* m_socket = nullptr;
-    int m_stopFd = -1;
+    std::optional<dwi::DescriptorNotifier> m_stop;
     std::uint32_t m_portId = 0;
     std::uint32_t m_configSeq = 0;
     std::vector<std::uint16_t> m_groups;  // bound ones

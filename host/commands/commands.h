@@ -22,5 +22,6 @@ using CommandRunner = std::function<int(const CommonOptions&)>;
 // Each Add*Command registers its subcommand and returns what runs it.
 CommandRunner AddInfoCommand(CLI::App& app);
 CommandRunner AddInterceptCommand(CLI::App& app);
+CommandRunner AddStatsCommand(CLI::App& app);
 
 }  // namespace nti::host

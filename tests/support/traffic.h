@@ -105,6 +105,24 @@ inline int ReceiveDatagrams(const Fd& fd, int count, int timeoutMs = 2000) {
     return received;
 }
 
+// UdpExchange sends `forth` datagrams of `forthSize` bytes from `a` (in
+// `nsA`) to `b` (in `nsB`), then `back` of `backSize` bytes in return, and
+// throws unless every one arrived.
+inline void UdpExchange(const NetNs& nsA, const Endpoint& a, const NetNs& nsB, const Endpoint& b,
+                        int forth, std::size_t forthSize, int back, std::size_t backSize) {
+    Fd socketA = BoundSocket(nsA, SOCK_DGRAM, a);
+    Fd socketB = BoundSocket(nsB, SOCK_DGRAM, b);
+    SendDatagrams(socketA, b, forth, forthSize);
+    const int arrived = ReceiveDatagrams(socketB, forth);
+    SendDatagrams(socketB, a, back, backSize);
+    const int returned = ReceiveDatagrams(socketA, back);
+    if (arrived != forth || returned != back) {
+        throw std::runtime_error("udp datagrams lost: " + std::to_string(arrived) + "/" +
+                                 std::to_string(forth) + " there, " + std::to_string(returned) +
+                                 "/" + std::to_string(back) + " back");
+    }
+}
+
 // TcpExchange connects from `client` (bound in `clientNs`) to a listener
 // bound at `server` in `serverNs`, sends `up` bytes, answers `down` bytes
 // and closes both sides in order (client first). Returns when both saw the

@@ -1,0 +1,476 @@
+// `nti stats` end to end: real NFLOG rules, real traffic and the kernel's own
+// conntrack accounting as the reference, all inside namespaces made here.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "tests/support/netns.h"
+#include "tests/support/traffic.h"
+
+namespace nti::test {
+namespace {
+
+using namespace std::chrono_literals;
+namespace pt = boost::property_tree;
+
+// StateDir is a fresh directory removed at the end.
+class StateDir {
+public:
+    StateDir() {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "nti-stats-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp");
+        }
+        m_path = pattern;
+    }
+    ~StateDir() { std::filesystem::remove_all(m_path); }
+    const std::filesystem::path& Path() const { return m_path; }
+
+private:
+    std::filesystem::path m_path;
+};
+
+// NtiStats runs `nti stats` inside a namespace with its output in files;
+// it is stopped with SIGTERM (by its own PID) at the latest when destroyed.
+class NtiStats {
+public:
+    NtiStats(const NetNs& ns, const StateDir& state, std::vector<std::string> args)
+        : m_ns(ns), m_out(state.Path() / ("out-" + std::to_string(++s_runs))) {
+        const char* bin = std::getenv("NTI_BIN");
+        const char* module = std::getenv("NTI_MODULE");
+        if (bin == nullptr || module == nullptr) {
+            throw std::runtime_error("NTI_BIN and NTI_MODULE must be set (run through ctest)");
+        }
+        std::vector<std::string> argv{"ip",
+                                      "netns",
+                                      "exec",
+                                      ns.Name(),
+                                      bin,
+                                      "--module",
+                                      module,
+                                      "--state-dir",
+                                      state.Path().string(),
+                                      "--trace-file",
+                                      m_out.string() + ".trace",
+                                      "--trace-level",
+                                      "800",
+                                      "stats"};
+        if (std::find(args.begin(), args.end(), "--ip6tables") == args.end()) {
+            argv.insert(argv.end(), {"--ip6tables", "yes"});
+        }
+        argv.insert(argv.end(), args.begin(), args.end());
+        m_pid = fork();
+        if (m_pid == 0) {
+            const int out =
+                open((m_out.string() + ".stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            const int err =
+                open((m_out.string() + ".stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            dup2(out, STDOUT_FILENO);
+            dup2(err, STDERR_FILENO);
+            std::vector<char*> raw;
+            for (auto& a : argv) {
+                raw.push_back(a.data());
+            }
+            raw.push_back(nullptr);
+            execvp("ip", raw.data());
+            _exit(127);
+        }
+    }
+    ~NtiStats() {
+        if (m_pid > 0 && !m_status) {
+            Stop();
+        }
+    }
+
+    // WaitForRules waits until the statistics rules are in place.
+    bool WaitForRules() const {
+        for (int i = 0; i < 100; ++i) {
+            std::string rules;
+            m_ns.Exec("iptables-save; ip6tables-save", &rules);
+            if (rules.find("zolt_stats_in") != std::string::npos &&
+                rules.find("zolt_stats_out") != std::string::npos && Alive()) {
+                return true;
+            }
+            std::this_thread::sleep_for(100ms);
+        }
+        return false;
+    }
+    // Wait waits (bounded) for the run to end by itself; the exit status.
+    int Wait(std::chrono::seconds limit = 20s) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        while (!m_status && std::chrono::steady_clock::now() < deadline) {
+            int status = 0;
+            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            } else {
+                std::this_thread::sleep_for(20ms);
+            }
+        }
+        if (!m_status) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+            m_status = -1;
+        }
+        return *m_status;
+    }
+    // Stop sends SIGTERM and waits; the exit status.
+    int Stop() {
+        kill(m_pid, SIGTERM);
+        return Wait();
+    }
+    std::string Stdout() const { return Read(".stdout"); }
+    std::string Stderr() const { return Read(".stderr"); }
+    std::string Trace() const { return Read(".trace"); }
+
+private:
+    bool Alive() const { return kill(m_pid, 0) == 0; }
+    std::string Read(const char* suffix) const {
+        std::ifstream in(m_out.string() + suffix);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    static inline int s_runs = 0;
+    const NetNs& m_ns;
+    std::filesystem::path m_out;
+    pid_t m_pid = -1;
+    std::optional<int> m_status;
+};
+
+// Flow is one direction-independent connection: endpoints as "ip:port".
+struct Flow {
+    std::string a;
+    std::string b;
+    int protocol;
+    auto operator<=>(const Flow&) const = default;
+};
+struct Counts {
+    std::uint64_t packetsAtoB = 0, bytesAtoB = 0, packetsBtoA = 0, bytesBtoA = 0;
+    std::set<std::string> gateways;  // "ip@mac" seen on the flow's records
+    bool operator==(const Counts& o) const {
+        return std::tie(packetsAtoB, bytesAtoB, packetsBtoA, bytesBtoA) ==
+               std::tie(o.packetsAtoB, o.bytesAtoB, o.packetsBtoA, o.bytesBtoA);
+    }
+};
+
+Counts Traffic(std::uint64_t packetsAtoB, std::uint64_t bytesAtoB, std::uint64_t packetsBtoA,
+               std::uint64_t bytesBtoA) {
+    Counts c;
+    c.packetsAtoB = packetsAtoB;
+    c.bytesAtoB = bytesAtoB;
+    c.packetsBtoA = packetsBtoA;
+    c.bytesBtoA = bytesBtoA;
+    return c;
+}
+
+std::string Text(const pt::ptree& t, const char* key) {
+    return t.get<std::string>(key, "null");
+}
+// Numbers and flags are read as text: the typed getters trip a false
+// "maybe uninitialized" of GCC 12 in sanitizer builds.
+std::uint64_t Number(const pt::ptree& t, const char* key) {
+    return std::stoull(Text(t, key));
+}
+bool Restored(const pt::ptree& interval) {
+    return Text(interval, "restored") == "true";
+}
+
+// Intervals parses the JSON lines of a run.
+std::vector<pt::ptree> Intervals(const std::string& output) {
+    std::vector<pt::ptree> intervals;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream in(line);
+        pt::ptree tree;
+        pt::read_json(in, tree);
+        intervals.push_back(tree);
+    }
+    return intervals;
+}
+
+// Totals adds up every record of the intervals per flow; `a` of the flow is
+// the endpoint of `sideA` (a prefix of "ip:port" text).
+std::map<Flow, Counts> Totals(const std::vector<pt::ptree>& intervals, const std::string& sideA,
+                              bool restored) {
+    std::map<Flow, Counts> totals;
+    for (const auto& interval : intervals) {
+        if (Restored(interval) != restored) {
+            continue;
+        }
+        for (const auto& [unused, c] : interval.get_child("connections")) {
+            const std::string local = Text(c, "localIp") + ":" + Text(c, "localPort");
+            const std::string remote = Text(c, "remoteIp") + ":" + Text(c, "remotePort");
+            const bool localIsA = local.rfind(sideA, 0) == 0;
+            const Flow flow{
+                localIsA ? local : remote, localIsA ? remote : local,
+                Text(c, "protocol") == "null" ? -1 : static_cast<int>(Number(c, "protocol"))};
+            Counts& counts = totals[flow];
+            const auto sent = std::make_pair(Number(c, "packetsSent"), Number(c, "bytesSent"));
+            const auto received =
+                std::make_pair(Number(c, "packetsReceived"), Number(c, "bytesReceived"));
+            const auto& aToB = localIsA ? sent : received;
+            const auto& bToA = localIsA ? received : sent;
+            counts.packetsAtoB += aToB.first;
+            counts.bytesAtoB += aToB.second;
+            counts.packetsBtoA += bToA.first;
+            counts.bytesBtoA += bToA.second;
+            counts.gateways.insert(Text(c, "gatewayIp") + "@" + Text(c, "gatewayMac"));
+        }
+    }
+    return totals;
+}
+
+// Conntrack reads the kernel's accounting of a flow from `conntrack -L -o
+// extended` inside `ns`: original direction is a -> b.
+std::optional<Counts> Conntrack(const NetNs& ns, const Endpoint& a, const Endpoint& b,
+                                const char* protocol) {
+    std::string table;
+    ns.Exec("conntrack -L -o extended", &table);
+    const std::string needle = "src=" + a.address + " dst=" + b.address +
+                               " sport=" + std::to_string(a.port) +
+                               " dport=" + std::to_string(b.port) + " packets=";
+    std::istringstream lines(table);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(std::string(" ") + protocol + " ") == std::string::npos ||
+            line.find(needle) == std::string::npos) {
+            continue;
+        }
+        std::vector<std::pair<std::uint64_t, std::uint64_t>> found;
+        for (auto at = line.find("packets="); at != std::string::npos;
+             at = line.find("packets=", at + 1)) {
+            unsigned long long packets = 0, bytes = 0;
+            if (std::sscanf(line.c_str() + at, "packets=%llu bytes=%llu", &packets, &bytes) == 2) {
+                found.emplace_back(packets, bytes);
+            }
+        }
+        if (found.size() == 2) {
+            return Traffic(found[0].first, found[0].second, found[1].first, found[1].second);
+        }
+    }
+    return std::nullopt;
+}
+
+// TrackConnections turns on conntrack with its byte accounting in `ns`: the
+// kernel tracks a namespace's connections only once a rule needs it.
+void TrackConnections(const NetNs& ns) {
+    ns.Must("sysctl -qw net.netfilter.nf_conntrack_acct=1");
+    ns.Must("iptables -A INPUT -m conntrack --ctstate INVALID -j ACCEPT");
+    ns.Must("ip6tables -A INPUT -m conntrack --ctstate INVALID -j ACCEPT");
+}
+
+std::string Key(const Endpoint& e) {
+    return e.address + ":" + std::to_string(e.port);
+}
+
+// The host namespace runs nti stats; the peer talks to it over a veth. The
+// host's default routes go through gateways with known neighbour entries.
+class StatsIntegrationTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Veth({&m_host, "nti0", "02:00:00:00:0a:01", {"198.18.10.1/24", "fd00:198:18::1/64"}},
+             {&m_peer, "nti1", "02:00:00:00:0a:02", {"198.18.10.2/24", "fd00:198:18::2/64"}});
+        m_host.Must("ip neigh add 198.18.10.254 lladdr 02:00:00:00:0a:fe dev nti0 nud permanent");
+        m_host.Must(
+            "ip -6 neigh add fd00:198:18::fe lladdr 02:00:00:00:0a:f6 dev nti0 nud "
+            "permanent");
+        m_host.Must("ip route add default via 198.18.10.254 dev nti0");
+        m_host.Must("ip -6 route add default via fd00:198:18::fe dev nti0");
+        TrackConnections(m_host);
+    }
+
+    NetNs m_host{"stats-host"};
+    NetNs m_peer{"stats-peer"};
+    StateDir m_state;
+};
+
+TEST_F(StatsIntegrationTest, LocalUdpTcpAndIpv6CountedExactlyAsConntrackCountsThem) {
+    const Endpoint udpLocal{"198.18.10.1", 40000}, udpPeer{"198.18.10.2", 5555};
+    const Endpoint tcpLocal{"198.18.10.1", 40001}, tcpPeer{"198.18.10.2", 8080};
+    const Endpoint v6Local{"fd00:198:18::1", 40002}, v6Peer{"fd00:198:18::2", 5556};
+
+    NtiStats nti(m_host, m_state, {"--period", "500ms", "--json"});
+    ASSERT_TRUE(nti.WaitForRules()) << nti.Stderr() << nti.Trace();
+    UdpExchange(m_host, udpLocal, m_peer, udpPeer, 5, 100, 3, 1000);
+    UdpExchange(m_host, v6Local, m_peer, v6Peer, 4, 200, 2, 300);
+    TcpExchange(m_host, tcpLocal, m_peer, tcpPeer, 3000, 5000);
+    std::this_thread::sleep_for(1500ms);  // flush (50 ms) and at least two harvests
+    EXPECT_EQ(nti.Stop(), 0) << nti.Stderr();
+
+    const auto intervals = Intervals(nti.Stdout());
+    ASSERT_GE(intervals.size(), 2u) << nti.Stdout();
+    const auto totals = Totals(intervals, "198.18.10.1:", false);
+    const auto totals6 = Totals(intervals, "fd00:198:18::1:", false);
+
+    struct Expected {
+        const char* name;
+        Flow flow;
+        const std::map<Flow, Counts>& totals;
+        std::optional<Counts> exact;  // known sizes; TCP segments are the kernel's choice
+        std::optional<Counts> kernel;
+        std::string gateway;
+    };
+    const Expected cases[] = {
+        {"udp4",
+         {Key(udpLocal), Key(udpPeer), 17},
+         totals,
+         Traffic(5, 5 * 128, 3, 3 * 1028),
+         Conntrack(m_host, udpLocal, udpPeer, "udp"),
+         "198.18.10.254@02:00:00:00:0a:fe"},
+        {"tcp4",
+         {Key(tcpLocal), Key(tcpPeer), 6},
+         totals,
+         std::nullopt,
+         Conntrack(m_host, tcpLocal, tcpPeer, "tcp"),
+         "198.18.10.254@02:00:00:00:0a:fe"},
+        {"udp6",
+         {Key(v6Local), Key(v6Peer), 17},
+         totals6,
+         Traffic(4, 4 * 248, 2, 2 * 348),
+         Conntrack(m_host, v6Local, v6Peer, "udp"),
+         "fd00:198:18::fe@02:00:00:00:0a:f6"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto it = c.totals.find(c.flow);
+        ASSERT_NE(it, c.totals.end()) << nti.Stdout();
+        ASSERT_TRUE(c.kernel.has_value());
+        EXPECT_EQ(it->second, *c.kernel);
+        if (c.exact) {
+            EXPECT_EQ(it->second, *c.exact);
+        }
+        EXPECT_EQ(it->second.gateways, std::set<std::string>{c.gateway});
+    }
+    const Counts& tcp = totals.at(cases[1].flow);
+    EXPECT_GE(tcp.bytesAtoB, 3000u + 40u * tcp.packetsAtoB);  // payload plus IP and TCP headers
+    EXPECT_GE(tcp.bytesBtoA, 5000u + 40u * tcp.packetsBtoA);
+}
+
+TEST_F(StatsIntegrationTest, UnreadIntervalsSurviveARestartAndAreShownFirst) {
+    const Endpoint local{"198.18.10.1", 40010}, peer{"198.18.10.2", 5560};
+    {
+        NtiStats first(m_host, m_state, {"--period", "500ms", "--json", "--no-read"});
+        ASSERT_TRUE(first.WaitForRules()) << first.Stderr() << first.Trace();
+        UdpExchange(m_host, local, m_peer, peer, 7, 50, 0, 0);
+        std::this_thread::sleep_for(1200ms);
+        EXPECT_EQ(first.Stop(), 0) << first.Stderr();
+        EXPECT_EQ(first.Stdout(), "");
+    }
+    NtiStats second(m_host, m_state, {"--period", "500ms", "--json", "--intervals", "1"});
+    EXPECT_EQ(second.Wait(), 0) << second.Stderr();
+    const auto intervals = Intervals(second.Stdout());
+    ASSERT_GE(intervals.size(), 3u) << second.Stdout();
+    EXPECT_TRUE(Restored(intervals.front()));
+    EXPECT_FALSE(Restored(intervals.back()));
+    const auto restored = Totals(intervals, "198.18.10.1:", true);
+    const auto it = restored.find(Flow{Key(local), Key(peer), 17});
+    ASSERT_NE(it, restored.end()) << second.Stdout();
+    EXPECT_EQ(it->second, (Traffic(7, 7 * 78, 0, 0)));
+    EXPECT_FALSE(Totals(intervals, "198.18.10.1:", false).contains(it->first));
+}
+
+TEST_F(StatsIntegrationTest, DamagedStoredValueIsTracedAndTheServiceStartsEmpty) {
+    {
+        NtiStats first(m_host, m_state, {"--period", "200ms", "--no-read"});
+        ASSERT_TRUE(first.WaitForRules()) << first.Stderr();
+        std::this_thread::sleep_for(500ms);
+        EXPECT_EQ(first.Stop(), 0);
+    }
+    std::string output;
+    ASSERT_EQ(Shell("sqlite3 " + (m_state.Path() / "state.db").string() +
+                        " \"UPDATE kv SET value = X'DEADBEEF' WHERE key = 'Collectors'; SELECT "
+                        "changes();\"",
+                    &output),
+              0)
+        << output;
+    ASSERT_EQ(output, "1\n");  // the first run saved its collector
+    NtiStats second(m_host, m_state, {"--period", "200ms", "--json", "--intervals", "1"});
+    EXPECT_EQ(second.Wait(), 0) << second.Stderr();
+    const auto intervals = Intervals(second.Stdout());
+    ASSERT_EQ(intervals.size(), 1u) << second.Stdout();
+    EXPECT_FALSE(Restored(intervals.front()));
+    const std::string trace = second.Trace();
+    EXPECT_NE(trace.find("(tools::AnyFromBlob(sl, dataBlob, any)),(QOR_SUCCEEDED(_result)) failed"),
+              std::string::npos)
+        << trace;
+    EXPECT_NE(trace.find("(LoadCountersFromStorage()),(QOR_SUCCEEDED(_result)) failed"),
+              std::string::npos);
+}
+
+TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
+    struct Case {
+        std::vector<std::string> args;
+        const char* message;
+    };
+    const Case cases[] = {
+        {{"--period", "0"}, "--period 0: expected seconds"},
+        {{"--period", "5m"}, "--period 5m: expected seconds"},
+        {{"--alignment", "now"}, "--alignment now: expected epoch or registration"},
+        {{"--ip6tables", "maybe"}, "--ip6tables maybe: expected auto, yes or no"},
+        {{"--nflog-bypass-mark", "0"}, "expected a non-zero 32-bit number"},
+        {{"--no-read", "--intervals", "2"}, "no --intervals or --unregister with it"},
+        {{"--id", "x"}, "--id"},
+    };
+    for (const auto& c : cases) {
+        NtiStats nti(m_host, m_state, c.args);
+        EXPECT_EQ(nti.Wait(), 2) << c.args[0];
+        EXPECT_NE(nti.Stderr().find(c.message), std::string::npos) << nti.Stderr();
+        EXPECT_EQ(nti.Stdout(), "");
+    }
+    std::string rules;
+    m_host.Exec("iptables-save", &rules);
+    EXPECT_EQ(rules.find("zolt"), std::string::npos) << rules;
+    EXPECT_FALSE(std::filesystem::exists(m_state.Path() / "state.db"));
+}
+
+// client -- router -- server: the router runs nti stats and sees the flow on
+// its forward path only.
+TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
+    NetNs client{"stats-client"}, router{"stats-router"}, server{"stats-server"};
+    StateDir state;
+    Veth({&client, "nti0", "02:00:00:00:14:01", {"198.18.20.1/24"}},
+         {&router, "nti1", "02:00:00:00:14:fe", {"198.18.20.254/24"}});
+    Veth({&router, "nti2", "02:00:00:00:15:fe", {"198.18.21.254/24"}},
+         {&server, "nti3", "02:00:00:00:15:01", {"198.18.21.1/24"}});
+    client.Must("ip route add default via 198.18.20.254");
+    server.Must("ip route add default via 198.18.21.254");
+    router.Must("sysctl -qw net.ipv4.ip_forward=1");
+    TrackConnections(router);
+    const Endpoint from{"198.18.20.1", 41000}, to{"198.18.21.1", 6000};
+
+    NtiStats nti(router, state, {"--period", "500ms", "--json"});
+    ASSERT_TRUE(nti.WaitForRules()) << nti.Stderr() << nti.Trace();
+    UdpExchange(client, from, server, to, 6, 150, 2, 400);
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_EQ(nti.Stop(), 0) << nti.Stderr();
+
+    const auto totals = Totals(Intervals(nti.Stdout()), Key(from), false);
+    const auto it = totals.find(Flow{Key(from), Key(to), 17});
+    ASSERT_NE(it, totals.end()) << nti.Stdout();
+    EXPECT_EQ(it->second, (Traffic(6, 6 * 178, 2, 2 * 428)));
+    const auto kernel = Conntrack(router, from, to, "udp");
+    ASSERT_TRUE(kernel.has_value());
+    EXPECT_EQ(it->second, *kernel);
+}
+
+}  // namespace
+}  // namespace nti::test
