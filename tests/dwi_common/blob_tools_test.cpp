@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "host/service_locator.h"
 #include "qor/exception.h"
+#include "tests/fakes/check_record.h"
 #include "tests/fakes/fake_allocator.h"
 #include "tests/fakes/fake_binary_serializer.h"
 #include "tests/fakes/recording_tracer.h"
@@ -32,12 +32,12 @@ protected:
 
     qor::AnyRef Data() { return qor::AnyRef{&m_value, &kOpaque}; }
 
-    // OnlyRecord returns the single record written, which must match `pattern`.
-    void ExpectOnlyRecord(const std::string& pattern) {
+    // ExpectOnlyRecord checks the single record written, at level 300.
+    void ExpectOnlyRecord(const std::string& text) {
         const auto lines = m_tracer->Lines();
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_EQ(lines[0].level, 300u);
-        EXPECT_TRUE(std::regex_match(lines[0].text, std::regex(pattern))) << lines[0].text;
+        EXPECT_EQ(nti::test::WithoutLine(lines[0].text), text);
     }
 
     qor::object::ImplPtr<nti::host::ServiceLocator> m_locator =
@@ -49,7 +49,7 @@ protected:
     std::uint32_t m_value = 0;
 };
 
-constexpr const char* kHead = R"(dwi_common/blob_tools:\d+\()";
+constexpr const char* kHead = "dwi_common/blob_tools:#(";
 
 TEST_F(BlobToolsTest, InvalidDataIsRefusedWithoutTouchingTheSerialiser) {
     const qor::AnyRef invalid[] = {{nullptr, &kOpaque}, {&m_value, nullptr}, {}};
@@ -57,14 +57,12 @@ TEST_F(BlobToolsTest, InvalidDataIsRefusedWithoutTouchingTheSerialiser) {
         qor::ByteVector blob;
         m_tracer->Clear();
         EXPECT_EQ(AnyToBlob(m_locator.Get(), data, blob), qor::errors::kInvalidArgument);
-        ExpectOnlyRecord(
-            std::string(kHead) +
-            R"(data\.IsValid\(\)\),\(bool\) failed: result = false Data refers to nullptr)");
+        ExpectOnlyRecord(std::string(kHead) +
+                         R"(data.IsValid()),(bool) failed: result = false Data refers to nullptr)");
         m_tracer->Clear();
         EXPECT_EQ(AnyFromBlob(m_locator.Get(), blob, data), qor::errors::kInvalidArgument);
-        ExpectOnlyRecord(
-            std::string(kHead) +
-            R"(data\.IsValid\(\)\),\(bool\) failed: result = false Data refers to nullptr)");
+        ExpectOnlyRecord(std::string(kHead) +
+                         R"(data.IsValid()),(bool) failed: result = false Data refers to nullptr)");
     }
     EXPECT_TRUE(m_serializer->Calls().empty());
     EXPECT_EQ(m_allocator->Allocations(), 0);
@@ -78,11 +76,11 @@ TEST_F(BlobToolsTest, MissingServicesAreTracedAndReturned) {
     };
     const Case cases[] = {
         {qor::IBinarySerializer::IID, true,
-         R"(qor::GetInterface\(sl, serializer\.Ref\(\)\)\),\(QOR_SUCCEEDED\(_result\)\) failed: result = 0x80000001 \(Interface not supported\) Cannot get IBinarySerializer interface)"},
+         R"(qor::GetInterface(sl, serializer.Ref())),(QOR_SUCCEEDED(_result)) failed: result = 0x80000001 (Interface not supported) Cannot get IBinarySerializer interface)"},
         {qor::IBinarySerializer::IID, false,
-         R"(qor::GetInterface\(sl, serializer\.Ref\(\)\)\),\(QOR_SUCCEEDED\(_result\)\) failed: result = 0x80000001 \(Interface not supported\) Cannot get IBinarySerializer interface)"},
+         R"(qor::GetInterface(sl, serializer.Ref())),(QOR_SUCCEEDED(_result)) failed: result = 0x80000001 (Interface not supported) Cannot get IBinarySerializer interface)"},
         {qor::IAllocator::IID, true,
-         R"(qor::GetInterface\(sl, alloc\.Ref\(\)\)\),\(QOR_SUCCEEDED\(_result\)\) failed: result = 0x80000001 \(Interface not supported\) Cannot get IAllocator interface)"},
+         R"(qor::GetInterface(sl, alloc.Ref())),(QOR_SUCCEEDED(_result)) failed: result = 0x80000001 (Interface not supported) Cannot get IAllocator interface)"},
     };
     for (const auto& c : cases) {
         auto locator = qor::object::Create<nti::host::ServiceLocator>();
@@ -147,7 +145,7 @@ TEST_F(BlobToolsTest, SerialiseFailureKeepsTheBlobAndIsTraced) {
     EXPECT_EQ(m_allocator->Outstanding(), 0);
     ExpectOnlyRecord(
         std::string(kHead) +
-        R"(serializer->Serialize\(data, alloc, &ptr, len, SerMode\)\),\(QOR_SUCCEEDED\(_result\)\) failed: result = 0x8000005d \(Invalid type\) Cannot serialize data)");
+        R"(serializer->Serialize(data, alloc, &ptr, len, SerMode)),(QOR_SUCCEEDED(_result)) failed: result = 0x8000005d (Invalid type) Cannot serialize data)");
 }
 
 TEST_F(BlobToolsTest, BlobAllocationFailureThrowsAndReleasesTheOutput) {
@@ -170,7 +168,7 @@ TEST_F(BlobToolsTest, EmptyBlobIsHandedToTheSerialiserAndItsFailureReturned) {
     EXPECT_EQ(calls[0].mode, 0u);
     ExpectOnlyRecord(
         std::string(kHead) +
-        R"(serializer->Deserialize\(blob, data, len, SerMode\)\),\(QOR_SUCCEEDED\(_result\)\) failed: result = 0x8000005c \(Invalid size\) Cannot deserialize data)");
+        R"(serializer->Deserialize(blob, data, len, SerMode)),(QOR_SUCCEEDED(_result)) failed: result = 0x8000005c (Invalid size) Cannot deserialize data)");
 }
 
 TEST_F(BlobToolsTest, DeserialisesTheBlobBytes) {
