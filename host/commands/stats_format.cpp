@@ -44,9 +44,20 @@ std::string EndpointText(const std::optional<ip_t>& ip, const std::optional<std:
     if (!ip) {
         return "-";
     }
-    std::string text = ip->family == 6 && port ? "[" + IpText(*ip) + "]" : IpText(*ip);
+    // Appends rather than operator+: GCC 12 warns falsely (-Wrestrict) on the
+    // chained form at -O3.
+    const bool bracket = ip->family == 6 && port;
+    std::string text;
+    if (bracket) {
+        text.push_back('[');
+    }
+    text.append(IpText(*ip));
+    if (bracket) {
+        text.push_back(']');
+    }
     if (port) {
-        text += ":" + std::to_string(*port);
+        text.push_back(':');
+        text.append(std::to_string(*port));
     }
     return text;
 }
