@@ -17,6 +17,7 @@ struct CommonOptions {
     std::string module = ModuleLoader::kDefaultModule;  // path or name
     std::uint32_t traceLevel = 300;                     // records above are dropped
     std::string traceFile;                              // empty: stderr
+    bool traceJournal = false;  // systemd journal, stderr when it is unavailable
 };
 
 class HostContext {
