@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdlib>
+#include <cstdio>
 #include <string>
 
 namespace {
@@ -54,9 +54,7 @@ TEST(ManPageTest, SectionsOptionsAndCommandsFromTheDefinition) {
 
 // nti's own page lists the common options, including the journal sink.
 TEST(ManPageTest, NtiPrintsItsPage) {
-    const char* nti = std::getenv("NTI_BIN");
-    ASSERT_NE(nti, nullptr);
-    FILE* out = popen((std::string(nti) + " --man").c_str(), "r");
+    FILE* out = popen(NTI_BIN " --man", "r");
     ASSERT_NE(out, nullptr);
     std::string page;
     char chunk[4096];
