@@ -46,7 +46,7 @@ void WriteOptions(std::ostream& out, const CLI::App& app) {
         out << '\n';
         WriteText(out, option->get_description());
         if (!option->get_default_str().empty()) {
-            out << "Default: " << RoffEscape(option->get_default_str()) << ".\n";
+            out << ".br\nDefault: " << RoffEscape(option->get_default_str()) << ".\n";
         }
     }
 }

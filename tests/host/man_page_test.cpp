@@ -44,7 +44,7 @@ TEST(ManPageTest, SectionsOptionsAndCommandsFromTheDefinition) {
                 HasSubstr(".SH DESCRIPTION\ndo one thing\nwell\n.PP\nMore about it.\n\\&.starts"));
     EXPECT_THAT(page, HasSubstr(".TP\n\\fB\\-\\-file\\fR \\fITEXT\\fR\nWhere it goes\n"));
     EXPECT_THAT(page,
-                HasSubstr("\\fB\\-l, \\-\\-level\\fR \\fIUINT\\fR\nHow much\nDefault: 300.\n"));
+                HasSubstr("\\fB\\-l, \\-\\-level\\fR \\fIUINT\\fR\nHow much\n.br\nDefault: 300.\n"));
     EXPECT_THAT(page, HasSubstr(".TP\n\\fB\\-\\-quiet\\fR\nSay less\n"));
     EXPECT_THAT(page, HasSubstr(".SS run\nRun it\n"));
     EXPECT_THAT(page, HasSubstr(".TP\n\\fB\\-\\-times\\fR \\fIUINT\\fR\nHow often\n"));
