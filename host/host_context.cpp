@@ -5,6 +5,7 @@
 #include "host/host_services.h"
 #include "host/key_value_storage.h"
 #include "host/nflog_listener.h"
+#include "host/journal_tracer.h"
 #include "host/tracer_sink.h"
 #include "qor/exception.h"
 
@@ -17,7 +18,9 @@ HostContext::~HostContext() {
 qor::result_t HostContext::Open(const CommonOptions& options) {
     try {
         m_locator = qor::object::Create<ServiceLocator>();
-        if (options.traceFile.empty()) {
+        if (options.traceJournal) {
+            m_tracer = qor::object::Create<JournalTracer>(options.traceLevel, STDERR_FILENO);
+        } else if (options.traceFile.empty()) {
             m_tracer = qor::object::Create<LineTracer>(STDERR_FILENO, options.traceLevel);
         } else {
             m_tracer = OpenFileTracer(options.traceFile, options.traceLevel);

@@ -23,6 +23,7 @@ struct CommonOptions {
     std::string module = ModuleLoader::kDefaultModule;  // path or name
     std::uint32_t traceLevel = 300;                     // records above are dropped
     std::string traceFile;                              // empty: stderr
+    bool traceJournal = false;  // systemd journal, stderr when it is unavailable
     // Statistics firewall settings: ip6tables availability (unset: detect)
     // and the mark that keeps packets out of NFLOG.
     std::optional<bool> ip6tables;

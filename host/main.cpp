@@ -1,9 +1,11 @@
 // nti: the host program for the network traffic interceptor module.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <iostream>
 #include <map>
 
 #include "host/commands/commands.h"
+#include "host/man_page.h"
 
 int main(int argc, char** argv) {
     using namespace nti::host;
@@ -19,7 +21,20 @@ int main(int argc, char** argv) {
                    "Highest trace level written (300 errors, 500 warnings, 800 all)")
         ->capture_default_str()
         ->check(CLI::Range(0u, 1000u));
-    app.add_option("--trace-file", options.traceFile, "Write traces to this file, not stderr");
+    auto* traceFile =
+        app.add_option("--trace-file", options.traceFile, "Write traces to this file, not stderr");
+    app.add_flag("--trace-journal", options.traceJournal,
+                 "Write traces to the systemd journal (PRIORITY from the level, field "
+                 "NTI_TRACE_LEVEL); stderr while the journal is unavailable")
+        ->excludes(traceFile);
+
+    // Hidden: prints the manual page built from this definition (installed as nti.1).
+    app.add_flag_callback("--man",
+                          [&app] {
+                              std::cout << RenderManPage(app, "nti", NTI_VERSION);
+                              throw CLI::Success();
+                          })
+        ->group("");
     app.add_option("--state-dir", options.stateDir,
                    "Directory of the key-value storage (default /var/lib/nti for root, else "
                    "$XDG_STATE_HOME/nti or ~/.local/state/nti)");

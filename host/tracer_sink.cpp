@@ -29,8 +29,15 @@ std::string FormatTraceLine(std::int64_t unixNanos, long threadId, std::uint32_t
     return line;
 }
 
+std::string FormatTraceLineNow(std::uint32_t level, std::string_view text) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return FormatTraceLine(static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec,
+                           static_cast<long>(syscall(SYS_gettid)), level, text);
+}
+
 LineTracer::LineTracer(int fd, std::uint32_t maxLevel, bool ownsFd)
-    : m_fd(fd), m_maxLevel(maxLevel), m_ownsFd(ownsFd) {}
+    : LevelSink(maxLevel), m_fd(fd), m_ownsFd(ownsFd) {}
 
 LineTracer::~LineTracer() {
     if (m_ownsFd) {
@@ -38,10 +45,10 @@ LineTracer::~LineTracer() {
     }
 }
 
-// The level of a record travels from BeginRecord to CommitRecord in the room
-// this tracer reserves in front of the text.
-qor::result_t LineTracer::BeginRecord(std::uint32_t level, std::uint32_t* position,
-                                      qor::TraceBuffer* buffer) noexcept {
+// The level travels from BeginRecord to CommitRecord in the room reserved in
+// front of the text.
+qor::result_t LevelSink::BeginRecord(std::uint32_t level, std::uint32_t* position,
+                                     qor::TraceBuffer* buffer) noexcept {
     if (level > m_maxLevel) {
         return qor::errors::kNotMatched;
     }
@@ -55,34 +62,36 @@ qor::result_t LineTracer::BeginRecord(std::uint32_t level, std::uint32_t* positi
     return qor::errors::kOk;
 }
 
-qor::result_t LineTracer::CommitRecord(qor::TraceBuffer* buffer, std::uint32_t length) noexcept {
-    if (buffer == nullptr || length < sizeof(std::uint32_t) || length > buffer->size) {
+qor::result_t LevelSink::CommitRecord(qor::TraceBuffer* buffer, std::uint32_t length) noexcept {
+    std::uint32_t level = 0;
+    if (buffer == nullptr || length < sizeof(level) || length > buffer->size) {
         return qor::errors::kInvalidArgument;
     }
-    std::uint32_t level = 0;
     std::memcpy(&level, buffer->data, sizeof(level));
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
     try {
-        const std::string line =
-            FormatTraceLine(static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec,
-                            static_cast<long>(syscall(SYS_gettid)), level,
-                            std::string_view(buffer->data + sizeof(level), length - sizeof(level)));
-        std::size_t done = 0;
-        while (done < line.size()) {
-            const ssize_t n = write(m_fd, line.data() + done, line.size() - done);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n <= 0) {
-                return qor::ErrnoToResult(errno);
-            }
-            done += static_cast<std::size_t>(n);
-        }
+        return Write(level, std::string_view(buffer->data + sizeof(level), length - sizeof(level)));
     } catch (...) {
         return qor::errors::kOutOfMemory;
     }
+}
+
+qor::result_t WriteAll(int fd, std::string_view data) noexcept {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n = write(fd, data.data() + done, data.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return qor::ErrnoToResult(errno);
+        }
+        done += static_cast<std::size_t>(n);
+    }
     return qor::errors::kOk;
+}
+
+qor::result_t LineTracer::Write(std::uint32_t level, std::string_view text) {
+    return WriteAll(m_fd, FormatTraceLineNow(level, text));
 }
 
 qor::object::ImplPtr<LineTracer> OpenFileTracer(const std::string& path, std::uint32_t maxLevel) {

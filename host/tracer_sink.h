@@ -3,16 +3,42 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "qor/object.h"
 #include "qor/trace/tracer.h"
 
 namespace nti::host {
 
+// LevelSink is the base of the sinks that need a record's level when it is
+// committed: it keeps the level in room reserved in front of the text and
+// hands level and text to Write.
+class LevelSink : public qor::object::Ifaces<qor::ITracer> {
+public:
+    explicit LevelSink(std::uint32_t maxLevel) : m_maxLevel(maxLevel) {}
+
+    qor::result_t BeginRecord(std::uint32_t level, std::uint32_t* position,
+                              qor::TraceBuffer* buffer) noexcept override;
+    qor::result_t CommitRecord(qor::TraceBuffer* buffer, std::uint32_t length) noexcept override;
+    std::uint32_t GetMaxLevel() noexcept override { return m_maxLevel; }
+
+protected:
+    ~LevelSink() = default;
+    // Write delivers one record; an exception becomes 0x80000041 (out of memory).
+    virtual qor::result_t Write(std::uint32_t level, std::string_view text) = 0;
+
+private:
+    std::uint32_t m_maxLevel;
+};
+
+// WriteAll writes `data` to `fd`, retrying short and interrupted writes.
+// Returns 0 or the code of the errno that stopped it.
+qor::result_t WriteAll(int fd, std::string_view data) noexcept;
+
 // LineTracer writes one line per record: UTC time, thread id, level, text.
 // Each line goes out with one write(2), so lines of concurrent threads never
 // interleave.
-class LineTracer : public qor::object::Ifaces<qor::ITracer> {
+class LineTracer : public LevelSink {
 public:
     // LineTracer writes records up to `maxLevel` to `fd`, closing it at the
     // end when `ownsFd`.
@@ -21,14 +47,11 @@ public:
     LineTracer(const LineTracer&) = delete;
     LineTracer& operator=(const LineTracer&) = delete;
 
-    qor::result_t BeginRecord(std::uint32_t level, std::uint32_t* position,
-                              qor::TraceBuffer* buffer) noexcept override;
-    qor::result_t CommitRecord(qor::TraceBuffer* buffer, std::uint32_t length) noexcept override;
-    std::uint32_t GetMaxLevel() noexcept override { return m_maxLevel; }
+protected:
+    qor::result_t Write(std::uint32_t level, std::string_view text) override;
 
 private:
     int m_fd;
-    std::uint32_t m_maxLevel;
     bool m_ownsFd;
 };
 
@@ -54,5 +77,7 @@ private:
 // FormatTraceLine builds the line LineTracer writes for `text` (exposed for tests).
 std::string FormatTraceLine(std::int64_t unixNanos, long threadId, std::uint32_t level,
                             std::string_view text);
+// FormatTraceLineNow stamps the line with the current time and thread.
+std::string FormatTraceLineNow(std::uint32_t level, std::string_view text);
 
 }  // namespace nti::host

@@ -1,0 +1,205 @@
+#include "examples/block_list/block_rules.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <memory>
+#include <random>
+#include <sstream>
+
+namespace {
+
+using block_list::Endpoint;
+using block_list::FindBlocked;
+using block_list::Flow;
+using block_list::ParseEndpoint;
+using block_list::ParseFlow;
+using block_list::ReadList;
+using block_list::ToString;
+
+std::vector<std::uint8_t> Bytes(std::initializer_list<int> values) {
+    return std::vector<std::uint8_t>(values.begin(), values.end());
+}
+
+void Append(std::vector<std::uint8_t>& to, const std::vector<std::uint8_t>& more) {
+    to.insert(to.end(), more.begin(), more.end());
+}
+
+// IPv4 198.18.0.1 -> 198.18.0.2 with `protocol`; `fragment` is the 16-bit
+// flags and offset field.
+std::vector<std::uint8_t> Ipv4(int protocol, int fragment = 0, int ihl = 5) {
+    auto p = Bytes(
+        {0x40 | ihl, 0, 0,   0,  0, 0, fragment >> 8, fragment & 0xFF, 64, protocol, 0, 0, 198, 18,
+         0,          1, 198, 18, 0, 2});
+    // Options as zero bytes; appended rather than resized, which GCC 12 at -O3
+    // misreads as an out-of-bounds copy.
+    if (ihl > 5) {
+        p.insert(p.end(), static_cast<std::size_t>(ihl - 5) * 4, 0);
+    }
+    return p;
+}
+
+// IPv6 fd00:198:18::1 -> fd00:198:18::2 with next header `next`.
+std::vector<std::uint8_t> Ipv6(int next) {
+    auto p = Bytes({0x60, 0, 0, 0, 0, 0, next, 64});
+    for (int end : {1, 2}) {
+        Append(p, Bytes({0xfd, 0x00, 0x01, 0x98, 0x00, 0x18, 0, 0, 0, 0, 0, 0, 0, 0, 0, end}));
+    }
+    return p;
+}
+
+const auto kPorts = Bytes({0x9c, 0x40, 0x01, 0xbb});  // 40000 -> 443
+
+std::optional<Flow> Parse(const std::vector<std::uint8_t>& p) {
+    return ParseFlow(p.data(), p.data() + p.size());
+}
+
+TEST(BlockListEntryTest, AcceptedAndRejectedForms) {
+    for (const char* good : {"198.18.0.7", "198.18.0.7:443", "fd00:198:18::7", "[fd00:198:18::7]",
+                             "[fd00:198:18::7]:53", "::1"}) {
+        const auto e = ParseEndpoint(good);
+        ASSERT_TRUE(e) << good;
+        EXPECT_EQ(ToString(*e), std::string(good).starts_with("[") && !e->port
+                                    ? std::string(good).substr(1, std::string(good).size() - 2)
+                                    : std::string(good));
+    }
+    for (const char* bad :
+         {"198.18.0.7:", "198.18.0.7:0", "198.18.0.7:65536", "198.18.0.7:http", "198.18.0",
+          "[fd00::7", "[fd00::7]53", "[198.18.0.7]:53", "fd00::7:53x", "host.example"}) {
+        EXPECT_FALSE(ParseEndpoint(bad)) << bad;
+    }
+}
+
+TEST(BlockListEntryTest, ListSkipsCommentsAndNamesTheBadLine) {
+    std::istringstream good("# blocked\n\n  198.18.0.7  \n[fd00:198:18::7]:53 # dns\r\n");
+    const auto list = ReadList(good, "l.txt");
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(ToString(list[1]), "[fd00:198:18::7]:53");
+
+    std::istringstream bad("198.18.0.7\n198.18.0.8:99999\n");
+    EXPECT_THROW(
+        {
+            try {
+                ReadList(bad, "l.txt");
+            } catch (const std::runtime_error& e) {
+                EXPECT_STREQ(e.what(), "l.txt:2: not an address[:port]");
+                throw;
+            }
+        },
+        std::runtime_error);
+}
+
+TEST(BlockListFlowTest, Ipv4PortsOnlyFromFirstFragmentsAndPastOptions) {
+    auto tcp = Ipv4(IPPROTO_TCP);
+    Append(tcp, kPorts);
+    auto flow = Parse(tcp);
+    ASSERT_TRUE(flow);
+    EXPECT_EQ(ToString(flow->source), "198.18.0.1:40000");
+    EXPECT_EQ(ToString(flow->destination), "198.18.0.2:443");
+
+    auto withOptions = Ipv4(IPPROTO_UDP, 0, 6);  // 4 bytes of options
+    Append(withOptions, kPorts);
+    flow = Parse(withOptions);
+    ASSERT_TRUE(flow);
+    EXPECT_EQ(flow->destination.port, 443);
+
+    auto later = Ipv4(IPPROTO_UDP, 0x0010);  // offset 16*8: no transport header here
+    Append(later, kPorts);
+    flow = Parse(later);
+    ASSERT_TRUE(flow);
+    EXPECT_FALSE(flow->destination.port);
+
+    auto icmp = Ipv4(IPPROTO_ICMP);
+    Append(icmp, kPorts);
+    flow = Parse(icmp);
+    ASSERT_TRUE(flow);
+    EXPECT_FALSE(flow->source.port);
+
+    EXPECT_FALSE(Parse(Bytes({0x45, 0, 0})));
+    EXPECT_FALSE(Parse(Ipv4(IPPROTO_TCP, 0, 4)));  // header length below 20
+    EXPECT_FALSE(Parse(Bytes({0x20})));
+    EXPECT_FALSE(ParseFlow(nullptr, nullptr));
+}
+
+TEST(BlockListFlowTest, Ipv6WalksExtensionHeaders) {
+    // Hop-by-hop (8 bytes) -> destination options (16 bytes) -> TCP.
+    auto p = Ipv6(0);
+    Append(p, Bytes({60, 0, 0, 0, 0, 0, 0, 0}));
+    Append(p, Bytes({IPPROTO_TCP, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    Append(p, kPorts);
+    auto flow = Parse(p);
+    ASSERT_TRUE(flow);
+    EXPECT_EQ(flow->protocol, IPPROTO_TCP);
+    EXPECT_EQ(ToString(flow->source), "[fd00:198:18::1]:40000");
+    EXPECT_EQ(ToString(flow->destination), "[fd00:198:18::2]:443");
+
+    // A first fragment carries the ports, a later one does not.
+    auto first = Ipv6(44);
+    Append(first, Bytes({IPPROTO_UDP, 0, 0x00, 0x01, 0, 0, 0, 1}));  // offset 0, more fragments
+    Append(first, kPorts);
+    flow = Parse(first);
+    ASSERT_TRUE(flow);
+    EXPECT_EQ(flow->destination.port, 443);
+    auto later = Ipv6(44);
+    Append(later, Bytes({IPPROTO_UDP, 0, 0x00, 0xb8, 0, 0, 0, 1}));  // offset 23*8
+    Append(later, kPorts);
+    flow = Parse(later);
+    ASSERT_TRUE(flow);
+    EXPECT_EQ(flow->protocol, IPPROTO_UDP);
+    EXPECT_FALSE(flow->destination.port);
+
+    // An extension header running past the end leaves no ports.
+    auto cut = Ipv6(0);
+    Append(cut, Bytes({IPPROTO_TCP, 4, 0, 0, 0, 0, 0, 0}));
+    Append(cut, kPorts);
+    flow = Parse(cut);
+    ASSERT_TRUE(flow);
+    EXPECT_FALSE(flow->source.port);
+
+    EXPECT_FALSE(Parse(Bytes({0x60, 0, 0, 0})));
+}
+
+// Truncated and garbled headers never read past the end (run under ASan:
+// every buffer is its own allocation, sized exactly).
+TEST(BlockListFlowTest, ArbitraryBytesStayInBounds) {
+    std::mt19937 random(20261121);
+    for (int round = 0; round < 20000; ++round) {
+        const std::size_t size = random() % 96;
+        std::vector<std::uint8_t> bytes(size);
+        for (auto& b : bytes) {
+            b = static_cast<std::uint8_t>(random());
+        }
+        if (size > 0) {
+            bytes[0] = static_cast<std::uint8_t>((round % 2 ? 0x60 : 0x40) | (bytes[0] & 0x0F));
+        }
+        if (size > 6 && round % 4 == 1) {
+            bytes[6] = std::array<std::uint8_t, 5>{0, 43, 44, 51, 60}[random() % 5];
+        }
+        auto copy = std::make_unique<std::uint8_t[]>(size);
+        std::copy(bytes.begin(), bytes.end(), copy.get());
+        ParseFlow(copy.get(), copy.get() + size);
+    }
+}
+
+TEST(BlockListMatchTest, RemoteEndDependsOnDirectionAndPortIsOptional) {
+    auto tcp = Ipv4(IPPROTO_TCP);
+    Append(tcp, kPorts);
+    const Flow flow = *Parse(tcp);
+    const std::vector<Endpoint> remoteHttps = {*ParseEndpoint("198.18.0.2:443")};
+    const std::vector<Endpoint> remoteAnyPort = {*ParseEndpoint("198.18.0.1")};
+    const std::vector<Endpoint> otherPort = {*ParseEndpoint("198.18.0.2:80")};
+    const std::vector<Endpoint> v6Twin = {*ParseEndpoint("[::ffff:198.18.0.2]:443")};
+
+    EXPECT_NE(FindBlocked(remoteHttps, flow, /*outbound=*/true), nullptr);
+    EXPECT_EQ(FindBlocked(remoteHttps, flow, /*outbound=*/false), nullptr);
+    EXPECT_NE(FindBlocked(remoteAnyPort, flow, /*outbound=*/false), nullptr);
+    EXPECT_EQ(FindBlocked(otherPort, flow, /*outbound=*/true), nullptr);
+    EXPECT_EQ(FindBlocked(v6Twin, flow, /*outbound=*/true), nullptr);
+
+    // An entry with a port never matches a packet without ports.
+    auto icmp = Ipv4(IPPROTO_ICMP);
+    EXPECT_EQ(FindBlocked(remoteHttps, *Parse(icmp), true), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,53 @@
+#include "examples/common/example_run.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// The examples' stop conditions; each case blocks the signals in this thread
+// first, as the examples do before starting anything.
+TEST(ExampleStopTest, SignalDeadlineAndOwnReason) {
+    const example::StopSignals signals;
+    ASSERT_EQ(kill(getpid(), SIGTERM), 0);  // would end the test without the mask
+    EXPECT_EQ(signals.WaitForStop(0s, 10ms, [] { return false; }), SIGTERM);
+    ASSERT_EQ(kill(getpid(), SIGINT), 0);
+    EXPECT_EQ(signals.WaitForStop(0s, 10ms, [] { return false; }), SIGINT);
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(signals.WaitForStop(1s, 20ms, [] { return false; }), 0);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, 1s);
+    EXPECT_LT(waited, 3s);
+
+    int asked = 0;
+    EXPECT_EQ(signals.WaitForStop(0s, 1ms, [&] { return ++asked == 3; }), 0);
+    EXPECT_EQ(asked, 3);
+}
+
+TEST(ExampleOptionsTest, RunOptionsAreParsedAndOthersLeftToTheExample) {
+    example::RunArgs args;
+    EXPECT_TRUE(example::ParseRunOption('M', "/x/libm.so", args));
+    EXPECT_TRUE(example::ParseRunOption('L', "800", args));
+    EXPECT_TRUE(example::ParseRunOption('J', nullptr, args));
+    EXPECT_TRUE(example::ParseRunOption('c', "5", args));
+    EXPECT_TRUE(example::ParseRunOption('d', "60", args));
+    EXPECT_FALSE(example::ParseRunOption('h', nullptr, args));
+    EXPECT_EQ(args.host.module, "/x/libm.so");
+    EXPECT_EQ(args.host.traceLevel, 800u);
+    EXPECT_TRUE(args.host.traceJournal);
+    EXPECT_EQ(args.count, 5u);
+    EXPECT_EQ(args.duration, 60u);
+    EXPECT_EXIT(example::ParseRunOption('c', "5x", args), testing::ExitedWithCode(2),
+                "--count: not a number: 5x");
+
+    const auto options = example::WithRunOptions({{"own", no_argument, nullptr, 'o'}});
+    EXPECT_STREQ(options.front().name, "own");
+    EXPECT_EQ(options.back().name, nullptr);  // getopt_long's terminator
+}
+
+}  // namespace
