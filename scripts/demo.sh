@@ -10,4 +10,4 @@ sudo_cmd=""
 if [ "$(id -u)" -ne 0 ]; then
   sudo_cmd="sudo"
 fi
-exec $sudo_cmd ./build/release/host/nti info "$@"
+exec $sudo_cmd ./build/release/host/nti demo "$@"

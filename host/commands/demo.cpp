@@ -48,7 +48,9 @@ constexpr char kServiceName[] = "nti-demo";
 
 std::atomic<bool> g_cancel{false};
 
-extern "C" void OnDemoSignal(int) { g_cancel = true; }
+extern "C" void OnDemoSignal(int) {
+    g_cancel = true;
+}
 
 struct DemoOptions {
     int packets = 10;
@@ -194,10 +196,10 @@ void PrintIntervals(const std::vector<st::IntervalCounters>& intervals) {
     std::printf("  %-6s %-28s %-28s %9s %9s %9s %9s\n", "proto", "local", "remote", "pkts in",
                 "bytes in", "pkts out", "bytes out");
     for (const auto* c : rows) {
-        const std::string local = FormatIp(c->localIp) + ":" +
-                                  (c->localPort ? std::to_string(*c->localPort) : "-");
-        const std::string remote = FormatIp(c->remoteIp) + ":" +
-                                   (c->remotePort ? std::to_string(*c->remotePort) : "-");
+        const std::string local =
+            FormatIp(c->localIp) + ":" + (c->localPort ? std::to_string(*c->localPort) : "-");
+        const std::string remote =
+            FormatIp(c->remoteIp) + ":" + (c->remotePort ? std::to_string(*c->remotePort) : "-");
         std::printf("  %-6s %-28s %-28s %9llu %9llu %9llu %9llu\n",
                     ProtoName(c->ipProtocol.value_or(0)), local.c_str(), remote.c_str(),
                     static_cast<unsigned long long>(c->packetsReceived),
@@ -252,8 +254,9 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
         std::fprintf(stderr, "nti demo: %s\n", error.c_str());
         return kExitFailure;
     }
-    std::printf("  %s: 198.18.0.2 fd00:198:18::2\n  %s: 198.18.0.1 fd00:198:18::1 (nti runs here)\n",
-                peer.Name().c_str(), dut.Name().c_str());
+    std::printf(
+        "  %s: 198.18.0.2 fd00:198:18::2\n  %s: 198.18.0.1 fd00:198:18::1 (nti runs here)\n",
+        peer.Name().c_str(), dut.Name().c_str());
     ScopedNetnsEnter inDut(dut.Name());
     if (!inDut.Ok()) {
         std::fprintf(stderr, "nti demo: %s\n", inDut.Error().c_str());
@@ -268,8 +271,9 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
         return kExitFailure;
     }
     hostOptions.stateDir = stateDir;
-    if (!QOR_SUCCEEDED(host.Open(hostOptions))) {
-        std::fprintf(stderr, "nti demo: cannot load module: %s\n", host.Error().c_str());
+    if (!QOR_SUCCEEDED(host.Open(hostOptions)) ||
+        !QOR_SUCCEEDED(host.StartFirewall(FirewallSettings{}))) {
+        std::fprintf(stderr, "nti demo: cannot start the host: %s\n", host.Error().c_str());
         RunCommand({"rm", "-rf", stateDir});
         return kExitFailure;
     }
@@ -285,8 +289,8 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
         }
         check(QOR_SUCCEEDED(r), "statistics service created: " + qor::FormatResult(r));
         if (counters) {
-            r = counters->RegisterCollector(kCollectorId, st::PeriodAlignment::CollectorRegistration,
-                                            1000);
+            r = counters->RegisterCollector(kCollectorId,
+                                            st::PeriodAlignment::CollectorRegistration, 1000);
             check(QOR_SUCCEEDED(r), "collector registered (period 1 s): " + qor::FormatResult(r));
         }
 
@@ -342,14 +346,14 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
             results.ping4 = RunCommand({"ping", "-c", "3", "-i", "0.2", "-W", "1", "198.18.0.1"});
             results.ping6 =
                 RunCommand({"ping", "-6", "-c", "3", "-i", "0.2", "-W", "1", "fd00:198:18::1"});
-            results.udp4 = demo::UdpExchange(AF_INET, "198.18.0.1", kAllowedUdpPort, n,
-                                             kUdpPayload, 500, g_cancel);
+            results.udp4 = demo::UdpExchange(AF_INET, "198.18.0.1", kAllowedUdpPort, n, kUdpPayload,
+                                             500, g_cancel);
             results.udp6 = demo::UdpExchange(AF_INET6, "fd00:198:18::1", kAllowedUdpPort, n,
                                              kUdpPayload, 500, g_cancel);
             results.dropped4 = demo::UdpExchange(AF_INET, "198.18.0.1", options.droppedPort, n,
                                                  kUdpPayload, 100, g_cancel);
-            results.dropped6 = demo::UdpExchange(AF_INET6, "fd00:198:18::1", options.droppedPort,
-                                                 n, kUdpPayload, 100, g_cancel);
+            results.dropped6 = demo::UdpExchange(AF_INET6, "fd00:198:18::1", options.droppedPort, n,
+                                                 kUdpPayload, 100, g_cancel);
             results.tcp4 = demo::TcpExchange(AF_INET, "198.18.0.1", kTcpPort, 5, 200, 1000);
             results.tcp6 = demo::TcpExchange(AF_INET6, "fd00:198:18::1", kTcpPort, 5, 200, 1000);
             // The dut's own outbound traffic, answered from here.
@@ -392,19 +396,21 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
         }
         const std::string of = " of " + std::to_string(n);
         check(results.ping4 == 0 && results.ping6 == 0, "ping over IPv4 and IPv6 answered");
-        check(results.udp4 == n, "UDP/IPv4 to allowed port echoed: " + std::to_string(results.udp4) + of);
-        check(results.udp6 == n, "UDP/IPv6 to allowed port echoed: " + std::to_string(results.udp6) + of);
+        check(results.udp4 == n,
+              "UDP/IPv4 to allowed port echoed: " + std::to_string(results.udp4) + of);
+        check(results.udp6 == n,
+              "UDP/IPv6 to allowed port echoed: " + std::to_string(results.udp6) + of);
         check(results.dropped4 == 0 && results.dropped6 == 0 && servers[2].Received() == 0 &&
                   servers[3].Received() == 0,
               "UDP to port " + std::to_string(options.droppedPort) +
                   " dropped: the server received " +
                   std::to_string(servers[2].Received() + servers[3].Received()));
         check(results.tcp4 == 5 && results.tcp6 == 5, "TCP exchanges over IPv4 and IPv6 complete");
-        check(results.outbound == n, "outbound UDP from the dut echoed: " +
-                                         std::to_string(results.outbound) + of);
+        check(results.outbound == n,
+              "outbound UDP from the dut echoed: " + std::to_string(results.outbound) + of);
         check(consumer->Dropped() >= static_cast<std::uint32_t>(2 * n),
-              "interception decided DROP " + std::to_string(consumer->Dropped()) + " times, ALLOW " +
-                  std::to_string(consumer->Allowed()) + " times");
+              "interception decided DROP " + std::to_string(consumer->Dropped()) +
+                  " times, ALLOW " + std::to_string(consumer->Allowed()) + " times");
         const std::uint64_t v4Bytes = static_cast<std::uint64_t>(n) * (20 + 8 + kUdpPayload);
         check(udp4.packetsIn == static_cast<std::uint64_t>(n) &&
                   udp4.packetsOut == static_cast<std::uint64_t>(n) && udp4.bytesIn == v4Bytes &&

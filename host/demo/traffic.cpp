@@ -24,8 +24,8 @@ struct Fd {
     }
 };
 
-bool MakeAddress(int family, const std::string& address, std::uint16_t port,
-                 sockaddr_storage& out, socklen_t& length) {
+bool MakeAddress(int family, const std::string& address, std::uint16_t port, sockaddr_storage& out,
+                 socklen_t& length) {
     std::memset(&out, 0, sizeof(out));
     if (family == AF_INET) {
         auto* a = reinterpret_cast<sockaddr_in*>(&out);
