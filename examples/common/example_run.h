@@ -44,6 +44,7 @@ inline std::vector<option> WithRunOptions(std::vector<option> own) {
                            {"trace-level", required_argument, nullptr, 'L'},
                            {"trace-file", required_argument, nullptr, 'F'},
                            {"trace-journal", no_argument, nullptr, 'J'},
+                           {"state-dir", required_argument, nullptr, 'S'},
                            {"count", required_argument, nullptr, 'c'},
                            {"duration", required_argument, nullptr, 'd'},
                            {nullptr, 0, nullptr, 0}});
@@ -55,7 +56,8 @@ inline const char* kRunOptionsHelp =
     "  --module NAME|PATH   module to load (default network_traffic_interceptor)\n"
     "  --trace-level N      highest trace level written (default 300)\n"
     "  --trace-file PATH    write traces to this file, not stderr\n"
-    "  --trace-journal      write traces to the systemd journal\n";
+    "  --trace-journal      write traces to the systemd journal\n"
+    "  --state-dir DIR      directory of the host's key-value storage\n";
 
 // ParseRunOption handles one option of WithRunOptions; false when `opt` is
 // not one of them.
@@ -73,6 +75,9 @@ inline bool ParseRunOption(int opt, const char* arg, RunArgs& args) {
         case 'J':
             args.host.traceJournal = true;
             return true;
+        case 'S':
+            args.host.stateDir = arg;
+            return true;
         case 'c':
             args.count = ParseUnsigned("--count", arg);
             return true;
@@ -84,12 +89,18 @@ inline bool ParseRunOption(int opt, const char* arg, RunArgs& args) {
     }
 }
 
-// OpenHost loads the module with the host services; false, after a message
-// on stderr, when it cannot.
+// OpenHost loads the module with the host services, the firewall ones
+// included (queue numbers and rules; rules of ended runs are swept); false,
+// after a message on stderr, when it cannot.
 inline bool OpenHost(nti::host::HostContext& host, const nti::host::CommonOptions& options,
                      const char* program) {
     if (!QOR_SUCCEEDED(host.Open(options))) {
         std::fprintf(stderr, "%s: cannot load module: %s\n", program, host.Error().c_str());
+        return false;
+    }
+    if (!QOR_SUCCEEDED(host.StartFirewall(nti::host::FirewallSettings{}))) {
+        std::fprintf(stderr, "%s: cannot start the firewall services: %s\n", program,
+                     host.Error().c_str());
         return false;
     }
     return true;

@@ -82,6 +82,64 @@ if "$work/examples/block_list/build/block_list" --list "$work/bad.txt" --print-l
   fail "block_list accepted port 99999"
 fi
 
+step "examples on the real kernel, in namespaces made here"
+if [ "$(id -u)" -eq 0 ] && command -v ip >/dev/null; then
+  peer=nti-pkg-peer-$$
+  dut=nti-pkg-dut-$$
+  example_pids=()
+  cleanup_namespaces() {
+    for pid in "${example_pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+    ip netns del "$peer" 2>/dev/null || true
+    ip netns del "$dut" 2>/dev/null || true
+  }
+  trap cleanup_namespaces EXIT
+  ip netns add "$peer"
+  ip netns add "$dut"
+  ip link add veth-dut netns "$dut" type veth peer name veth-peer netns "$peer"
+  ip -n "$dut" addr add 198.18.5.1/30 dev veth-dut
+  ip -n "$peer" addr add 198.18.5.2/30 dev veth-peer
+  for ns in "$dut" "$peer"; do ip -n "$ns" link set lo up; done
+  ip -n "$dut" link set veth-dut up
+  ip -n "$peer" link set veth-peer up
+  state=$work/state
+  rm -rf "$state"
+
+  # block_list drops what goes to 198.18.5.2:7002 and lets 7001 through.
+  printf '198.18.5.2:7002\n' >"$work/real.txt"
+  ip netns exec "$dut" "$work/examples/block_list/build/block_list" --module "$module" \
+    --state-dir "$state" --list "$work/real.txt" --duration 4 \
+    >"$work/blocked.txt" 2>"$work/block_list.err" &
+  example_pids+=($!)
+  for _ in $(seq 50); do
+    grep -q intercepting "$work/block_list.err" && break
+    sleep 0.1
+  done
+  grep -q intercepting "$work/block_list.err" || fail "block_list did not start: $(cat "$work/block_list.err")"
+  for _ in 1 2 3; do
+    ip netns exec "$dut" bash -c 'echo allowed >/dev/udp/198.18.5.2/7001; echo blocked >/dev/udp/198.18.5.2/7002'
+  done
+  wait "${example_pids[0]}" || fail "block_list failed: $(cat "$work/block_list.err")"
+  grep -Eq '^blocked out proto 17 198\.18\.5\.1:[0-9]+ -> 198\.18\.5\.2:7002$' "$work/blocked.txt" ||
+    fail "block_list did not report the blocked datagrams: $(cat "$work/blocked.txt")"
+  ! grep -q ':7001' "$work/blocked.txt" || fail "block_list blocked port 7001"
+  ! ip netns exec "$dut" iptables-save | grep -q 'nti:' || fail "block_list left rules behind"
+
+  # stats_to_json writes one JSON line per harvested interval.
+  ip netns exec "$dut" "$work/examples/stats_to_json/build/stats_to_json" --module "$module" \
+    --state-dir "$state" --period 500 --count 2 --duration 10 >"$work/intervals.json" \
+    2>"$work/stats_to_json.err" &
+  example_pids+=($!)
+  sleep 0.3
+  ip netns exec "$dut" ping -c 2 -i 0.2 -W 1 198.18.5.2 >/dev/null 2>&1 || true
+  wait "${example_pids[1]}" || fail "stats_to_json failed: $(cat "$work/stats_to_json.err")"
+  [ "$(grep -c '^{.*}$' "$work/intervals.json")" -ge 2 ] ||
+    fail "stats_to_json wrote no intervals: $(cat "$work/intervals.json" "$work/stats_to_json.err")"
+  cleanup_namespaces
+  trap - EXIT
+else
+  echo "skipped: needs root and iproute2"
+fi
+
 step "Debian package"
 rm -rf "$work/deb" "$work/root"
 quiet cpack --config "$release/CPackConfig.cmake" -G DEB -B "$work/deb"
