@@ -33,6 +33,7 @@ using dwi::network_interceptor::INetworkInterceptor;
 using dwi::network_interceptor::IPacketEventCallback;
 using dwi::network_interceptor::Packet;
 using dwi::network_interceptor::Verdict;
+using dwi::network_interceptor::VerdictName;
 
 constexpr std::chrono::seconds kRulesTimeout{10};
 
@@ -56,20 +57,6 @@ struct InterceptOptions {
     bool failClosed = false;
     std::string tag = "nti_intercept";
 };
-
-const char* VerdictName(Verdict v) {
-    switch (v) {
-        case Verdict::ALLOW:
-            return "ALLOW";
-        case Verdict::DROP:
-            return "DROP";
-        case Verdict::REPEAT:
-            return "REPEAT";
-        case Verdict::LATER:
-            return "LATER";
-    }
-    return "?";
-}
 
 // Validator accepts what `parse` accepts.
 template <class F>
@@ -308,8 +295,8 @@ private:
             line += "\"proto\":" + (s.protocol ? std::to_string(*s.protocol) : "null") + ",";
             line += "\"sport\":" + (s.sourcePort ? port(s.sourcePort) : "null") + ",";
             line += "\"dport\":" + (s.destinationPort ? port(s.destinationPort) : "null") + ",";
-            line += "\"len\":" + std::to_string(length) + ",\"verdict\":\"" + VerdictName(verdict) +
-                    "\"}\n";
+            line += "\"len\":" + std::to_string(length) + ",\"verdict\":\"" +
+                    VerdictName(static_cast<std::uint32_t>(verdict)) + "\"}\n";
         } else {
             std::snprintf(head, sizeof(head), "%s %s/%d id=%u ", TimeText().c_str(), queueName,
                           queueNumber, packet.id);
@@ -327,7 +314,8 @@ private:
             line += endpoint(s.source, s.sourcePort) + " > " +
                     endpoint(s.destination, s.destinationPort);
             line += " proto=" + (s.protocol ? std::to_string(*s.protocol) : "?");
-            line += " len=" + std::to_string(length) + " " + VerdictName(verdict) + "\n";
+            line += " len=" + std::to_string(length) + " " +
+                    VerdictName(static_cast<std::uint32_t>(verdict)) + "\n";
         }
         std::fwrite(line.data(), 1, line.size(), stdout);
         std::fflush(stdout);

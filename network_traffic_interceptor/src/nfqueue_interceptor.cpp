@@ -144,21 +144,6 @@ std::uint32_t NetfilterVerdict(std::uint32_t verdict) noexcept {
     }
 }
 
-const char* VerdictName(std::uint32_t verdict) noexcept {
-    switch (static_cast<Verdict>(verdict)) {
-        case Verdict::ALLOW:
-            return "ALLOW";
-        case Verdict::DROP:
-            return "DROP";
-        case Verdict::REPEAT:
-            return "REPEAT";
-        case Verdict::LATER:
-            return "LATER";
-        default:
-            return "unreachable";
-    }
-}
-
 NfQueueInterceptor::NfQueueInterceptor(qor::IServiceLocator* serviceLocator, qor::ITracer* tracer,
                                        qor::RefPtr<dwi::firewall::IDynamicRules> firewall)
     : ServiceLocatorProvider(serviceLocator),

@@ -81,9 +81,6 @@ nlmsghdr* BuildVerdictMessage(char* buffer, std::size_t size, std::uint16_t queu
 // NetfilterVerdict maps a Verdict value to the netfilter verdict sent for it
 // (NF_ACCEPT for values without one).
 std::uint32_t NetfilterVerdict(std::uint32_t verdict) noexcept;
-// VerdictName is the trace name of a Verdict value ("unreachable" for
-// values without one).
-const char* VerdictName(std::uint32_t verdict) noexcept;
 
 class NfQueueInterceptor : public qor::object::Ifaces<>,
                            private qor::ServiceLocatorProvider,

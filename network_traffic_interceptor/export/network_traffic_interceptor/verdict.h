@@ -13,6 +13,22 @@ enum class Verdict : std::uint32_t {
     LATER = 3,   // decide later through INetworkInterceptor::SetVerdict
 };
 
+// VerdictName is the name traces and tools print for a verdict value;
+// "unreachable" for a value outside the enumeration.
+constexpr const char* VerdictName(std::uint32_t verdict) noexcept {
+    switch (static_cast<Verdict>(verdict)) {
+        case Verdict::ALLOW:
+            return "ALLOW";
+        case Verdict::DROP:
+            return "DROP";
+        case Verdict::REPEAT:
+            return "REPEAT";
+        case Verdict::LATER:
+            return "LATER";
+    }
+    return "unreachable";
+}
+
 // Packet is one queued packet. The payload points into the receive buffer and
 // is valid only during OnPacketReceived; copy it to decide LATER.
 struct Packet {
