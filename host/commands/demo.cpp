@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "host/commands/commands.h"
+#include "host/commands/stats_format.h"
 #include "host/demo/traffic.h"
 #include "host/netns.h"
 #include "network_traffic_interceptor/connection_counters.h"
@@ -73,34 +74,6 @@ std::string FormatAddress(const ni::PacketEndpoint& e) {
     return text;
 }
 
-std::string FormatIp(const std::optional<st::ip_t>& ip) {
-    if (!ip) {
-        return "-";
-    }
-    char text[INET6_ADDRSTRLEN] = {};
-    if (ip->family == 4) {
-        inet_ntop(AF_INET, ip->v4.bytes.data(), text, sizeof(text));
-    } else {
-        inet_ntop(AF_INET6, ip->v6.bytes.data(), text, sizeof(text));
-    }
-    return text;
-}
-
-const char* ProtoName(std::uint8_t proto) {
-    switch (proto) {
-        case 1:
-            return "icmp";
-        case 6:
-            return "tcp";
-        case 17:
-            return "udp";
-        case 58:
-            return "icmpv6";
-        default:
-            return "ip";
-    }
-}
-
 // DemoConsumer decides on every queued packet: UDP to the dropped port is
 // dropped, the rest allowed. It prints what it sees as it happens.
 class DemoConsumer : public qor::object::Ifaces<ni::IPacketEventCallback> {
@@ -124,7 +97,7 @@ public:
         if (!m_quiet) {
             char text[256];
             std::snprintf(text, sizeof(text), "  %-3s %-6s %s:%u -> %s:%u  %zu bytes  %s\n",
-                          packet.queue == 1 ? "in" : "out", ProtoName(parsed.Protocol()),
+                          packet.queue == 1 ? "in" : "out", ProtocolText(parsed.Protocol()).c_str(),
                           FormatAddress(parsed.Source()).c_str(), parsed.Source().port,
                           FormatAddress(parsed.Destination()).c_str(), parsed.Destination().port,
                           static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin),
@@ -181,32 +154,6 @@ FlowTotals SumFlow(const std::vector<st::IntervalCounters>& intervals, std::uint
         }
     }
     return t;
-}
-
-void PrintIntervals(const std::vector<st::IntervalCounters>& intervals) {
-    std::vector<const st::ConnectionCounter*> rows;
-    for (const auto& interval : intervals) {
-        for (const auto& c : interval.counters) {
-            rows.push_back(&c);
-        }
-    }
-    std::sort(rows.begin(), rows.end(), [](const auto* a, const auto* b) {
-        return a->bytesSent + a->bytesReceived > b->bytesSent + b->bytesReceived;
-    });
-    std::printf("  %-6s %-28s %-28s %9s %9s %9s %9s\n", "proto", "local", "remote", "pkts in",
-                "bytes in", "pkts out", "bytes out");
-    for (const auto* c : rows) {
-        const std::string local =
-            FormatIp(c->localIp) + ":" + (c->localPort ? std::to_string(*c->localPort) : "-");
-        const std::string remote =
-            FormatIp(c->remoteIp) + ":" + (c->remotePort ? std::to_string(*c->remotePort) : "-");
-        std::printf("  %-6s %-28s %-28s %9llu %9llu %9llu %9llu\n",
-                    ProtoName(c->ipProtocol.value_or(0)), local.c_str(), remote.c_str(),
-                    static_cast<unsigned long long>(c->packetsReceived),
-                    static_cast<unsigned long long>(c->bytesReceived),
-                    static_cast<unsigned long long>(c->packetsSent),
-                    static_cast<unsigned long long>(c->bytesSent));
-    }
 }
 
 bool SetUpTopology(NetworkNamespace& peer, NetworkNamespace& dut, std::string& error) {
@@ -388,7 +335,9 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
         }
 
         std::printf("== Connection statistics harvested (%zu intervals)\n", intervals.size());
-        PrintIntervals(intervals);
+        for (const auto& interval : intervals) {
+            std::fputs(FormatTable(IntervalHeader{kCollectorId, false}, interval).c_str(), stdout);
+        }
 
         std::printf("== Self-check\n");
         if (!results.peerError.empty()) {

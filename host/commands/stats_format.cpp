@@ -62,24 +62,6 @@ std::string EndpointText(const std::optional<ip_t>& ip, const std::optional<std:
     return text;
 }
 
-std::string ProtocolText(const std::optional<std::uint8_t>& protocol) {
-    if (!protocol) {
-        return "-";
-    }
-    switch (*protocol) {
-        case 1:
-            return "icmp";
-        case 6:
-            return "tcp";
-        case 17:
-            return "udp";
-        case 58:
-            return "icmpv6";
-        default:
-            return std::to_string(*protocol);
-    }
-}
-
 std::string GatewayText(const ConnectionCounter& c) {
     if (!c.gatewayIp) {
         return "-";
@@ -104,6 +86,24 @@ std::string JsonOptional(const std::optional<T>& value, F&& render) {
 }
 
 }  // namespace
+
+std::string ProtocolText(const std::optional<std::uint8_t>& protocol) {
+    if (!protocol) {
+        return "-";
+    }
+    switch (*protocol) {
+        case 1:
+            return "icmp";
+        case 6:
+            return "tcp";
+        case 17:
+            return "udp";
+        case 58:
+            return "icmpv6";
+        default:
+            return std::to_string(*protocol);
+    }
+}
 
 std::optional<std::uint32_t> ParsePeriod(std::string_view text) {
     std::uint64_t multiplier = 1000;

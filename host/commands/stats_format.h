@@ -28,6 +28,10 @@ std::string TicksToIso8601(std::uint64_t ticks);
 std::vector<system_interceptors::net::statistics::ConnectionCounter> SortedByBytes(
     const std::vector<system_interceptors::net::statistics::ConnectionCounter>& counters);
 
+// ProtocolText names an IP protocol ("tcp", "udp", "icmp", "icmpv6", else the
+// number); "-" when it is unknown.
+std::string ProtocolText(const std::optional<std::uint8_t>& protocol);
+
 // IntervalHeader describes where an interval came from.
 struct IntervalHeader {
     std::uint32_t collector = 0;
