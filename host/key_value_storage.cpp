@@ -4,11 +4,13 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <limits>
 #include <memory>
 #include <system_error>
+#include <thread>
 
 #include "qor/exception.h"
 
@@ -66,6 +68,31 @@ qor::result_t Prepare(sqlite3* db, const char* sql, const char* key,
     return SqliteToResult(code);
 }
 
+// InitialiseSchema switches a new database to WAL and creates the table.
+// When several processes open a new database at once, the switch to WAL can
+// fail with SQLITE_BUSY without SQLite calling the busy handler (waiting
+// could deadlock two connections that both hold a shared lock), so the
+// script is retried here, for as long as a busy statement would wait.
+int InitialiseSchema(sqlite3* db) noexcept {
+    constexpr auto kPause = std::chrono::milliseconds(5);
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::milliseconds(SqliteKeyValueStorage::kBusyTimeoutMs);
+    for (;;) {
+        const int code = sqlite3_exec(db,
+                                      "PRAGMA journal_mode=WAL;"
+                                      "PRAGMA synchronous=FULL;"
+                                      "CREATE TABLE IF NOT EXISTS kv("
+                                      "key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL);",
+                                      nullptr, nullptr, nullptr);
+        const int primary = code & 0xFF;
+        if ((primary != SQLITE_BUSY && primary != SQLITE_LOCKED) ||
+            std::chrono::steady_clock::now() >= deadline) {
+            return code;
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
 }  // namespace
 
 std::string DefaultStateDir() {
@@ -108,12 +135,7 @@ qor::result_t SqliteKeyValueStorage::Open() noexcept {
                                nullptr);
     if (code == SQLITE_OK) {
         sqlite3_busy_timeout(db, kBusyTimeoutMs);
-        code = sqlite3_exec(db,
-                            "PRAGMA journal_mode=WAL;"
-                            "PRAGMA synchronous=FULL;"
-                            "CREATE TABLE IF NOT EXISTS kv("
-                            "key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL);",
-                            nullptr, nullptr, nullptr);
+        code = InitialiseSchema(db);
     }
     if (code != SQLITE_OK) {
         sqlite3_close_v2(db);
