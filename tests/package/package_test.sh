@@ -3,6 +3,8 @@
 # then builds both examples against the installed files alone and runs them.
 #   package_test.sh SOURCE_DIR WORK_DIR
 set -euo pipefail
+# Output is captured before grep -q reads it: with pipefail, a writer that
+# gets SIGPIPE after grep -q has stopped reading would fail the test.
 src=$(realpath "$1")
 work=$2
 mkdir -p "$work"
@@ -45,8 +47,8 @@ done
 # Found by name through the loader: lib<name>.so -> SONAME -> the real file.
 soname=$(objdump -p "$module" | awk '/SONAME/ {print $2}')
 [ -L "$module" ] && [ -L "$prefix/$libdir/$soname" ] || fail "missing symlinks for $soname"
-readelf -d "$prefix/bin/nti" | grep -q "RUNPATH.*\$ORIGIN/../$libdir" || fail "nti RUNPATH"
-"$prefix/bin/nti" --man | grep -q '^\.TH NTI 1' || fail "nti --man"
+grep -q "RUNPATH.*\$ORIGIN/../$libdir" <<<"$(readelf -d "$prefix/bin/nti")" || fail "nti RUNPATH"
+grep -q '^\.TH NTI 1' <<<"$("$prefix/bin/nti" --man)" || fail "nti --man"
 out=$("$prefix/bin/nti" info 2>&1 || true)
 grep -q "module: libnetwork_traffic_interceptor.so" <<<"$out" || fail "installed nti: $out"
 grep -q "qorCanUnloadModule before: 0x00000000" <<<"$out" || fail "installed nti: $out"
@@ -61,7 +63,7 @@ for example in block_list stats_to_json; do
     -DCMAKE_PREFIX_PATH="$prefix"
   quiet cmake --build "$work/examples/$example/build" -j "$jobs"
   bin=$work/examples/$example/build/$example
-  "$bin" --help | grep -q "^usage: $example" || fail "$example --help"
+  grep -q "^usage: $example" <<<"$("$bin" --help)" || fail "$example --help"
   if grep -Eq "$src/(framework|host|network_traffic_interceptor|dwi_[a-z]+)/" \
     "$work/examples/$example/build/build.ninja"; then
     fail "$example build refers to the source tree"
@@ -122,7 +124,7 @@ if [ "$(id -u)" -eq 0 ] && command -v ip >/dev/null; then
   grep -Eq '^blocked out proto 17 198\.18\.5\.1:[0-9]+ -> 198\.18\.5\.2:7002$' "$work/blocked.txt" ||
     fail "block_list did not report the blocked datagrams: $(cat "$work/blocked.txt")"
   ! grep -q ':7001' "$work/blocked.txt" || fail "block_list blocked port 7001"
-  ! ip netns exec "$dut" iptables-save | grep -q 'nti:' || fail "block_list left rules behind"
+  ! grep -q 'nti:' <<<"$(ip netns exec "$dut" iptables-save)" || fail "block_list left rules behind"
 
   # stats_to_json writes one JSON line per harvested interval.
   ip netns exec "$dut" "$work/examples/stats_to_json/build/stats_to_json" --module "$module" \
