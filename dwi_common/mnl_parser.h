@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <unordered_map>
@@ -45,14 +46,30 @@ public:
     int ParseAttribute(const nlattr** table, const nlattr* attr) const;
 
 private:
+    // AttributeWalk is the state of one message's attribute walk: the table
+    // being filled, where the attribute after the last visited one starts,
+    // and where the message ends.
+    struct AttributeWalk {
+        const MnlParser* parser;
+        const nlattr** table;
+        const char* next;
+        const char* end;
+    };
+
     // MessageStep is the libmnl message callback; `data` is the parser.
     static int MessageStep(const nlmsghdr* nlh, void* data) noexcept;
     int HandleMessage(const nlmsghdr* nlh) const noexcept;
+    int StoreAttribute(const nlattr** table, const nlattr* attr) const;
+    // CheckFailed and CheckRejected trace a checker that threw or said no.
+    int CheckFailed(std::uint16_t type) const noexcept;
+    int CheckRejected() const noexcept;
 
     qor::ITracer* m_tracer;
     Callback m_callback;
     std::optional<unsigned long> m_maxType;
     const Checker* m_checker;
+    // m_tableMax is the maximum type, clamped to the 16 bits a type has.
+    std::uint16_t m_tableMax;
     // m_checks indexes m_checker's entries by attribute type up to the
     // highest checked type: one hash lookup per attribute costs more than
     // the rest of the walk.

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -214,6 +215,85 @@ TEST_F(MnlParserTest, OverrunningAttributeFailsTheMessage) {
     const auto errors = Errors();
     ASSERT_EQ(errors.size(), 1u);
     ExpectCannotProcess(errors[0]);
+}
+
+// How the last attribute meets the end of the message decides whether the
+// message is whole.
+struct MessageEndCase {
+    const char* name;
+    int extraBytes;            // bytes appended after the one U32 attribute
+    std::uint16_t lastLength;  // nla_len given to those bytes, when >= 4
+    bool padded;               // the buffer holds the message's padding
+    int result;
+    std::size_t delivered;
+    std::size_t errors;
+};
+
+class MnlParserMessageEndTest : public MnlParserTest,
+                                public ::testing::WithParamInterface<MessageEndCase> {};
+
+TEST_P(MnlParserMessageEndTest, AttributesMustCoverTheMessage) {
+    const MessageEndCase& c = GetParam();
+    Message message;
+    message.U32(NFQA_MARK, 7);
+    nlmsghdr* nlh = message.Header();
+    auto* extra = static_cast<char*>(mnl_nlmsg_get_payload_tail(nlh));
+    std::memset(extra, 0, c.extraBytes);
+    if (c.extraBytes >= 4) {
+        auto* attr = reinterpret_cast<nlattr*>(extra);
+        attr->nla_type = NFQA_PAYLOAD;
+        attr->nla_len = c.lastLength;
+    }
+    nlh->nlmsg_len += c.extraBytes;
+    auto buf = message.Bytes();
+    if (c.padded) {
+        buf.resize(MNL_ALIGN(buf.size()), 0);
+    }
+    MnlParser parser(m_tracer.Get(), Recorder(), kNfqueueMaxAttribute, &NfqueueAttributeChecker());
+    EXPECT_EQ(parser.Parse(buf.data(), buf.size(), 0, 0), c.result);
+    EXPECT_EQ(m_seqs.size(), c.delivered);
+    EXPECT_EQ(Errors().size(), c.errors);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ends, MnlParserMessageEndTest,
+    ::testing::Values(MessageEndCase{"AttributeEndsTheMessage", 0, 0, true, MNL_CB_OK, 1, 0},
+                      MessageEndCase{"UnalignedLastAttribute", 5, 5, true, MNL_CB_OK, 1, 0},
+                      MessageEndCase{"EmptyLastAttribute", 4, 4, true, MNL_CB_OK, 1, 0},
+                      MessageEndCase{"ThreeStrayBytes", 3, 0, true, -1, 0, 1},
+                      MessageEndCase{"LengthBelowHeader", 4, 3, true, -1, 0, 1},
+                      MessageEndCase{"LastAttributeRunsIntoThePadding", 5, 6, true, -1, 0, 1},
+                      // The kernel does not pad a packet's payload: the buffer ends with
+                      // the message. Stray bytes must not be read past it.
+                      MessageEndCase{"UnpaddedMessageEndsTheBuffer", 5, 5, false, MNL_CB_OK, 1, 0},
+                      MessageEndCase{"OneStrayByteEndsTheBuffer", 1, 0, false, -1, 0, 1},
+                      MessageEndCase{"TwoStrayBytesEndTheBuffer", 2, 0, false, -1, 0, 1}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(MnlParserTest, MessageWithoutRoomForItsHeaderOrAnAttributeIsBroken) {
+    for (const std::uint32_t length : {18u, 21u, 22u, 23u}) {
+        SCOPED_TRACE(length);
+        Message message;
+        message.Header()->nlmsg_len = length;
+        auto buf = message.Bytes();  // exactly `length` bytes: overreads show
+        MnlParser parser(m_tracer.Get(), Recorder(), kNfqueueMaxAttribute, nullptr);
+        EXPECT_EQ(parser.Parse(buf.data(), buf.size(), 0, 0), -1);
+        EXPECT_TRUE(m_seqs.empty());
+    }
+    EXPECT_EQ(Errors().size(), 4u);
+}
+
+TEST_F(MnlParserTest, TypeFlagsAreMaskedOff) {
+    const auto buf = Message()
+                         .U32(NFQA_MARK | NLA_F_NET_BYTEORDER, 3)
+                         .U32(NFQA_PACKET_HDR | NLA_F_NESTED, 1)
+                         .U32(kNfqueueMaxAttribute + 1, 9)
+                         .Bytes();
+    MnlParser parser(m_tracer.Get(), Recorder(), kNfqueueMaxAttribute, &NfqueueAttributeChecker());
+    EXPECT_EQ(parser.Parse(buf.data(), buf.size(), 0, 0), MNL_CB_OK);
+    ASSERT_EQ(m_tables.size(), 1u);
+    EXPECT_EQ(U32At(m_tables[0].data(), NFQA_MARK), 3u);
+    EXPECT_EQ(U32At(m_tables[0].data(), NFQA_PACKET_HDR), 1u);
 }
 
 TEST_F(MnlParserTest, RejectedAttributeStopsTheMessage) {
