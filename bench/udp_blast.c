@@ -1,7 +1,8 @@
-/* udp_blast: a bounded UDP flood and its sink, for the interception bench.
- *   udp_blast send <dst-ip> <port> <seconds> <payload-bytes>  prints "sent N"
- *   udp_blast sink <bind-ip> <port> <seconds>                 prints "received N"
- * Both stop at the time limit; the sink also on SIGINT/SIGTERM. */
+/* udp_blast: a bounded UDP flood and its sink, for the end-to-end benches.
+ *   udp_blast send <dst-ip> <port> <seconds> <payload-bytes> [pps]  prints "sent N"
+ *   udp_blast sink <bind-ip> <port> <seconds>                       prints "received N"
+ * The sender sends flat out, or paced at `pps` packets per second. Both stop
+ * at the time limit; the sink also on SIGINT/SIGTERM. */
 #define _GNU_SOURCE
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -47,7 +48,7 @@ static int Address(const char* ip, int port, struct sockaddr_storage* sa, sockle
     return -1;
 }
 
-static int Send(const char* ip, int port, double seconds, int payload) {
+static int Send(const char* ip, int port, double seconds, int payload, double pps) {
     struct sockaddr_storage sa;
     socklen_t len;
     const int family = Address(ip, port, &sa, &len);
@@ -65,9 +66,22 @@ static int Send(const char* ip, int port, double seconds, int payload) {
         msgs[i].msg_hdr.msg_iovlen = 1;
     }
     unsigned long long sent = 0;
-    const double end = Now() + seconds;
-    while (!g_stop && Now() < end) {
-        const int n = sendmmsg(fd, msgs, kBatch, 0);
+    const double start = Now();
+    const double end = start + seconds;
+    for (double now = start; !g_stop && now < end; now = Now()) {
+        int batch = kBatch;
+        if (pps > 0) {
+            /* As many as are due by now, so that a late wake-up catches up
+             * without a burst beyond one batch. */
+            const double due = pps * (now - start) - (double)sent;
+            if (due < 1) {
+                const struct timespec pause = {0, 20000};
+                nanosleep(&pause, NULL);
+                continue;
+            }
+            batch = due < kBatch ? (int)due : kBatch;
+        }
+        const int n = sendmmsg(fd, msgs, (unsigned)batch, 0);
         if (n > 0) {
             sent += (unsigned long long)n;
         }
@@ -121,14 +135,15 @@ int main(int argc, char** argv) {
     action.sa_handler = OnSignal;
     sigaction(SIGINT, &action, NULL);
     sigaction(SIGTERM, &action, NULL);
-    if (argc == 6 && strcmp(argv[1], "send") == 0) {
-        return Send(argv[2], atoi(argv[3]), atof(argv[4]), atoi(argv[5]));
+    if ((argc == 6 || argc == 7) && strcmp(argv[1], "send") == 0) {
+        return Send(argv[2], atoi(argv[3]), atof(argv[4]), atoi(argv[5]),
+                    argc == 7 ? atof(argv[6]) : 0);
     }
     if (argc == 5 && strcmp(argv[1], "sink") == 0) {
         return Sink(argv[2], atoi(argv[3]), atof(argv[4]));
     }
     fprintf(stderr,
-            "usage: udp_blast send <ip> <port> <seconds> <payload>\n"
+            "usage: udp_blast send <ip> <port> <seconds> <payload> [pps]\n"
             "       udp_blast sink <ip> <port> <seconds>\n");
     return 2;
 }

@@ -1,0 +1,117 @@
+#!/usr/bin/env bash
+# End-to-end connection statistics: the highest packet rate at which the
+# counts stay exact. A generator namespace sends UDP over a veth pair into a
+# "dut" namespace where `nti stats` counts through its NFLOG rules. For every
+# rate of a ladder, one fresh `nti stats` run counts one paced flow (a new
+# source port) and the script compares:
+#   arrived  packets the NFLOG input rule matched (its iptables counter)
+#   counted  packets the flow's intervals hold (nti stats --json)
+#   lost     NFLOG messages the listener missed (sequence gaps, receive
+#            buffer overruns: its level-500 traces)
+# A rate is exact when counted == arrived and nothing was lost.
+# Prints one line per rate and the highest exact rate.
+#
+# Usage: bench/stats_e2e.sh [build-dir]   (root, python3; default build/release)
+# Env: RATES ("5000 10000 20000 40000 80000 160000 0", 0 = flat out),
+#      STEP_SECONDS (3), PAYLOAD (18), NTI_CPU (1), TRAFFIC_CPU (0)
+set -euo pipefail
+
+BUILD=${1:-build/release}
+RATES=${RATES:-"5000 10000 20000 40000 80000 160000 0"}
+STEP_SECONDS=${STEP_SECONDS:-3}
+PAYLOAD=${PAYLOAD:-18}
+NTI_CPU=${NTI_CPU:-1}
+TRAFFIC_CPU=${TRAFFIC_CPU:-0}
+NTI=$BUILD/host/nti
+MODULE=$BUILD/network_traffic_interceptor/libnetwork_traffic_interceptor.so
+BLAST=$BUILD/bench/udp_blast
+for f in "$NTI" "$MODULE" "$BLAST"; do
+  [ -e "$f" ] || { echo "missing $f: cmake --preset release && cmake --build $BUILD" >&2; exit 1; }
+done
+command -v python3 >/dev/null || { echo "needs python3" >&2; exit 1; }
+
+GEN=nti-sbench-$$-gen
+DUT=nti-sbench-$$-dut
+WORK=$(mktemp -d /tmp/nti-sbench-XXXXXX)
+cleanup() {
+  for pid in $(jobs -p); do kill -KILL "$pid" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  ip netns del "$GEN" 2>/dev/null || true
+  ip netns del "$DUT" 2>/dev/null || true
+  [ -n "${KEEP_WORK:-}" ] && echo "kept $WORK" >&2 || rm -rf "$WORK"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+ip netns add "$GEN"
+ip netns add "$DUT"
+ip link add g0 netns "$GEN" type veth peer name d0 netns "$DUT"
+ip -n "$GEN" addr add 198.18.0.1/30 dev g0
+ip -n "$DUT" addr add 198.18.0.2/30 dev d0
+for ns in "$GEN" "$DUT"; do ip -n "$ns" link set lo up; done
+ip -n "$GEN" link set g0 up
+ip -n "$DUT" link set d0 up
+mac=$(ip -n "$DUT" -br link show d0 | awk '{print $3}')
+ip -n "$GEN" neigh replace 198.18.0.2 lladdr "$mac" dev g0 nud permanent
+
+in_dut() { ip netns exec "$DUT" "$@"; }
+
+# input_rule_packets: the packet counter of nti's NFLOG input rule, or
+# nothing while the rule is not there.
+input_rule_packets() {
+  in_dut iptables-save -c | sed -n 's/^\[\([0-9]*\):[0-9]*\] .*zolt_stats_in.*NFLOG.*/\1/p'
+}
+
+# step RATE: one nti stats run counting one flow at RATE packets per second.
+step() {
+  local rate=$1 out=$WORK/stats.$1 trace=$WORK/trace.$1 sink=$WORK/sink.$1
+  ip netns exec "$DUT" taskset -c "$NTI_CPU" "$NTI" --module "$MODULE" --state-dir "$WORK/state" \
+    --trace-level 500 --trace-file "$trace" stats --period 1 --json --ip6tables no --unregister \
+    --alignment registration >"$out" &
+  local nti=$!
+  for _ in $(seq 100); do [ -n "$(input_rule_packets)" ] && break; sleep 0.1; done
+  [ -n "$(input_rule_packets)" ] || { echo "nti stats did not install its rules" >&2; cat "$trace" >&2; exit 1; }
+  ip netns exec "$DUT" taskset -c "$TRAFFIC_CPU" "$BLAST" sink 198.18.0.2 5000 $((STEP_SECONDS + 1)) >"$sink" &
+  local sinkPid=$!
+  for _ in $(seq 100); do grep -q ready "$sink" && break; sleep 0.1; done
+  local before sent arrived
+  before=$(input_rule_packets)
+  sent=$(ip netns exec "$GEN" taskset -c "$TRAFFIC_CPU" "$BLAST" send 198.18.0.2 5000 "$STEP_SECONDS" \
+    "$PAYLOAD" "$rate" | awk '{print $2}')
+  wait "$sinkPid" || true
+  arrived=$(($(input_rule_packets) - before))
+  # Two periods for the last interval to close and be printed.
+  sleep 2.5
+  kill -TERM "$nti"
+  wait "$nti" || true
+  local counted lost overruns
+  counted=$(python3 - "$out" <<'EOF'
+import json, sys
+total = 0
+for line in open(sys.argv[1]):
+    line = line.strip()
+    if line.startswith("{"):
+        for c in json.loads(line)["connections"]:
+            if c.get("localPort") == 5000 and c.get("protocol") == 17:
+                total += c["packetsReceived"]
+print(total)
+EOF
+)
+  lost=$(sed -n 's/.*lost \([0-9]*\) log messages.*/\1/p' "$trace" | awk '{s += $1} END {print s + 0}')
+  overruns=$(grep -c 'receive buffer overrun' "$trace" || true)
+  local exact=no
+  [ "$counted" -eq "$arrived" ] && [ "$lost" -eq 0 ] && [ "$overruns" -eq 0 ] && exact=yes
+  printf '%s %s %s %s %s %s %s %s\n' "${rate/#0/max}" "$((arrived / STEP_SECONDS))" "$sent" \
+    "$arrived" "$counted" "$lost" "$overruns" "$exact"
+}
+
+echo "# ${STEP_SECONDS}s per rate, ${PAYLOAD}-byte UDP payloads, nti on CPU $NTI_CPU, traffic on CPU $TRAFFIC_CPU"
+echo "# rate arrived_pps sent arrived counted lost overruns exact"
+best=0
+for rate in $RATES; do
+  line=$(step "$rate")
+  echo "$line"
+  set -- $line
+  [ "$8" = yes ] && [ "$2" -gt "$best" ] && best=$2
+done
+echo "highest exact rate: $best packets/s"
