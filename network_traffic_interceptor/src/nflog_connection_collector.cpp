@@ -1,6 +1,7 @@
 #include "network_traffic_interceptor/src/nflog_connection_collector.h"
 
 #include <arpa/inet.h>
+#include <endian.h>
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nfnetlink_log.h>
 
@@ -29,9 +30,11 @@ constexpr std::uint64_t kIpv6FixedHeaderSize = 40;
 
 enum class Direction { Undecided, In, Out };
 
-// Golden-ratio hash-combine over 64-bit words.
-inline void HashCombine(std::size_t& seed, std::uint64_t value) noexcept {
-    seed ^= value + 0x9e3779b97f4a7c15ULL + (seed << 12) + (seed >> 4);
+// Mix folds one 64-bit word into the hash: a multiply spreads every input bit
+// over the high half, the shift brings it back down.
+inline void Mix(std::uint64_t& hash, std::uint64_t word) noexcept {
+    hash = (hash ^ word) * 0x9e3779b97f4a7c15ULL;
+    hash ^= hash >> 29;
 }
 
 inline std::uint64_t MacWord(const std::optional<Mac48>& mac) noexcept {
@@ -39,22 +42,19 @@ inline std::uint64_t MacWord(const std::optional<Mac48>& mac) noexcept {
         return 0;
     }
     std::uint64_t word = 0;
-    for (const std::uint8_t byte : *mac) {
-        word = (word << 8) | byte;
-    }
+    std::memcpy(&word, mac->data(), mac->size());
     return word | (1ULL << 48);
 }
 
-inline void HashIp(std::size_t& seed, const std::optional<IpAddress>& ip) noexcept {
+inline void MixIp(std::uint64_t& hash, const std::optional<IpAddress>& ip) noexcept {
     if (!ip) {
-        HashCombine(seed, 0);
+        Mix(hash, 0);
         return;
     }
     std::uint64_t words[2];
     std::memcpy(words, ip->bytes.data(), sizeof(words));
-    HashCombine(seed, words[0]);
-    HashCombine(seed, words[1]);
-    HashCombine(seed, ip->version);
+    Mix(hash, words[0] ^ ip->version);
+    Mix(hash, words[1]);
 }
 
 inline std::uint64_t PortWord(const std::optional<std::uint16_t>& port) noexcept {
@@ -65,9 +65,13 @@ inline std::uint64_t PortWord(const std::optional<std::uint16_t>& port) noexcept
 IpAddress ToIp(unsigned __int128 address, std::uint8_t version) noexcept {
     IpAddress ip;
     ip.version = version;
-    const std::size_t length = version == 4 ? 4 : 16;
-    for (std::size_t i = 0; i < length; ++i) {
-        ip.bytes[length - 1 - i] = static_cast<std::uint8_t>(address >> (8 * i));
+    if (version == 4) {
+        const std::uint32_t word = htonl(static_cast<std::uint32_t>(address));
+        std::memcpy(ip.bytes.data(), &word, sizeof(word));
+    } else {
+        const std::uint64_t words[2] = {htobe64(static_cast<std::uint64_t>(address >> 64)),
+                                        htobe64(static_cast<std::uint64_t>(address))};
+        std::memcpy(ip.bytes.data(), words, sizeof(words));
     }
     return ip;
 }
@@ -128,15 +132,16 @@ void WriteIp(qor::trace::TraceRecord& r, const std::optional<IpAddress>& ip) noe
 }  // namespace
 
 std::size_t ConnectionKeyHash::operator()(const ConnectionKey& key) const noexcept {
-    std::size_t seed = 0;
-    HashCombine(seed, key.etherType ? (1ULL << 16) | *key.etherType : 0);
-    HashCombine(seed, MacWord(key.localMac));
-    HashCombine(seed, MacWord(key.remoteMac));
-    HashCombine(seed, (static_cast<std::uint64_t>(key.ifindex) << 8) | key.ipProto);
-    HashIp(seed, key.localIp);
-    HashIp(seed, key.remoteIp);
-    HashCombine(seed, (PortWord(key.localPort) << 32) | PortWord(key.remotePort));
-    return seed;
+    std::uint64_t hash = 0;
+    Mix(hash, (key.etherType ? (1ULL << 16) | *key.etherType : 0) |
+                  (static_cast<std::uint64_t>(key.ipProto) << 24) |
+                  (static_cast<std::uint64_t>(key.ifindex) << 32));
+    Mix(hash, MacWord(key.localMac));
+    Mix(hash, MacWord(key.remoteMac));
+    MixIp(hash, key.localIp);
+    MixIp(hash, key.remoteIp);
+    Mix(hash, (PortWord(key.localPort) << 32) | PortWord(key.remotePort));
+    return hash;
 }
 
 qor::trace::TraceRecord& operator<<(qor::trace::TraceRecord& r, const ConnectionKey& key) noexcept {

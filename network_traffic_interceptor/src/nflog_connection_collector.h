@@ -9,6 +9,8 @@
 #include <optional>
 #include <unordered_map>
 
+#include <boost/unordered_map.hpp>
+
 #include "dwi/firewall/rules.h"
 #include "dwi/firewall/services.h"
 #include "dwi/nflog/nflog.h"
@@ -45,7 +47,8 @@ struct ConnectionKey {
     friend bool operator==(const ConnectionKey&, const ConnectionKey&) = default;
 };
 
-// ConnectionKeyHash is a golden-ratio hash-combine over every key field.
+// ConnectionKeyHash mixes every key field, packed into 64-bit words, with a
+// multiply and a shift per word.
 struct ConnectionKeyHash {
     std::size_t operator()(const ConnectionKey& key) const noexcept;
 };
@@ -68,7 +71,9 @@ struct TrafficCounters {
 };
 
 // ConnectionMap holds the counters of every connection seen in one period.
-using ConnectionMap = std::unordered_map<ConnectionKey, TrafficCounters, ConnectionKeyHash>;
+// Boost's map keeps a power-of-two bucket count (and mixes the hash itself),
+// where std::unordered_map divides by a prime for every lookup.
+using ConnectionMap = boost::unordered_map<ConnectionKey, TrafficCounters, ConnectionKeyHash>;
 
 // Diagnostic dumps: {"field":value, ...} with MACs and addresses as text.
 qor::trace::TraceRecord& operator<<(qor::trace::TraceRecord& r, const ConnectionKey& key) noexcept;
