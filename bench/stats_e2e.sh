@@ -2,18 +2,19 @@
 # End-to-end connection statistics: the highest packet rate at which the
 # counts stay exact. A generator namespace sends UDP over a veth pair into a
 # "dut" namespace where `nti stats` counts through its NFLOG rules. For every
-# rate of a ladder, one fresh `nti stats` run counts one paced flow (a new
-# source port) and the script compares:
+# rate of a ladder, one fresh `nti stats` run counts SENDERS paced flows (new
+# source ports) and the script compares:
 #   arrived  packets the NFLOG input rule matched (its iptables counter)
-#   counted  packets the flow's intervals hold (nti stats --json)
+#   counted  packets the flows' intervals hold (nti stats --json)
 #   lost     NFLOG messages the listener missed (sequence gaps, receive
 #            buffer overruns: its level-500 traces)
 # A rate is exact when counted == arrived and nothing was lost.
 # Prints one line per rate and the highest exact rate.
 #
-# Usage: bench/stats_e2e.sh [build-dir]   (root, python3; default build/release)
+# Usage: bench/stats_e2e.sh [build-dir]   (root, python3, bc; default build/release)
 # Env: RATES ("5000 10000 20000 40000 80000 160000 0", 0 = flat out),
-#      STEP_SECONDS (3), PAYLOAD (18), NTI_CPU (1), TRAFFIC_CPU (0)
+#      STEP_SECONDS (3), PAYLOAD (18), NTI_CPU (1), TRAFFIC_CPU (0),
+#      SENDERS (1; more senders take the CPUs after TRAFFIC_CPU in turn)
 set -euo pipefail
 
 BUILD=${1:-build/release}
@@ -22,13 +23,16 @@ STEP_SECONDS=${STEP_SECONDS:-3}
 PAYLOAD=${PAYLOAD:-18}
 NTI_CPU=${NTI_CPU:-1}
 TRAFFIC_CPU=${TRAFFIC_CPU:-0}
+SENDERS=${SENDERS:-1}
 NTI=$BUILD/host/nti
 MODULE=$BUILD/network_traffic_interceptor/libnetwork_traffic_interceptor.so
 BLAST=$BUILD/bench/udp_blast
 for f in "$NTI" "$MODULE" "$BLAST"; do
   [ -e "$f" ] || { echo "missing $f: cmake --preset release && cmake --build $BUILD" >&2; exit 1; }
 done
-command -v python3 >/dev/null || { echo "needs python3" >&2; exit 1; }
+for tool in python3 bc; do
+  command -v "$tool" >/dev/null || { echo "needs $tool" >&2; exit 1; }
+done
 
 GEN=nti-sbench-$$-gen
 DUT=nti-sbench-$$-dut
@@ -62,7 +66,8 @@ input_rule_packets() {
   in_dut iptables-save -c | sed -n 's/^\[\([0-9]*\):[0-9]*\] .*zolt_stats_in.*NFLOG.*/\1/p'
 }
 
-# step RATE: one nti stats run counting one flow at RATE packets per second.
+# step RATE: one nti stats run counting SENDERS flows that send RATE packets
+# per second together.
 step() {
   local rate=$1 out=$WORK/stats.$1 trace=$WORK/trace.$1 sink=$WORK/sink.$1
   ip netns exec "$DUT" taskset -c "$NTI_CPU" "$NTI" --module "$MODULE" --state-dir "$WORK/state" \
@@ -76,8 +81,15 @@ step() {
   for _ in $(seq 100); do grep -q ready "$sink" && break; sleep 0.1; done
   local before sent arrived
   before=$(input_rule_packets)
-  sent=$(ip netns exec "$GEN" taskset -c "$TRAFFIC_CPU" "$BLAST" send 198.18.0.2 5000 "$STEP_SECONDS" \
-    "$PAYLOAD" "$rate" | awk '{print $2}')
+  # SENDERS flows share the rate; the second one runs on the other CPU.
+  local senders=() i
+  for i in $(seq "$SENDERS"); do
+    ip netns exec "$GEN" taskset -c $(((TRAFFIC_CPU + i - 1) % $(nproc))) "$BLAST" send 198.18.0.2 \
+      5000 "$STEP_SECONDS" "$PAYLOAD" "$(echo "$rate / $SENDERS" | bc -l)" >"$WORK/sent.$rate.$i" &
+    senders+=($!)
+  done
+  wait "${senders[@]}"
+  sent=$(cat "$WORK"/sent."$rate".* | awk '{s += $2} END {print s}')
   wait "$sinkPid" || true
   arrived=$(($(input_rule_packets) - before))
   # Two periods for the last interval to close and be printed.
@@ -105,7 +117,7 @@ EOF
     "$arrived" "$counted" "$lost" "$overruns" "$exact"
 }
 
-echo "# ${STEP_SECONDS}s per rate, ${PAYLOAD}-byte UDP payloads, nti on CPU $NTI_CPU, traffic on CPU $TRAFFIC_CPU"
+echo "# ${STEP_SECONDS}s per rate, ${PAYLOAD}-byte UDP payloads, $SENDERS sender(s), nti on CPU $NTI_CPU, traffic from CPU $TRAFFIC_CPU"
 echo "# rate arrived_pps sent arrived counted lost overruns exact"
 best=0
 for rate in $RATES; do
