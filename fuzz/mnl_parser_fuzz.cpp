@@ -56,8 +56,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const dwi::tools::MnlParser parser(tracer.Get(), OnPacket,
                                               dwi::network_interceptor::kNfqueueMaxAttribute,
                                               &dwi::network_interceptor::NfqueueAttributeChecker());
-    // A receive buffer is aligned; an exact-size copy keeps overreads visible.
-    const auto buf = std::make_unique_for_overwrite<std::uint32_t[]>(size / 4 + 1);
+    // A receive buffer is aligned (the heap's alignment here) and ends where
+    // the last message ends, padded or not: a copy of exactly `size` bytes
+    // keeps every read past the buffer visible, into the padding too.
+    const auto buf = std::make_unique_for_overwrite<std::uint8_t[]>(size);
     std::memcpy(buf.get(), data, size);
     parser.Parse(buf.get(), size, 0, 0);
     return 0;
