@@ -1,7 +1,6 @@
 #include "network_traffic_interceptor/src/nflog_connection_collector.h"
 
 #include <arpa/inet.h>
-#include <endian.h>
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nfnetlink_log.h>
 
