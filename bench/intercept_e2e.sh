@@ -28,31 +28,8 @@ for f in "$NTI" "$MODULE" "$BLAST" "$PEER"; do
   [ -e "$f" ] || { echo "missing $f: cmake --preset release && cmake --build $BUILD" >&2; exit 1; }
 done
 
-GEN=nti-bench-$$-gen
-DUT=nti-bench-$$-dut
-WORK=$(mktemp -d /tmp/nti-bench-XXXXXX)
-cleanup() {
-  # Only this shell's jobs that still run.
-  for pid in $(jobs -p); do kill -KILL "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  ip netns del "$GEN" 2>/dev/null || true
-  ip netns del "$DUT" 2>/dev/null || true
-  [ -n "${KEEP_WORK:-}" ] && echo "kept $WORK" >&2 || rm -rf "$WORK"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
-ip netns add "$GEN"
-ip netns add "$DUT"
-ip link add g0 netns "$GEN" type veth peer name d0 netns "$DUT"
-ip -n "$GEN" addr add 198.18.0.1/30 dev g0
-ip -n "$DUT" addr add 198.18.0.2/30 dev d0
-for ns in "$GEN" "$DUT"; do ip -n "$ns" link set lo up; done
-ip -n "$GEN" link set g0 up
-ip -n "$DUT" link set d0 up
-# A fixed neighbour entry keeps ARP out of the measurement.
-mac=$(ip -n "$DUT" -br link show d0 | awk '{print $3}')
-ip -n "$GEN" neigh replace 198.18.0.2 lladdr "$mac" dev g0 nud permanent
+source "$(dirname "$0")/netns_pair.sh"
+netns_pair_setup bench
 
 in_dut() { ip netns exec "$DUT" "$@"; }
 in_gen() { ip netns exec "$GEN" "$@"; }

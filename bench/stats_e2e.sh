@@ -34,29 +34,8 @@ for tool in python3 bc; do
   command -v "$tool" >/dev/null || { echo "needs $tool" >&2; exit 1; }
 done
 
-GEN=nti-sbench-$$-gen
-DUT=nti-sbench-$$-dut
-WORK=$(mktemp -d /tmp/nti-sbench-XXXXXX)
-cleanup() {
-  for pid in $(jobs -p); do kill -KILL "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  ip netns del "$GEN" 2>/dev/null || true
-  ip netns del "$DUT" 2>/dev/null || true
-  [ -n "${KEEP_WORK:-}" ] && echo "kept $WORK" >&2 || rm -rf "$WORK"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
-ip netns add "$GEN"
-ip netns add "$DUT"
-ip link add g0 netns "$GEN" type veth peer name d0 netns "$DUT"
-ip -n "$GEN" addr add 198.18.0.1/30 dev g0
-ip -n "$DUT" addr add 198.18.0.2/30 dev d0
-for ns in "$GEN" "$DUT"; do ip -n "$ns" link set lo up; done
-ip -n "$GEN" link set g0 up
-ip -n "$DUT" link set d0 up
-mac=$(ip -n "$DUT" -br link show d0 | awk '{print $3}')
-ip -n "$GEN" neigh replace 198.18.0.2 lladdr "$mac" dev g0 nud permanent
+source "$(dirname "$0")/netns_pair.sh"
+netns_pair_setup sbench
 
 in_dut() { ip netns exec "$DUT" "$@"; }
 
