@@ -23,6 +23,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/intercept_options.h"
 #include "host/commands/packet_summary.h"
+#include "host/exit_signals.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/result.h"
 
@@ -238,14 +239,13 @@ public:
         }
         const std::uint64_t seen = ++m_seen;
         if (m_settings.count != 0 && seen == m_settings.count) {
-            const std::uint64_t one = 1;
-            [[maybe_unused]] const ssize_t n =
-                ::write(m_settings.countReachedFd, &one, sizeof(one));
+            WakeWaiter();
         }
         return qor::errors::kOk;
     }
 
     std::uint64_t Seen() const { return m_seen; }
+    bool OutputClosed() const { return m_outputClosed; }
     std::uint64_t PerQueue(std::uint32_t queue) const { return m_perQueue[queue]; }
     std::uint64_t Verdicts(Verdict v) const { return m_verdicts[static_cast<std::size_t>(v)]; }
 
@@ -318,7 +318,16 @@ private:
                     VerdictName(static_cast<std::uint32_t>(verdict)) + "\n";
         }
         std::fwrite(line.data(), 1, line.size(), stdout);
-        std::fflush(stdout);
+        // SIGPIPE is ignored: a reader that went away (EPIPE) ends the run
+        // through the same cleanup as a signal.
+        if (std::fflush(stdout) != 0 && !m_outputClosed.exchange(true)) {
+            WakeWaiter();
+        }
+    }
+
+    void WakeWaiter() {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t n = ::write(m_settings.countReachedFd, &one, sizeof(one));
     }
 
     Settings m_settings;
@@ -326,6 +335,7 @@ private:
     std::atomic<Delayed*> m_delayed{nullptr};
     InterfaceNames m_names;
     std::atomic<std::uint64_t> m_seen{0};
+    std::atomic<bool> m_outputClosed{false};
     std::atomic<std::uint64_t> m_rewritten{0};
     std::array<std::atomic<std::uint64_t>, 3> m_perQueue{};
     std::array<std::atomic<std::uint64_t>, 4> m_verdicts{};
@@ -364,7 +374,7 @@ const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
         if (n > 0 && (fds[0].revents & POLLIN) != 0) {
             signalfd_siginfo info{};
             [[maybe_unused]] const ssize_t r = ::read(signalFd, &info, sizeof(info));
-            return info.ssi_signo == SIGINT ? "SIGINT" : "SIGTERM";
+            return ExitSignalName(info.ssi_signo);
         }
         if (n > 0 && (fds[1].revents & POLLIN) != 0) {
             return "count";
@@ -450,16 +460,7 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
 
     // Signals arrive through a descriptor; every thread started from here on
     // inherits the mask.
-    // A shell starts background jobs with SIGINT ignored; an ignored signal
-    // never reaches the descriptor.
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    Fd signalFd{::signalfd(-1, &signals, SFD_CLOEXEC)};
+    Fd signalFd{OpenExitSignalFd()};
     Fd countFd{::eventfd(0, EFD_CLOEXEC)};
     if (signalFd.fd < 0 || countFd.fd < 0) {
         std::perror("nti intercept: signalfd/eventfd");
@@ -522,6 +523,9 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
         std::fprintf(stderr, "nti intercept: intercepting on queues %u-%u with tag %s\n",
                      firstQueue, firstQueue + 1u, o.tag.c_str());
         reason = WaitForEnd(signalFd.fd, countFd.fd, o.duration);
+        if (consumer->OutputClosed()) {
+            reason = "closed output";
+        }
     } else {
         std::fprintf(stderr, "nti intercept: the firewall rules were not installed\n");
         exitCode = kExitFailure;

@@ -14,6 +14,7 @@
 
 #include "host/commands/commands.h"
 #include "host/commands/stats_format.h"
+#include "host/exit_signals.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/result.h"
 
@@ -140,12 +141,7 @@ struct SignalFd {
 int Run(const StatsSettings& s, const StatsOptions& o) {
     // Signals arrive through a descriptor; the host threads started below
     // inherit the mask.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    const SignalFd signalFd{signalfd(-1, &signals, SFD_CLOEXEC)};
+    const SignalFd signalFd{OpenExitSignalFd()};
     if (signalFd.fd < 0) {
         std::perror("nti stats: signalfd");
         return kExitFailure;
@@ -210,6 +206,11 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
                 break;
             }
             printer.Print(intervals, false);
+            // SIGPIPE is ignored: a reader that went away ends the run here,
+            // so the collector is still unregistered and its interval saved.
+            if (std::fflush(stdout) != 0) {
+                break;
+            }
         }
         if (o.unregister) {
             counters->UnregisterCollector(o.id);
@@ -241,11 +242,12 @@ CommandRunner AddStatsCommand(CLI::App& app) {
                     "epoch, or registration: the first interval holds only traffic after the "
                     "collector was registered")
         ->capture_default_str();
-    sub->add_option("--intervals", o.intervals,
-                    "Stop after printing this many new intervals (default: at SIGINT/SIGTERM)");
+    sub->add_option(
+        "--intervals", o.intervals,
+        "Stop after printing this many new intervals (default: at SIGINT/SIGTERM/SIGHUP/SIGQUIT)");
     sub->add_flag("--json", o.json, "One JSON object per interval and line");
     sub->add_flag("--no-read", o.noRead,
-                  "Count without printing until SIGINT/SIGTERM: every interval is saved for the "
+                  "Count without printing until an ending signal: every interval is saved for the "
                   "next run");
     sub->add_flag("--unregister", o.unregister,
                   "Unregister the collector at the end: unread intervals are dropped, not saved");

@@ -247,28 +247,32 @@ TEST_F(InterceptTest, TwoInterceptionsWithTheirOwnTagsRunSideBySide) {
     EXPECT_EQ(Count(b->OutputLines(), {"\"dport\":5000"}), 0u);
 }
 
-TEST_F(InterceptTest, StopUnderTrafficLeavesNoRuleAndNoBoundQueue) {
+TEST_F(InterceptTest, EachEndingSignalUnderTrafficLeavesNoRuleAndNoBoundQueue) {
     auto sink = Sink(5000);
     auto sender = Sender();
-    auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--quiet"});
-    std::atomic<bool> stop{false};
-    std::thread traffic([&] {
-        const auto end = Clock::now() + 5s;
-        for (int i = 0; i < 20000 && !stop && Clock::now() < end; ++i) {
-            sender->SendTo(NetnsPair::kDut4, 5000, "x");
-            std::this_thread::sleep_for(200us);
+    for (const auto& [signo, name] : {std::pair{SIGTERM, "SIGTERM"}, std::pair{SIGINT, "SIGINT"},
+                                      std::pair{SIGHUP, "SIGHUP"}, std::pair{SIGQUIT, "SIGQUIT"}}) {
+        auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--quiet"});
+        std::atomic<bool> stop{false};
+        std::thread traffic([&] {
+            const auto end = Clock::now() + 5s;
+            for (int i = 0; i < 20000 && !stop && Clock::now() < end; ++i) {
+                sender->SendTo(NetnsPair::kDut4, 5000, "x");
+                std::this_thread::sleep_for(200us);
+            }
+        });
+        std::this_thread::sleep_for(300ms);
+        nti->Signal(signo);
+        const int exitCode = nti->Wait(10s);
+        stop = true;
+        traffic.join();
+        ASSERT_EQ(exitCode, 0) << name << nti->Error();
+        for (const char* save : {"iptables-save", "ip6tables-save"}) {
+            EXPECT_EQ(DutSave(save).find("\"nti:"), std::string::npos) << name << save;
         }
-    });
-    std::this_thread::sleep_for(300ms);
-    const int exitCode = Stop(*nti);
-    stop = true;
-    traffic.join();
-    ASSERT_EQ(exitCode, 0) << nti->Error();
-    for (const char* save : {"iptables-save", "ip6tables-save"}) {
-        EXPECT_EQ(DutSave(save).find("\"nti:"), std::string::npos) << save;
+        EXPECT_EQ(DutBoundQueues(), "") << name;
+        EXPECT_EQ(Count(nti->OutputLines(), {std::string("stopped by ") + name}), 1u);
     }
-    EXPECT_EQ(DutBoundQueues(), "");
-    EXPECT_EQ(Count(nti->OutputLines(), {"stopped by SIGTERM"}), 1u);
 }
 
 TEST_F(InterceptTest, RulesOfAKilledRunAreRemovedByTheNextStart) {
