@@ -5,7 +5,8 @@ cd "$(dirname "$0")/.."
 source scripts/deps.sh
 nti_install_deps
 cmake --preset release >/dev/null
-cmake --build --preset release
+# The demo needs nti and the module only, not the tests and benchmarks.
+cmake --build --preset release --target nti network_traffic_interceptor
 sudo_cmd=""
 if [ "$(id -u)" -ne 0 ]; then
   sudo_cmd="sudo"

@@ -5,7 +5,7 @@ NTI_PACKAGES=(
   clang libclang-rt-14-dev
   libmnl-dev libboost-dev libcli11-dev libsqlite3-dev libcbor-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev libnetfilter-queue-dev
-  iptables iproute2 iputils-ping conntrack kmod libcap2-bin
+  iptables iproute2 iputils-ping conntrack kmod libcap2-bin sqlite3 file
 )
 
 nti_install_deps() {
