@@ -26,6 +26,9 @@ int RunCommand(const std::vector<std::string>& argv, std::string* output) {
         args.push_back(const_cast<char*>(a.c_str()));
     }
     args.push_back(nullptr);
+    // Built before the fork: the child may only make async-signal-safe calls.
+    const std::string notFound = argv[0] + ": not found (is it installed?)\n";
+    const std::string cannotRun = argv[0] + ": cannot be run\n";
     const pid_t pid = fork();
     if (pid < 0) {
         close(pipeFds[0]);
@@ -40,6 +43,9 @@ int RunCommand(const std::vector<std::string>& argv, std::string* output) {
             dup2(devnull, STDIN_FILENO);
         }
         execvp(args[0], args.data());
+        // Without this the caller's message would end in an empty reason.
+        const std::string& why = errno == ENOENT ? notFound : cannotRun;
+        [[maybe_unused]] const ssize_t n = write(STDERR_FILENO, why.data(), why.size());
         _exit(127);
     }
     close(pipeFds[1]);
