@@ -1,8 +1,6 @@
 // nti intercept: queue the traffic a filter selects, print and answer it.
 #include <net/if.h>
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -12,7 +10,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <deque>

@@ -1,7 +1,6 @@
 // nti stats: per-connection traffic statistics from the module's
 // ConnectionCounters, printed interval by interval.
 #include <poll.h>
-#include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
