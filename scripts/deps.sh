@@ -6,6 +6,7 @@ NTI_PACKAGES=(
   libmnl-dev libboost-dev libcli11-dev libsqlite3-dev libcbor-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev libnetfilter-queue-dev
   iptables iproute2 iputils-ping conntrack kmod libcap2-bin sqlite3 file
+  debootstrap
 )
 
 nti_install_deps() {
