@@ -2,9 +2,7 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
-#include <string>
-#include <string_view>
+#include "host/process.h"
 
 namespace nti::host {
 
@@ -12,17 +10,7 @@ bool DetectIp6tables() {
     if (access("/proc/net/if_inet6", R_OK) != 0) {
         return false;
     }
-    const char* path = std::getenv("PATH");
-    std::string_view dirs = path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin";
-    while (!dirs.empty()) {
-        const auto colon = dirs.find(':');
-        const std::string dir(dirs.substr(0, colon));
-        if (!dir.empty() && access((dir + "/ip6tables").c_str(), X_OK) == 0) {
-            return true;
-        }
-        dirs = colon == std::string_view::npos ? std::string_view{} : dirs.substr(colon + 1);
-    }
-    return false;
+    return ProgramInPath("ip6tables");
 }
 
 qor::result_t IptablesInfoProvider::GetIptablesInfo(std::uint32_t* info) noexcept {

@@ -11,11 +11,27 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <utility>
 
 extern char** environ;
 
 namespace nti::host {
+
+bool ProgramInPath(std::string_view name) {
+    const char* path = std::getenv("PATH");
+    std::string_view dirs = path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin";
+    while (!dirs.empty()) {
+        const auto colon = dirs.find(':');
+        const std::string dir(dirs.substr(0, colon));
+        if (!dir.empty() && access((dir + "/" + std::string(name)).c_str(), X_OK) == 0) {
+            return true;
+        }
+        dirs = colon == std::string_view::npos ? std::string_view{} : dirs.substr(colon + 1);
+    }
+    return false;
+}
+
 namespace {
 
 class Fd {

@@ -25,4 +25,8 @@ qor::result_t RunProcess(const std::vector<std::string>& argv, std::string_view 
                          ProcessOutput& output,
                          std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
+// ProgramInPath is true when `name` is an executable file in a directory of
+// PATH (the usual system directories when PATH is unset).
+[[nodiscard]] bool ProgramInPath(std::string_view name);
+
 }  // namespace nti::host

@@ -21,12 +21,14 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "host/commands/commands.h"
 #include "host/commands/stats_format.h"
 #include "host/demo/traffic.h"
 #include "host/netns.h"
+#include "host/process.h"
 #include "network_traffic_interceptor/connection_counters.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "network_traffic_interceptor/packet.h"
@@ -187,6 +189,17 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
     if (!HasNetAdmin()) {
         std::fprintf(stderr, "nti demo: needs root or CAP_NET_ADMIN to make network namespaces\n");
         return kExitUsage;
+    }
+    // Checked first: a missing program would otherwise show only as a failed
+    // step or check without a reason.
+    static constexpr std::pair<const char*, const char*> kPrograms[] = {
+        {"ip", "iproute2"}, {"ping", "iputils-ping"}, {"iptables-restore", "iptables"}};
+    for (const auto& [program, package] : kPrograms) {
+        if (!ProgramInPath(program)) {
+            std::fprintf(stderr, "nti demo: needs %s (Debian package %s), not found in PATH\n",
+                         program, package);
+            return kExitFailure;
+        }
     }
     struct sigaction action {};
     action.sa_handler = &OnDemoSignal;

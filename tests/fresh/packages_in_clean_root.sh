@@ -26,6 +26,7 @@ echo "== clean root from $mirror"
 debootstrap --variant=minbase bookworm "$root" "$mirror" >"$work/debootstrap.log" 2>&1 ||
   { tail -n 20 "$work/debootstrap.log" >&2; exit 1; }
 cp /etc/resolv.conf "$root/etc/resolv.conf" 2>/dev/null || true
+rm -f "$root/etc/apt/sources.list"
 cp -a /etc/apt/sources.list* "$root/etc/apt/" 2>/dev/null || true
 mkdir -p "$root/root/deb" "$root/root/examples"
 cp build/package/deb/*.deb "$root/root/deb/"
@@ -36,6 +37,8 @@ cp -r examples/. "$root/root/examples/"
 unshare -m bash -euo pipefail -c '
   R=$1
   mount --make-rprivate /
+  # `ip netns exec` remounts / as a slave: the root must be a mount point.
+  mount --bind "$R" "$R"
   mount -t proc proc "$R/proc"
   mount --rbind /sys "$R/sys"
   mount --rbind /dev "$R/dev"

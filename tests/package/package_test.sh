@@ -36,7 +36,8 @@ rm -rf "$prefix"
 quiet cmake --install "$release" --prefix "$prefix"
 libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$release/CMakeCache.txt")
 module=$prefix/$libdir/libnetwork_traffic_interceptor.so
-for f in "$prefix/bin/nti" "$module" "$prefix/share/man/man1/nti.1" \
+[ "$libdir" = "lib/$(gcc -print-multiarch)" ] || fail "libdir $libdir is not the multiarch directory"
+for f in "$prefix/bin/nti" "$module" "$prefix/share/man/man1/nti.1.gz" \
   "$prefix/$libdir/libnti_host.a" "$prefix/$libdir/pkgconfig/network_traffic_interceptor.pc" \
   "$prefix/$libdir/cmake/NetworkTrafficInterceptor/NetworkTrafficInterceptorConfig.cmake" \
   "$prefix/include/network_traffic_interceptor/network_traffic_interceptor/network_interceptor.h" \
@@ -142,18 +143,44 @@ else
   echo "skipped: needs root and iproute2"
 fi
 
-step "Debian package"
-rm -rf "$work/deb" "$work/root"
+step "Debian packages"
+rm -rf "$work/deb"
 quiet cpack --config "$release/CPackConfig.cmake" -G DEB -B "$work/deb"
-deb=$(ls "$work"/deb/*.deb)
-depends=$(dpkg-deb -f "$deb" Depends)
-for dep in libc6 libstdc++6 libsystemd0 iptables; do
-  grep -q "\b$dep\b" <<<"$depends" || fail "Depends lacks $dep: $depends"
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$release/CMakeCache.txt")
+name=network-traffic-interceptor
+so=usr/$libdir/libnetwork_traffic_interceptor.so
+# package | Depends it must name (comma-separated, versions apart from the
+# -dev package's own one ignored) | files it must hold | what it must not hold
+packages=(
+  "$name|libc6,libstdc++6,libsystemd0,libmnl0,libsqlite3-0,iptables,iproute2,iputils-ping|usr/bin/nti $so $so.0
+   usr/share/man/man1/nti.1.gz usr/share/doc/$name/copyright|usr/include usr/$libdir/pkgconfig"
+  "$name-dev|$name (= $version),libsqlite3-dev,libmnl-dev,libsystemd-dev,libboost[0-9.]*-dev,pkgconf|usr/$libdir/libnti_host.a
+   usr/$libdir/cmake/NetworkTrafficInterceptor/NetworkTrafficInterceptorConfig.cmake
+   usr/$libdir/pkgconfig/network_traffic_interceptor.pc usr/include/network_traffic_interceptor/qor/object.h
+   usr/share/doc/$name-dev/copyright|usr/bin $so"
+)
+for entry in "${packages[@]}"; do
+  IFS='|' read -r package wanted present absent <<<"${entry//$'\n'/ }"
+  deb=$work/deb/${package}_${version}_$(dpkg --print-architecture).deb
+  [ -f "$deb" ] || fail "no $deb"
+  depends=$(dpkg-deb -f "$deb" Depends)
+  echo "$package Depends: $depends"
+  IFS=, read -r -a deps <<<"$wanted"
+  for dep in "${deps[@]}"; do
+    grep -qx "$dep\( (.*)\)\?" <<<"$(sed 's/, */\n/g' <<<"$depends")" || fail "$package Depends lacks $dep"
+  done
+  root=$work/deb/$package
+  dpkg -x "$deb" "$root"
+  for f in $present; do [ -e "$root/$f" ] || fail "$package lacks /$f"; done
+  for f in $absent; do [ ! -e "$root/$f" ] || fail "$package holds /$f"; done
 done
-dpkg-deb -e "$deb" "$work/deb/control"
+root=$work/deb/$name
+grep -q '^\.TH NTI 1' <<<"$(gzip -dc "$root/usr/share/man/man1/nti.1.gz")" || fail "nti.1.gz is no manual page"
+for f in "$root/usr/bin/nti" "$root/$so".*.*; do
+  ! grep -q '\.symtab' <<<"$(readelf -S "$f")" || fail "not stripped: $f"
+done
+grep -q '^Format: https://www.debian.org/doc/packaging-manuals/copyright-format/' \
+  "$root/usr/share/doc/$name/copyright" || fail "copyright is not machine-readable"
+dpkg-deb -e "$work/deb/${name}_${version}_$(dpkg --print-architecture).deb" "$work/deb/control"
 grep -q ldconfig "$work/deb/control/postinst" || fail "postinst does not run ldconfig"
-dpkg -x "$deb" "$work/root"
-[ -x "$work/root/usr/bin/nti" ] || fail "deb: no /usr/bin/nti"
-[ -L "$work/root/usr/$libdir/libnetwork_traffic_interceptor.so" ] || fail "deb: no module link"
-echo "Depends: $depends"
 echo "PASS"
