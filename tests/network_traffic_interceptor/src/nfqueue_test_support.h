@@ -62,6 +62,18 @@ public:
         return NfQueueInterceptor::SendTo(socket, nlh);
     }
 
+    // SendBatch hands each message to SendTo, stopping at the first failure
+    // as sendmmsg does, so that batched verdicts are watched alike.
+    int SendBatch(mnl_socket* socket, mmsghdr* messages, unsigned count) noexcept override {
+        for (unsigned i = 0; i < count; ++i) {
+            if (SendTo(socket,
+                       static_cast<const nlmsghdr*>(messages[i].msg_hdr.msg_iov->iov_base)) < 0) {
+                return i == 0 ? -1 : static_cast<int>(i);
+            }
+        }
+        return static_cast<int>(count);
+    }
+
     // FailSend makes the `position`-th message (1-based) fail with `error`.
     void FailSend(std::size_t position, int error) {
         std::lock_guard lock(m_mutex);
