@@ -36,6 +36,13 @@ int main(int argc, char** argv) {
                               throw CLI::Success();
                           })
         ->group("");
+    app.add_option("--firewall", options.firewall,
+                   "Firewall that holds the rules: nft (a table the kernel deletes when nti "
+                   "ends, even when killed), iptables (chains NTI_IN/OUT/FWD; rules of killed "
+                   "runs are removed by the next start) or auto (nft where the kernel supports "
+                   "what the command needs)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"auto", "nft", "iptables"}));
     app.add_option("--state-dir", options.stateDir,
                    "Directory of the key-value storage (default /var/lib/nti for root, else "
                    "$XDG_STATE_HOME/nti or ~/.local/state/nti)");
