@@ -5,6 +5,7 @@
 #include <map>
 
 #include "host/commands/commands.h"
+#include "host/exit_signals.h"
 #include "host/man_page.h"
 
 int main(int argc, char** argv) {
@@ -56,10 +57,22 @@ int main(int argc, char** argv) {
         const int code = app.exit(e);
         return code == 0 ? kExitOk : kExitUsage;
     }
+    InstallTerminateCleanup();
     for (auto& [sub, runner] : runners) {
-        if (sub->parsed()) {
-            return runner(options);
+        if (!sub->parsed()) {
+            continue;
         }
+        // Unwinding removes the rules; a cleanup still registered here belongs
+        // to an object something kept alive, and runs before the process ends.
+        try {
+            return runner(options);
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "nti: %s\n", e.what());
+        } catch (...) {
+            std::fprintf(stderr, "nti: unknown exception\n");
+        }
+        RunExitCleanups();
+        return kExitFailure;
     }
     return kExitUsage;
 }

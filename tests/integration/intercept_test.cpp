@@ -268,7 +268,7 @@ TEST_F(InterceptTest, EachEndingSignalUnderTrafficLeavesNoRuleAndNoBoundQueue) {
         traffic.join();
         ASSERT_EQ(exitCode, 0) << name << nti->Error();
         for (const char* save : {"iptables-save", "ip6tables-save"}) {
-            EXPECT_EQ(DutSave(save).find("\"nti:"), std::string::npos) << name << save;
+            EXPECT_EQ(DutSave(save).find("NTI_"), std::string::npos) << name << save;
         }
         EXPECT_EQ(DutBoundQueues(), "") << name;
         EXPECT_EQ(Count(nti->OutputLines(), {std::string("stopped by ") + name}), 1u);
