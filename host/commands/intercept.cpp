@@ -15,6 +15,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <thread>
 
 #include "host/commands/commands.h"
@@ -222,7 +223,11 @@ public:
         if (rewritten) {
             ++m_rewritten;
         }
-        verdict = m_settings.verdict.verdict;
+        verdict =
+            m_settings.verdict.mixed
+                ? MixedVerdict(packet.payloadBegin,
+                               static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin))
+                : m_settings.verdict.verdict;
         Delayed* delayed = m_delayed.load();
         if (verdict == Verdict::LATER &&
             (delayed == nullptr ||
@@ -348,8 +353,12 @@ struct Fd {
     }
 };
 
-// WaitForEnd sleeps until a signal, the packet count or the duration.
-const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
+// WaitForEnd sleeps until a signal, the packet count, the duration, or the
+// end of the interception on its own: its thread removes the rules when it
+// fails, and a run without rules only pretends to intercept.
+const char* WaitForEnd(int signalFd, int countFd, double durationSeconds,
+                       const RulesService& rules) {
+    constexpr int kRulesCheckMs = 500;
     const auto start = std::chrono::steady_clock::now();
     const auto deadline = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                       std::chrono::duration<double>(durationSeconds));
@@ -363,6 +372,10 @@ const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
             }
             timeout = static_cast<int>(std::min<long long>(left.count() + 1, 1 << 30));
         }
+        if (rules.InstalledCount() == 0) {
+            return "interception end";
+        }
+        timeout = timeout < 0 ? kRulesCheckMs : std::min(timeout, kRulesCheckMs);
         pollfd fds[2] = {{signalFd, POLLIN, 0}, {countFd, POLLIN, 0}};
         const int n = ::poll(fds, 2, timeout);
         if (n < 0 && errno != EINTR) {
@@ -519,9 +532,12 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
     if (host.Firewall()->WaitForTag(o.tag, kRulesTimeout)) {
         std::fprintf(stderr, "nti intercept: intercepting on queues %u-%u with tag %s\n",
                      firstQueue, firstQueue + 1u, o.tag.c_str());
-        reason = WaitForEnd(signalFd.fd, countFd.fd, o.duration);
+        reason = WaitForEnd(signalFd.fd, countFd.fd, o.duration, *host.Firewall());
         if (consumer->OutputClosed()) {
             reason = "closed output";
+        } else if (reason == std::string_view("interception end")) {
+            std::fprintf(stderr, "nti intercept: the interception ended by itself\n");
+            exitCode = kExitFailure;
         }
     } else {
         std::fprintf(stderr, "nti intercept: the firewall rules were not installed\n");
@@ -584,7 +600,10 @@ CommandRunner AddInterceptCommand(CLI::App& app) {
     sub->add_option("--interface", o.interfaceName, "Interface name");
     sub->add_flag("--json", o.json, "One JSON object per line");
     sub->add_flag("--quiet", o.quiet, "No line per packet, only the summary");
-    sub->add_option("--verdict", o.verdict, "allow, drop, repeat or later:<ms> (then allow)")
+    sub->add_option("--verdict", o.verdict,
+                    "allow, drop, repeat, later:<ms> (then allow), or mix:<ms>: a third each of "
+                    "allow, drop and later:<ms>, chosen by a hash of the UDP/TCP payload, so that "
+                    "the same datagram always gets the same answer (to test a path)")
         ->capture_default_str()
         ->check(Accepts("a verdict", ParseVerdict));
     sub->add_option("--mark", o.mark, "Give every packet this mark with its verdict");
