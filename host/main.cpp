@@ -48,6 +48,7 @@ int main(int argc, char** argv) {
     add(&AddInfoCommand);
     add(&AddInterceptCommand);
     add(&AddStatsCommand);
+    add(&AddStatsServiceCommand);
     add(&AddDemoCommand);
 
     try {
