@@ -476,8 +476,9 @@ ssize_t NfQueueInterceptor::SendTo(mnl_socket* socket, const nlmsghdr* nlh) noex
     return mnl_socket_sendto(socket, nlh, nlh->nlmsg_len);
 }
 
-int NfQueueInterceptor::SendBatch(mnl_socket* socket, mmsghdr* messages, unsigned count) noexcept {
-    return sendmmsg(mnl_socket_get_fd(socket), messages, count, 0);
+ssize_t NfQueueInterceptor::SendBatch(mnl_socket* socket, const nlmsghdr* first,
+                                      std::size_t length) noexcept {
+    return mnl_socket_sendto(socket, first, length);
 }
 
 // ---------------------------------------------------------------------------
@@ -847,41 +848,45 @@ result_t NfQueueInterceptor::ReplyThread() {
 }
 
 void NfQueueInterceptor::SendVerdicts(const std::vector<VerdictRequest>& requests) {
-    struct Slot {
-        alignas(nlmsghdr) char bytes[kShortVerdictBufferSize];
-    };
-    Slot slots[kSendBatch];
-    iovec vectors[kSendBatch];
-    mmsghdr messages[kSendBatch];
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    std::size_t next = 0;
-    while (next < requests.size()) {
-        // One call per run of verdicts for the same channel, in queue order.
-        mnl_socket* const socket = requests[next].endpoint.socket;
-        unsigned count = 0;
-        for (; count < kSendBatch && next + count < requests.size() &&
-               requests[next + count].endpoint.socket == socket;
-             ++count) {
-            const VerdictRequest& request = requests[next + count];
-            const nlmsghdr* nlh = BuildVerdictMessage(
-                slots[count].bytes, sizeof(slots[count].bytes), request.endpoint.queueNumber,
-                request.packetId, NetfilterVerdict(request.verdict), nullptr);
-            vectors[count] = {const_cast<nlmsghdr*>(nlh), nlh->nlmsg_len};
-            messages[count] = {{&kernel, sizeof(kernel), &vectors[count], 1, nullptr, 0, 0}, 0};
-        }
-        next += count;
-        for (unsigned sent = 0; sent < count;) {
-            const int n = SendBatch(socket, messages + sent, count - sent);
-            if (n > 0) {
-                sent += static_cast<unsigned>(n);
-                continue;
-            }
-            // The first message left failed: it is lost, the rest still go.
-            const int error = n < 0 ? errno : EIO;
+    alignas(nlmsghdr) char buffer[kSendBatch * kShortVerdictBufferSize];
+    const auto sendOne = [this](mnl_socket* socket, const nlmsghdr* nlh) {
+        if (SendTo(socket, nlh) == -1) {
+            const int error = errno;
+            // Traced as the reply thread's, whose queue it drains.
             QOR_TRACE(GetTracer(), level::kError)
                 << "ReplyThread: Cannot send packet verdict: " << qor::ErrnoText(error);
-            ++sent;
+        }
+    };
+    std::size_t next = 0;
+    while (next < requests.size()) {
+        // One datagram per run of verdicts for the same channel, in queue
+        // order, each verdict still its own message.
+        mnl_socket* const socket = requests[next].endpoint.socket;
+        std::size_t length = 0;
+        unsigned count = 0;
+        for (; count < kSendBatch && next < requests.size() &&
+               requests[next].endpoint.socket == socket;
+             ++count, ++next) {
+            const VerdictRequest& request = requests[next];
+            const nlmsghdr* nlh = BuildVerdictMessage(
+                buffer + length, kShortVerdictBufferSize, request.endpoint.queueNumber,
+                request.packetId, NetfilterVerdict(request.verdict), nullptr);
+            length += MNL_ALIGN(nlh->nlmsg_len);
+        }
+        const auto* first = reinterpret_cast<const nlmsghdr*>(buffer);
+        if (count == 1) {
+            sendOne(socket, first);
+            continue;
+        }
+        if (SendBatch(socket, first, length) != -1) {
+            continue;
+        }
+        // A refused datagram reached the kernel not at all: each verdict goes
+        // again alone, so that one that cannot be sent loses only itself.
+        for (std::size_t offset = 0; offset < length;) {
+            const auto* nlh = reinterpret_cast<const nlmsghdr*>(buffer + offset);
+            sendOne(socket, nlh);
+            offset += MNL_ALIGN(nlh->nlmsg_len);
         }
     }
 }

@@ -53,8 +53,6 @@ inline constexpr std::size_t kConfigBufferSize = 256;
 // Room for one verdict: the largest payload plus the headers.
 inline constexpr std::size_t kMaxVerdictPayload = 0xFFFF;
 inline constexpr std::size_t kVerdictBufferSize = kMaxVerdictPayload + 256;
-// Room for one verdict without payload.
-inline constexpr std::size_t kShortVerdictBufferSize = 64;
 // One read from a channel: the largest packet plus the message around it.
 inline constexpr std::size_t kReceiveBufferSize = 0xFFFF + 2048;
 // kReadBatch bounds the messages one read takes from one channel, so that a
@@ -62,6 +60,8 @@ inline constexpr std::size_t kReceiveBufferSize = 0xFFFF + 2048;
 inline constexpr unsigned kReadBatch = 32;
 // kSendBatch bounds the verdicts the reply thread hands the kernel per call.
 inline constexpr unsigned kSendBatch = 64;
+// Room for one verdict without payload.
+inline constexpr std::size_t kShortVerdictBufferSize = 64;
 
 // Configuration builders. Each writes one NFQNL_MSG_CONFIG request (with
 // NLM_F_ACK) into `buffer` (at least kConfigBufferSize bytes, aligned for
@@ -119,11 +119,12 @@ protected:
     // SendTo writes one whole message to the kernel; returns the byte count or
     // -1 with errno set. Every message but the reply thread's leaves through it.
     virtual ssize_t SendTo(mnl_socket* socket, const nlmsghdr* nlh) noexcept;
-    // SendBatch writes `count` whole messages, each its own datagram, as
-    // sendmmsg does: returns how many left, -1 with errno set when the first
-    // failed. A short count means the next one failed. The reply thread's
-    // verdicts leave through it.
-    virtual int SendBatch(mnl_socket* socket, mmsghdr* messages, unsigned count) noexcept;
+    // SendBatch writes `length` bytes of consecutive whole messages as one
+    // datagram; the kernel handles each message on its own, in order.
+    // Returns the byte count, or -1 with errno set when none was delivered.
+    // The reply thread's runs of verdicts leave through it.
+    virtual ssize_t SendBatch(mnl_socket* socket, const nlmsghdr* first,
+                              std::size_t length) noexcept;
 
 private:
     qor::result_t InitNetLinkSocket();

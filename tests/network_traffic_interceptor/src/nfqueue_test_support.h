@@ -62,16 +62,17 @@ public:
         return NfQueueInterceptor::SendTo(socket, nlh);
     }
 
-    // SendBatch hands each message to SendTo, stopping at the first failure
-    // as sendmmsg does, so that batched verdicts are watched alike.
-    int SendBatch(mnl_socket* socket, mmsghdr* messages, unsigned count) noexcept override {
-        for (unsigned i = 0; i < count; ++i) {
-            if (SendTo(socket,
-                       static_cast<const nlmsghdr*>(messages[i].msg_hdr.msg_iov->iov_base)) < 0) {
-                return i == 0 ? -1 : static_cast<int>(i);
-            }
+    // SendBatch hands each message of the datagram to SendTo, so that
+    // batched verdicts are watched, held and forwarded alike.
+    ssize_t SendBatch(mnl_socket* socket, const nlmsghdr* first,
+                      std::size_t length) noexcept override {
+        const auto* bytes = reinterpret_cast<const char*>(first);
+        for (std::size_t offset = 0; offset < length;) {
+            const auto* nlh = reinterpret_cast<const nlmsghdr*>(bytes + offset);
+            SendTo(socket, nlh);
+            offset += MNL_ALIGN(nlh->nlmsg_len);
         }
-        return static_cast<int>(count);
+        return static_cast<ssize_t>(length);
     }
 
     // FailSend makes the `position`-th message (1-based) fail with `error`.
