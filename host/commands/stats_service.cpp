@@ -144,15 +144,15 @@ int RunService(CommonOptions common, const std::string& configPath) {
     if (config->nflogBypassMark) {
         common.nflogBypassMark = *config->nflogBypassMark;
     }
-    Sinks sinks = OpenSinks(*config, error);
-    if (!error.empty()) {
-        std::fprintf(stderr, "nti stats-service: %s: %s\n", configPath.c_str(), error.c_str());
-        return kExitFailure;
-    }
     // SIGHUP comes through the same descriptor as the ending signals.
     const SignalFd signalFd{OpenExitSignalFd()};
     if (signalFd.fd < 0) {
         std::perror("nti stats-service: signalfd");
+        return kExitFailure;
+    }
+    Sinks sinks = OpenSinks(*config, error);
+    if (!error.empty()) {
+        std::fprintf(stderr, "nti stats-service: %s: %s\n", configPath.c_str(), error.c_str());
         return kExitFailure;
     }
     HostContext host;

@@ -191,6 +191,19 @@ std::optional<ServiceConfig> ParseServiceConfig(const std::string& text, std::st
         error = "line " + std::to_string(e.line()) + ": " + e.message();
         return std::nullopt;
     }
+    // read_ini drops sections without keys; they still count, as an empty
+    // [json] is a sink without its path.
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const auto first = line.find_first_not_of(" \t");
+        const auto last = line.find_last_not_of(" \t\r");
+        if (first != std::string::npos && line[first] == '[' && line[last] == ']') {
+            const std::string name = line.substr(first + 1, last - first - 1);
+            if (tree.find(name) == tree.not_found()) {
+                tree.push_back({name, pt::ptree()});
+            }
+        }
+    }
     ServiceConfig config;
     for (const auto& [name, body] : tree) {
         if (body.empty() && !body.data().empty()) {

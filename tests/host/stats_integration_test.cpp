@@ -137,6 +137,7 @@ public:
         }
         return *m_status;
     }
+    void Signal(int signo) const { kill(m_pid, signo); }
     // Stop sends SIGTERM and waits; the exit status.
     int Stop() {
         kill(m_pid, SIGTERM);
@@ -425,8 +426,15 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
     struct Case {
         std::vector<std::string> args;
         const char* message;
+        const char* config = nullptr;  // stats-service with this file
     };
     const Case cases[] = {
+        {{}, "[collector] period = 5: expected 10s to 24h", "[collector]\nperiod = 5\n"},
+        {{}, "[json] path = : expected a file", "[json]\n"},
+        {{}, "[sqlite] keep: unknown key", "[sqlite]\npath = x\nkeep = 2d\n"},
+        {{}, "[ipfix] port = 0: expected 1 to 65535", "[ipfix]\nhost = 198.18.10.2\nport = 0\n"},
+        {{}, "[syslog]: unknown section", "[syslog]\n"},
+        {{}, "line 1: ", "[collector\n"},
         {{"--period", "0"}, "--period 0: expected seconds"},
         {{"--period", "5m"}, "--period 5m: expected seconds"},
         {{"--alignment", "now"}, "--alignment now: expected epoch or registration"},
@@ -436,8 +444,13 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
         {{"--id", "x"}, "--id"},
     };
     for (const auto& c : cases) {
-        NtiStats nti(m_host, m_state, c.args);
-        EXPECT_EQ(nti.Wait(), 2) << c.args[0];
+        std::vector<std::string> args = c.args;
+        if (c.config != nullptr) {
+            std::ofstream(m_state.Path() / "bad.conf") << c.config;
+            args = {"stats-service", "--config", (m_state.Path() / "bad.conf").string()};
+        }
+        NtiStats nti(m_host, m_state, args);
+        EXPECT_EQ(nti.Wait(), 2) << c.message;
         EXPECT_NE(nti.Stderr().find(c.message), std::string::npos) << nti.Stderr();
         EXPECT_EQ(nti.Stdout(), "");
     }
@@ -583,11 +596,20 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
         EXPECT_EQ(first.Stop(), 0) << first.Stderr();
     }
     NtiStats second(m_host, m_state, {"stats-service", "--config", config.string()});
-    for (int i = 0; i < 100 && !std::filesystem::exists(json); ++i) {
+    for (int i = 0;
+         i < 100 && (!std::filesystem::exists(json) || std::filesystem::file_size(json) == 0);
+         ++i) {
         std::this_thread::sleep_for(50ms);
     }
+    std::ofstream(config, std::ios::app) << "[json:more]\n";  // no path: the reload fails
+    second.Signal(SIGHUP);
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(second.Stop(), 0) << second.Stderr();
+    EXPECT_NE(second.Trace().find("Reload: " + config.string() +
+                                  ": [json:more] path = : expected a file, or - for standard "
+                                  "output; keeping the old settings"),
+              std::string::npos)
+        << second.Trace();
     std::ifstream in(json);
     const auto intervals = Intervals(std::string(std::istreambuf_iterator<char>(in), {}));
     ASSERT_EQ(intervals.size(), 1u) << second.Trace();
