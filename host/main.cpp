@@ -5,6 +5,7 @@
 #include <map>
 
 #include "host/commands/commands.h"
+#include "host/exit_signals.h"
 #include "host/man_page.h"
 
 int main(int argc, char** argv) {
@@ -35,6 +36,13 @@ int main(int argc, char** argv) {
                               throw CLI::Success();
                           })
         ->group("");
+    app.add_option("--firewall", options.firewall,
+                   "Firewall that holds the rules: nft (a table the kernel deletes when nti "
+                   "ends, even when killed), iptables (chains NTI_IN/OUT/FWD; rules of killed "
+                   "runs are removed by the next start) or auto (nft where the kernel supports "
+                   "what the command needs)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"auto", "nft", "iptables"}));
     app.add_option("--state-dir", options.stateDir,
                    "Directory of the key-value storage (default /var/lib/nti for root, else "
                    "$XDG_STATE_HOME/nti or ~/.local/state/nti)");
@@ -57,10 +65,22 @@ int main(int argc, char** argv) {
         const int code = app.exit(e);
         return code == 0 ? kExitOk : kExitUsage;
     }
+    InstallTerminateCleanup();
     for (auto& [sub, runner] : runners) {
-        if (sub->parsed()) {
-            return runner(options);
+        if (!sub->parsed()) {
+            continue;
         }
+        // Unwinding removes the rules; a cleanup still registered here belongs
+        // to an object something kept alive, and runs before the process ends.
+        try {
+            return runner(options);
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "nti: %s\n", e.what());
+        } catch (...) {
+            std::fprintf(stderr, "nti: unknown exception\n");
+        }
+        RunExitCleanups();
+        return kExitFailure;
     }
     return kExitUsage;
 }

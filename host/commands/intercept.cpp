@@ -15,6 +15,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <thread>
 
 #include "host/commands/commands.h"
@@ -352,8 +353,12 @@ struct Fd {
     }
 };
 
-// WaitForEnd sleeps until a signal, the packet count or the duration.
-const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
+// WaitForEnd sleeps until a signal, the packet count, the duration, or the
+// end of the interception on its own: its thread removes the rules when it
+// fails, and a run without rules only pretends to intercept.
+const char* WaitForEnd(int signalFd, int countFd, double durationSeconds,
+                       const RulesService& rules) {
+    constexpr int kRulesCheckMs = 500;
     const auto start = std::chrono::steady_clock::now();
     const auto deadline = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                       std::chrono::duration<double>(durationSeconds));
@@ -367,6 +372,10 @@ const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
             }
             timeout = static_cast<int>(std::min<long long>(left.count() + 1, 1 << 30));
         }
+        if (rules.InstalledCount() == 0) {
+            return "interception end";
+        }
+        timeout = timeout < 0 ? kRulesCheckMs : std::min(timeout, kRulesCheckMs);
         pollfd fds[2] = {{signalFd, POLLIN, 0}, {countFd, POLLIN, 0}};
         const int n = ::poll(fds, 2, timeout);
         if (n < 0 && errno != EINTR) {
@@ -523,9 +532,12 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
     if (host.Firewall()->WaitForTag(o.tag, kRulesTimeout)) {
         std::fprintf(stderr, "nti intercept: intercepting on queues %u-%u with tag %s\n",
                      firstQueue, firstQueue + 1u, o.tag.c_str());
-        reason = WaitForEnd(signalFd.fd, countFd.fd, o.duration);
+        reason = WaitForEnd(signalFd.fd, countFd.fd, o.duration, *host.Firewall());
         if (consumer->OutputClosed()) {
             reason = "closed output";
+        } else if (reason == std::string_view("interception end")) {
+            std::fprintf(stderr, "nti intercept: the interception ended by itself\n");
+            exitCode = kExitFailure;
         }
     } else {
         std::fprintf(stderr, "nti intercept: the firewall rules were not installed\n");

@@ -155,7 +155,8 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
         std::fprintf(stderr, "nti stats: cannot load module: %s\n", host.Error().c_str());
         return kExitFailure;
     }
-    if (const qor::result_t r = host.StartFirewall(FirewallSettings{}); !QOR_SUCCEEDED(r)) {
+    if (const qor::result_t r = host.StartFirewall(FirewallSettings{.queues = false});
+        !QOR_SUCCEEDED(r)) {
         std::fprintf(stderr, "nti stats: %s: %s\n", host.Error().c_str(),
                      qor::FormatResult(r).c_str());
         return kExitFailure;
@@ -211,7 +212,9 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
             printer.Print(intervals, false);
             // SIGPIPE is ignored: a reader that went away ends the run here,
             // so the collector is still unregistered and its interval saved.
-            if (std::fflush(stdout) != 0) {
+            // The failed flush inside Print already dropped what it held:
+            // the error flag is what remains of it.
+            if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
                 break;
             }
         }
