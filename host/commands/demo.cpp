@@ -26,6 +26,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/stats_format.h"
 #include "host/demo/traffic.h"
+#include "host/ip_protocol.h"
 #include "host/netns.h"
 #include "network_traffic_interceptor/connection_counters.h"
 #include "network_traffic_interceptor/network_interceptor.h"
@@ -97,7 +98,7 @@ public:
         if (!m_quiet) {
             char text[256];
             std::snprintf(text, sizeof(text), "  %-3s %-6s %s:%u -> %s:%u  %zu bytes  %s\n",
-                          packet.queue == 1 ? "in" : "out", ProtocolText(parsed.Protocol()).c_str(),
+                          packet.queue == 1 ? "in" : "out", ProtocolName(parsed.Protocol()).c_str(),
                           FormatAddress(parsed.Source()).c_str(), parsed.Source().port,
                           FormatAddress(parsed.Destination()).c_str(), parsed.Destination().port,
                           static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin),

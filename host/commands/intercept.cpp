@@ -21,6 +21,7 @@
 #include "host/commands/intercept_options.h"
 #include "host/commands/packet_summary.h"
 #include "host/exit_signals.h"
+#include "host/json_records.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/result.h"
 
@@ -64,17 +65,6 @@ CLI::Validator Accepts(const char* what, F parse) {
             return parse(value) ? std::string() : std::string("not ") + what + ": " + value;
         },
         what);
-}
-
-std::string TimeText() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm utc{};
-    gmtime_r(&now.tv_sec, &utc);
-    char text[32];
-    std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%06ld", utc.tm_hour, utc.tm_min, utc.tm_sec,
-                  now.tv_nsec / 1000);
-    return text;
 }
 
 // InterfaceNames caches index-to-name lookups; used from the poll thread only.
@@ -275,27 +265,14 @@ private:
         const int queueNumber = queue == 0 ? -1 : m_firstQueue + static_cast<int>(queue) - 1;
         const std::string& in = m_names.Name(packet.indev);
         const std::string& out = m_names.Name(packet.outdev);
-        const auto port = [](const std::optional<std::uint16_t>& p) {
-            return p ? std::to_string(*p) : std::string();
-        };
+        const auto now = std::chrono::system_clock::now();
         std::string line;
-        char head[160];
         if (m_settings.json) {
-            std::snprintf(head, sizeof(head),
-                          "{\"time\":\"%s\",\"queue\":\"%s\",\"queueNumber\":%d,\"id\":%u,",
-                          TimeText().c_str(), queueName, queueNumber, packet.id);
-            line = head;
-            line += "\"indev\":\"" + in + "\",\"outdev\":\"" + out + "\",";
-            line += "\"mark\":" + std::to_string(packet.mark) + ",";
-            line += "\"family\":" + std::to_string(s.version) + ",";
-            line += "\"src\":\"" + s.source + "\",\"dst\":\"" + s.destination + "\",";
-            line += "\"proto\":" + (s.protocol ? std::to_string(*s.protocol) : "null") + ",";
-            line += "\"sport\":" + (s.sourcePort ? port(s.sourcePort) : "null") + ",";
-            line += "\"dport\":" + (s.destinationPort ? port(s.destinationPort) : "null") + ",";
-            line += "\"len\":" + std::to_string(length) + ",\"verdict\":\"" +
-                    VerdictName(static_cast<std::uint32_t>(verdict)) + "\"}\n";
+            line = JsonLine(PacketJson(packet, verdict, {now, queueNumber, in, out}));
         } else {
-            std::snprintf(head, sizeof(head), "%s %s/%d id=%u ", TimeText().c_str(), queueName,
+            const std::string time = TimeToIso8601(now);
+            char head[160];
+            std::snprintf(head, sizeof(head), "%s %s/%d id=%u ", time.c_str(), queueName,
                           queueNumber, packet.id);
             line = head;
             line += "in=" + (in.empty() ? "-" : in) + " out=" + (out.empty() ? "-" : out);
@@ -306,11 +283,11 @@ private:
                 if (!p) {
                     return a;
                 }
-                return (s.version == 6 ? "[" + a + "]" : a) + ":" + port(p);
+                return (s.version == 6 ? "[" + a + "]" : a) + ":" + std::to_string(*p);
             };
             line += endpoint(s.source, s.sourcePort) + " > " +
                     endpoint(s.destination, s.destinationPort);
-            line += " proto=" + (s.protocol ? std::to_string(*s.protocol) : "?");
+            line += " " + (s.protocol ? ProtocolName(*s.protocol) : std::string("?"));
             line += " len=" + std::to_string(length) + " " +
                     VerdictName(static_cast<std::uint32_t>(verdict)) + "\n";
         }
@@ -392,20 +369,26 @@ void PrintSummary(const Consumer& consumer, const std::vector<QueueStats>& kerne
     const QueueStats in = stats(firstQueue);
     const QueueStats out = stats(static_cast<std::uint16_t>(firstQueue + 1));
     if (json) {
-        std::printf(
-            "{\"summary\":{\"reason\":\"%s\",\"packets\":%llu,\"queueIn\":%llu,\"queueOut\":%llu,"
-            "\"allow\":%llu,\"drop\":%llu,\"repeat\":%llu,\"later\":%llu,\"rewritten\":%llu,"
-            "\"kernel\":[{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u},"
-            "{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u}]}}\n",
-            reason, static_cast<unsigned long long>(consumer.Seen()),
-            static_cast<unsigned long long>(consumer.PerQueue(1)),
-            static_cast<unsigned long long>(consumer.PerQueue(2)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::ALLOW)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::DROP)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::REPEAT)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)),
-            static_cast<unsigned long long>(consumer.Rewritten()), in.queue, in.queueDropped,
-            in.userDropped, in.waiting, out.queue, out.queueDropped, out.userDropped, out.waiting);
+        JsonRecord kernelQueues = JsonRecord::array();
+        for (const QueueStats& q : {in, out}) {
+            kernelQueues.push_back({{"queue", q.queue},
+                                    {"queueDropped", q.queueDropped},
+                                    {"userDropped", q.userDropped},
+                                    {"waiting", q.waiting}});
+        }
+        const JsonRecord summary = {
+            {"summary",
+             {{"reason", reason},
+              {"packets", consumer.Seen()},
+              {"queueIn", consumer.PerQueue(1)},
+              {"queueOut", consumer.PerQueue(2)},
+              {"allow", consumer.Verdicts(Verdict::ALLOW)},
+              {"drop", consumer.Verdicts(Verdict::DROP)},
+              {"repeat", consumer.Verdicts(Verdict::REPEAT)},
+              {"later", consumer.Verdicts(Verdict::LATER)},
+              {"rewritten", consumer.Rewritten()},
+              {"kernel", std::move(kernelQueues)}}}};
+        std::fputs(JsonLine(summary).c_str(), stdout);
     } else {
         std::printf("stopped by %s\n", reason);
         std::printf("packets: %llu (queue in %u: %llu, queue out %u: %llu)\n",

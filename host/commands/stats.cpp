@@ -14,6 +14,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/stats_format.h"
 #include "host/exit_signals.h"
+#include "host/json_records.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/result.h"
 
@@ -110,9 +111,9 @@ public:
 
     void Print(const std::vector<IntervalCounters>& intervals, bool restored) {
         for (const auto& interval : intervals) {
-            const IntervalHeader header{m_id, restored};
             const std::string text =
-                m_json ? FormatJsonLine(header, interval) : FormatTable(header, interval) + "\n";
+                m_json ? JsonLine(IntervalJson(m_id, Sorted(interval), restored))
+                       : FormatTable(IntervalHeader{m_id, restored}, interval) + "\n";
             std::fwrite(text.data(), 1, text.size(), stdout);
             if (!restored) {
                 ++m_fresh;
@@ -123,6 +124,10 @@ public:
     std::uint64_t Fresh() const { return m_fresh; }
 
 private:
+    static IntervalCounters Sorted(const IntervalCounters& interval) {
+        return IntervalCounters{interval.begin, interval.end, SortedByBytes(interval.counters)};
+    }
+
     std::uint32_t m_id;
     bool m_json;
     std::uint64_t m_fresh = 0;

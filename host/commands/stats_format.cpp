@@ -6,8 +6,10 @@
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
-#include <ctime>
 #include <tuple>
+
+#include "host/ip_protocol.h"
+#include "host/json_records.h"
 
 namespace nti::host {
 
@@ -18,8 +20,6 @@ using system_interceptors::net::statistics::PeriodAlignment;
 
 namespace {
 
-constexpr std::uint64_t kTicksPerSecond = 10'000'000;
-constexpr std::uint64_t kUnixEpochTicks = 116'444'736'000'000'000;  // 1601 -> 1970
 constexpr std::uint32_t kMaxPeriodMs = 24 * 60 * 60 * 1000;
 
 std::string IpText(const ip_t& ip) {
@@ -69,41 +69,7 @@ std::string GatewayText(const ConnectionCounter& c) {
     return IpText(*c.gatewayIp) + (c.gatewayMac ? " (" + MacText(*c.gatewayMac) + ")" : "");
 }
 
-std::string JsonString(const std::string& text) {
-    std::string out = "\"";
-    for (const char ch : text) {
-        if (ch == '"' || ch == '\\') {
-            out += '\\';
-        }
-        out += ch;
-    }
-    return out + "\"";
-}
-
-template <class T, class F>
-std::string JsonOptional(const std::optional<T>& value, F&& render) {
-    return value ? render(*value) : std::string("null");
-}
-
 }  // namespace
-
-std::string ProtocolText(const std::optional<std::uint8_t>& protocol) {
-    if (!protocol) {
-        return "-";
-    }
-    switch (*protocol) {
-        case 1:
-            return "icmp";
-        case 6:
-            return "tcp";
-        case 17:
-            return "udp";
-        case 58:
-            return "icmpv6";
-        default:
-            return std::to_string(*protocol);
-    }
-}
 
 std::optional<std::uint32_t> ParsePeriod(std::string_view text) {
     std::uint64_t multiplier = 1000;
@@ -130,18 +96,6 @@ std::optional<PeriodAlignment> ParseAlignment(std::string_view text) {
         return PeriodAlignment::CollectorRegistration;
     }
     return std::nullopt;
-}
-
-std::string TicksToIso8601(std::uint64_t ticks) {
-    const std::uint64_t unixTicks = ticks >= kUnixEpochTicks ? ticks - kUnixEpochTicks : 0;
-    const auto seconds = static_cast<std::time_t>(unixTicks / kTicksPerSecond);
-    const auto millis = static_cast<unsigned>(unixTicks % kTicksPerSecond / 10'000);
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    char text[80];
-    std::snprintf(text, sizeof(text), "%04d-%02d-%02dT%02d:%02d:%02d.%03uZ", utc.tm_year + 1900,
-                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, millis);
-    return text;
 }
 
 std::vector<ConnectionCounter> SortedByBytes(const std::vector<ConnectionCounter>& counters) {
@@ -187,44 +141,11 @@ std::string FormatTable(const IntervalHeader& header, const IntervalCounters& in
             line, sizeof(line),
             "%-46s %-46s %-6s %10" PRIu64 " %12" PRIu64 " %10" PRIu64 " %12" PRIu64 "  %s\n",
             EndpointText(c.localIp, c.localPort).c_str(),
-            EndpointText(c.remoteIp, c.remotePort).c_str(), ProtocolText(c.ipProtocol).c_str(),
+            EndpointText(c.remoteIp, c.remotePort).c_str(), (c.ipProtocol ? ProtocolName(*c.ipProtocol) : std::string("-")).c_str(),
             c.packetsSent, c.bytesSent, c.packetsReceived, c.bytesReceived, GatewayText(c).c_str());
         out += line;
     }
     return out;
-}
-
-std::string FormatJsonLine(const IntervalHeader& header, const IntervalCounters& interval) {
-    const auto ip = [](const ip_t& v) { return JsonString(IpText(v)); };
-    const auto mac = [](const qor::mac48_address_t& v) { return JsonString(MacText(v)); };
-    const auto number = [](auto v) { return std::to_string(v); };
-    std::string out = "{\"collector\":" + std::to_string(header.collector) +
-                      ",\"restored\":" + (header.restored ? "true" : "false") +
-                      ",\"begin\":" + std::to_string(interval.begin) +
-                      ",\"end\":" + std::to_string(interval.end) +
-                      ",\"beginTime\":" + JsonString(TicksToIso8601(interval.begin)) +
-                      ",\"endTime\":" + JsonString(TicksToIso8601(interval.end)) +
-                      ",\"connections\":[";
-    bool first = true;
-    for (const auto& c : SortedByBytes(interval.counters)) {
-        out += first ? "" : ",";
-        first = false;
-        out += "{\"localMac\":" + JsonOptional(c.localMac, mac) +
-               ",\"localIp\":" + JsonOptional(c.localIp, ip) +
-               ",\"localPort\":" + JsonOptional(c.localPort, number) +
-               ",\"remoteMac\":" + JsonOptional(c.remoteMac, mac) +
-               ",\"remoteIp\":" + JsonOptional(c.remoteIp, ip) +
-               ",\"remotePort\":" + JsonOptional(c.remotePort, number) +
-               ",\"protocol\":" + JsonOptional(c.ipProtocol, number) +
-               ",\"etherType\":" + std::to_string(c.etherType) +
-               ",\"packetsSent\":" + std::to_string(c.packetsSent) +
-               ",\"bytesSent\":" + std::to_string(c.bytesSent) +
-               ",\"packetsReceived\":" + std::to_string(c.packetsReceived) +
-               ",\"bytesReceived\":" + std::to_string(c.bytesReceived) +
-               ",\"gatewayIp\":" + JsonOptional(c.gatewayIp, ip) +
-               ",\"gatewayMac\":" + JsonOptional(c.gatewayMac, mac) + "}";
-    }
-    return out + "]}\n";
 }
 
 }  // namespace nti::host

@@ -19,18 +19,10 @@ std::optional<std::uint32_t> ParsePeriod(std::string_view text);
 std::optional<system_interceptors::net::statistics::PeriodAlignment> ParseAlignment(
     std::string_view text);
 
-// TicksToIso8601 turns 100-ns ticks since 1601-01-01 UTC into
-// "YYYY-MM-DDTHH:MM:SS.mmmZ".
-std::string TicksToIso8601(std::uint64_t ticks);
-
 // SortedByBytes orders the counters by bytes sent plus received, largest
 // first; ties by local then remote endpoint text, so output is stable.
 std::vector<system_interceptors::net::statistics::ConnectionCounter> SortedByBytes(
     const std::vector<system_interceptors::net::statistics::ConnectionCounter>& counters);
-
-// ProtocolText names an IP protocol ("tcp", "udp", "icmp", "icmpv6", else the
-// number); "-" when it is unknown.
-std::string ProtocolText(const std::optional<std::uint8_t>& protocol);
 
 // IntervalHeader describes where an interval came from.
 struct IntervalHeader {
@@ -42,11 +34,5 @@ struct IntervalHeader {
 // row per connection (sorted by bytes), each line ending in '\n'.
 std::string FormatTable(const IntervalHeader& header,
                         const system_interceptors::net::statistics::IntervalCounters& interval);
-
-// FormatJsonLine renders one interval as one JSON object and '\n'. Absent
-// optional fields are null; counters are numbers; times are both ticks and
-// ISO-8601 text.
-std::string FormatJsonLine(const IntervalHeader& header,
-                           const system_interceptors::net::statistics::IntervalCounters& interval);
 
 }  // namespace nti::host

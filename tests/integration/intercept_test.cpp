@@ -121,11 +121,11 @@ TEST_F(InterceptTest, AllowAllPassesTrafficAndSeesEachRequestOnceOnTheInputQueue
     ASSERT_EQ(Stop(*nti), 0) << nti->Error();
 
     const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"proto\":1,",
+    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"ipProtocol\":1,",
                             "\"src\":\"198.18.0.1\"", "\"verdict\":\"ALLOW\""}),
               3u);
-    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"proto\":17,",
-                            "\"sport\":40000", "\"dport\":5000", "\"indev\":\"d0\""}),
+    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"ipProtocol\":17,",
+                            "\"srcPort\":40000", "\"dstPort\":5000", "\"indev\":\"d0\""}),
               5u);
     EXPECT_EQ(Count(lines, {"\"queue\":\"out\""}), 0u);
     std::set<std::string> ids;
@@ -148,8 +148,8 @@ TEST_F(InterceptTest, DropMakesTheSelectedPacketsVanish) {
     EXPECT_EQ(Deliver(*sender, *passed, NetnsPair::kDut4, 5001, 2), 2);
     ASSERT_EQ(Stop(*nti), 0) << nti->Error();
     const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"dport\":5000", "\"verdict\":\"DROP\""}), 5u);
-    EXPECT_EQ(Count(lines, {"\"dport\":5001"}), 0u);
+    EXPECT_EQ(Count(lines, {"\"dstPort\":5000", "\"verdict\":\"DROP\""}), 5u);
+    EXPECT_EQ(Count(lines, {"\"dstPort\":5001"}), 0u);
     EXPECT_EQ(Count(lines, {"\"summary\"", "\"drop\":5,"}), 1u);
     // Rules gone: the port delivers again.
     EXPECT_EQ(Deliver(*sender, *dropped, NetnsPair::kDut4, 5000, 1), 1);
@@ -219,10 +219,10 @@ TEST_F(InterceptTest, Ipv6TrafficIsInterceptedToo) {
     EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut6, 5000, 3), 3);
     ASSERT_EQ(Stop(*nti), 0) << nti->Error();
     const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"family\":6", "\"src\":\"fd00:198:18::1\"", "\"proto\":17,",
-                            "\"dport\":5000"}),
+    EXPECT_EQ(Count(lines, {"\"family\":6", "\"src\":\"fd00:198:18::1\"", "\"ipProtocol\":17,",
+                            "\"dstPort\":5000"}),
               3u);
-    EXPECT_GE(Count(lines, {"\"family\":6", "\"proto\":58,"}), 2u);
+    EXPECT_GE(Count(lines, {"\"family\":6", "\"ipProtocol\":58,"}), 2u);
     EXPECT_EQ(Count(lines, {"\"family\":4"}), 0u);
 }
 
@@ -242,9 +242,9 @@ TEST_F(InterceptTest, TwoInterceptionsWithTheirOwnTagsRunSideBySide) {
     EXPECT_NE(afterA.find(":beta\""), std::string::npos);
     EXPECT_EQ(Deliver(*sender, *sinkB, NetnsPair::kDut4, 5001, 1), 1);
     ASSERT_EQ(Stop(*b), 0) << b->Error();
-    EXPECT_EQ(Count(a->OutputLines(), {"\"queueNumber\":1100", "\"dport\":5000"}), 2u);
-    EXPECT_EQ(Count(b->OutputLines(), {"\"queueNumber\":1150", "\"dport\":5001"}), 4u);
-    EXPECT_EQ(Count(b->OutputLines(), {"\"dport\":5000"}), 0u);
+    EXPECT_EQ(Count(a->OutputLines(), {"\"queueNumber\":1100", "\"dstPort\":5000"}), 2u);
+    EXPECT_EQ(Count(b->OutputLines(), {"\"queueNumber\":1150", "\"dstPort\":5001"}), 4u);
+    EXPECT_EQ(Count(b->OutputLines(), {"\"dstPort\":5000"}), 0u);
 }
 
 TEST_F(InterceptTest, EachEndingSignalUnderTrafficLeavesNoRuleAndNoBoundQueue) {
