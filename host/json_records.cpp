@@ -30,24 +30,6 @@ std::string UtcText(std::time_t seconds, unsigned micros) {
     return text;
 }
 
-std::string IpText(const ip_t& ip) {
-    char text[INET6_ADDRSTRLEN] = {};
-    if (ip.family == 4) {
-        inet_ntop(AF_INET, ip.v4.bytes.data(), text, sizeof(text));
-    } else {
-        inet_ntop(AF_INET6, ip.v6.bytes.data(), text, sizeof(text));
-    }
-    return text;
-}
-
-std::string MacText(const qor::mac48_address_t& mac) {
-    char text[18];
-    const auto& b = mac.bytes;
-    std::snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4],
-                  b[5]);
-    return text;
-}
-
 std::string HexText(const std::vector<std::uint8_t>& bytes) {
     static constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
@@ -67,6 +49,24 @@ void PutIf(JsonRecord& o, const char* name, const std::optional<T>& value, F&& r
 }
 
 }  // namespace
+
+std::string IpText(const ip_t& ip) {
+    char text[INET6_ADDRSTRLEN] = {};
+    if (ip.family == 4) {
+        inet_ntop(AF_INET, ip.v4.bytes.data(), text, sizeof(text));
+    } else {
+        inet_ntop(AF_INET6, ip.v6.bytes.data(), text, sizeof(text));
+    }
+    return text;
+}
+
+std::string MacText(const qor::mac48_address_t& mac) {
+    char text[18];
+    const auto& b = mac.bytes;
+    std::snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4],
+                  b[5]);
+    return text;
+}
 
 std::string TicksToIso8601(std::uint64_t ticks) {
     const std::uint64_t unixTicks = ticks >= kUnixEpochTicks ? ticks - kUnixEpochTicks : 0;

@@ -21,6 +21,11 @@ std::string TicksToIso8601(std::uint64_t ticks);
 // TimeToIso8601 writes a system clock time the same way.
 std::string TimeToIso8601(std::chrono::system_clock::time_point time);
 
+// IpText writes an address in its usual text form, MacText
+// "aa:bb:cc:dd:ee:ff": the forms records and tables share.
+std::string IpText(const system_interceptors::net::statistics::ip_t& ip);
+std::string MacText(const qor::mac48_address_t& mac);
+
 // ConnectionJson: one connection of an interval; absent fields are left out.
 JsonRecord ConnectionJson(const system_interceptors::net::statistics::ConnectionCounter& c);
 

@@ -2,7 +2,7 @@
 // the module, drops the packets whose remote end is in a list and allows the
 // rest.
 //
-//   block_list --list blocked.txt [--json] [--count N] [--duration SECONDS]
+//   block_list --list blocked.txt [--json] [--count N] [--duration TIME]
 //
 // The list has one entry per line: "198.18.0.7", "198.18.0.7:443",
 // "fd00:198:18::7", "[fd00:198:18::7]:443" or "[fd00:198:18::7]". An entry
@@ -60,9 +60,9 @@ public:
                 const nti::host::PacketContext context{std::chrono::system_clock::now(), -1,
                                                        InterfaceName(packet.indev),
                                                        InterfaceName(packet.outdev)};
-                std::fputs(nti::host::JsonLine(nti::host::PacketJson(packet, verdict, context))
-                               .c_str(),
-                           stdout);
+                std::fputs(
+                    nti::host::JsonLine(nti::host::PacketJson(packet, verdict, context)).c_str(),
+                    stdout);
             } else {
                 std::printf("blocked %s proto %u %s -> %s\n", outbound ? "out" : "in",
                             flow->protocol, ToString(flow->source).c_str(),
@@ -181,9 +181,9 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::fprintf(stderr, "block_list: intercepting; SIGINT or SIGTERM stops\n");
-    const int signal =
-        signals.WaitForStop(std::chrono::seconds(args.duration), std::chrono::milliseconds(100),
-                            [&] { return args.count != 0 && blockList->Blocked() >= args.count; });
+    const int signal = signals.WaitForStop(args.duration, std::chrono::milliseconds(100), [&] {
+        return args.count != 0 && blockList->Blocked() >= args.count;
+    });
     const qor::result_t stopped = interceptor->StopInterception(blockList.Get());
     std::fprintf(stderr, "block_list: %s, %lu packets blocked\n",
                  signal != 0 ? strsignal(signal) : "done", blockList->Blocked());

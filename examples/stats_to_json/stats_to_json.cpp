@@ -1,7 +1,7 @@
 // stats_to_json: registers a statistics collector with the module and writes
 // every interval it harvests as one JSON line.
 //
-//   stats_to_json [--period MS] [--id N] [--count N] [--duration SECONDS]
+//   stats_to_json [--period MS] [--id N] [--count N] [--duration TIME]
 //                 [--output FILE]
 //
 // Each line is an interval record as `nti stats --json` writes it (fields in
@@ -134,7 +134,7 @@ int main(int argc, char** argv) {
         std::fflush(output);
         return args.count != 0 && written >= args.count;
     };
-    signals.WaitForStop(std::chrono::seconds(args.duration), std::chrono::milliseconds(200), drain);
+    signals.WaitForStop(args.duration, std::chrono::milliseconds(200), drain);
     if (args.count == 0 || written < args.count) {
         drain();
     }

@@ -399,13 +399,19 @@ CommandRunner AddDemoCommand(CLI::App& app) {
     auto* sub = app.add_subcommand(
         "demo",
         "Run a live, self-checking demonstration in throwaway network namespaces: intercept "
-        "and count real IPv4/IPv6 traffic, drop one UDP port, verify the result. Needs root.");
-    sub->add_option("--packets", options->packets, "Datagrams per UDP flow")
+        "and count real IPv4/IPv6 traffic, drop one UDP port, verify the result. Makes two "
+        "network namespaces joined by a veth pair and deletes them at the end, also on Ctrl-C; "
+        "the machine's own firewall and interfaces are not touched. Needs root or "
+        "CAP_NET_ADMIN.");
+    sub->add_option("--packets", options->packets, "Datagrams per UDP flow, 1 to 1000")
         ->capture_default_str()
-        ->check(CLI::Range(1, 1000));
-    sub->add_option("--dropped-port", options->droppedPort, "UDP port the interception drops")
+        ->type_name("N")
+        ->check(CLI::Range(1, 1000).description(""));
+    sub->add_option("--dropped-port", options->droppedPort,
+                    "UDP port the interception drops, 1024 to 65535")
         ->capture_default_str()
-        ->check(CLI::Range(1024, 65535));
+        ->type_name("PORT")
+        ->check(CLI::Range(1024, 65535).description(""));
     sub->add_flag("--quiet", options->quiet, "Do not print every intercepted packet");
     return [options](const CommonOptions& common) { return RunDemo(common, *options); };
 }

@@ -19,9 +19,12 @@
 
 #include "host/commands/commands.h"
 #include "host/commands/intercept_options.h"
+#include "host/commands/option_checks.h"
 #include "host/commands/packet_summary.h"
+#include "host/duration.h"
 #include "host/exit_signals.h"
 #include "host/json_records.h"
+#include "host/netns.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/result.h"
 
@@ -51,21 +54,11 @@ struct InterceptOptions {
     std::optional<std::uint32_t> mark;
     std::string rewrite;
     std::uint64_t count = 0;
-    double duration = 0;
+    std::string duration;
     std::string queueRange = "1000-1999";
     bool failClosed = false;
     std::string tag = "nti_intercept";
 };
-
-// Validator accepts what `parse` accepts.
-template <class F>
-CLI::Validator Accepts(const char* what, F parse) {
-    return CLI::Validator(
-        [what, parse](std::string& value) -> std::string {
-            return parse(value) ? std::string() : std::string("not ") + what + ": " + value;
-        },
-        what);
-}
 
 // InterfaceNames caches index-to-name lookups; used from the poll thread only.
 class InterfaceNames {
@@ -376,18 +369,17 @@ void PrintSummary(const Consumer& consumer, const std::vector<QueueStats>& kerne
                                     {"userDropped", q.userDropped},
                                     {"waiting", q.waiting}});
         }
-        const JsonRecord summary = {
-            {"summary",
-             {{"reason", reason},
-              {"packets", consumer.Seen()},
-              {"queueIn", consumer.PerQueue(1)},
-              {"queueOut", consumer.PerQueue(2)},
-              {"allow", consumer.Verdicts(Verdict::ALLOW)},
-              {"drop", consumer.Verdicts(Verdict::DROP)},
-              {"repeat", consumer.Verdicts(Verdict::REPEAT)},
-              {"later", consumer.Verdicts(Verdict::LATER)},
-              {"rewritten", consumer.Rewritten()},
-              {"kernel", std::move(kernelQueues)}}}};
+        const JsonRecord summary = {{"summary",
+                                     {{"reason", reason},
+                                      {"packets", consumer.Seen()},
+                                      {"queueIn", consumer.PerQueue(1)},
+                                      {"queueOut", consumer.PerQueue(2)},
+                                      {"allow", consumer.Verdicts(Verdict::ALLOW)},
+                                      {"drop", consumer.Verdicts(Verdict::DROP)},
+                                      {"repeat", consumer.Verdicts(Verdict::REPEAT)},
+                                      {"later", consumer.Verdicts(Verdict::LATER)},
+                                      {"rewritten", consumer.Rewritten()},
+                                      {"kernel", std::move(kernelQueues)}}}};
         std::fputs(JsonLine(summary).c_str(), stdout);
     } else {
         std::printf("stopped by %s\n", reason);
@@ -437,6 +429,12 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
         return kExitUsage;
     }
     const auto [queueFirst, queueLast] = *ParseQueueRange(o.queueRange);
+    const double durationSeconds =
+        o.duration.empty() ? 0.0 : static_cast<double>(ParseDuration(o.duration)->count()) / 1000;
+    if (!HasNetAdmin()) {
+        std::fprintf(stderr, "nti intercept: needs root or CAP_NET_ADMIN\n");
+        return kExitUsage;
+    }
 
     // Signals arrive through a descriptor; every thread started from here on
     // inherits the mask.
@@ -502,7 +500,7 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
     if (host.Firewall()->WaitForTag(o.tag, kRulesTimeout)) {
         std::fprintf(stderr, "nti intercept: intercepting on queues %u-%u with tag %s\n",
                      firstQueue, firstQueue + 1u, o.tag.c_str());
-        reason = WaitForEnd(signalFd.fd, countFd.fd, o.duration);
+        reason = WaitForEnd(signalFd.fd, countFd.fd, durationSeconds);
         if (consumer->OutputClosed()) {
             reason = "closed output";
         }
@@ -545,45 +543,77 @@ CommandRunner AddInterceptCommand(CLI::App& app) {
     auto options = std::make_shared<InterceptOptions>();
     CLI::App* sub = app.add_subcommand(
         "intercept",
-        "Queue the packets the filter selects through the module, print each one with its "
-        "verdict, and remove the firewall rules at the end. Run it only inside a network "
-        "namespace made for it.");
+        "Queue the packets the filter selects (by default all inbound packets) to nti through "
+        "NFQUEUE, print each one and answer it with the chosen verdict; a summary ends the "
+        "run.\n"
+        "\n"
+        "Changes on this machine while it runs: iptables and ip6tables rules in the chains "
+        "NTI_IN, NTI_OUT and NTI_FWD that send the selected packets to two NFQUEUE queues; "
+        "those packets wait for nti's verdict (they pass unseen while nobody reads the queues, "
+        "or are dropped then with --fail-closed). It ends at --count, --duration, SIGINT, "
+        "SIGTERM, SIGHUP, SIGQUIT or a closed standard output, and then removes its rules and "
+        "releases the queues. Needs root or CAP_NET_ADMIN.");
     InterceptOptions& o = *options;
-    sub->add_option("--direction", o.directions, "in, out, fwd-in or fwd-out (repeatable)")
+    sub->add_option("--direction", o.directions,
+                    "in, out, fwd-in or fwd-out; repeat it for several (default in)")
+        ->type_name("DIR")
         ->check(Accepts("a direction", ParseDirection));
-    sub->add_option("--proto", o.protocol, "tcp, udp, icmp, icmpv6 or a protocol number")
+    sub->add_option("--proto", o.protocol,
+                    "tcp, udp, icmp, icmpv6 (also ipv6-icmp) or a protocol number 1 to 255")
+        ->type_name("PROTO")
         ->check(Accepts("a protocol", ParseProtocol));
-    sub->add_option("--local-port", o.localPort, "Local port N or range N-M (tcp/udp)")
+    sub->add_option("--local-port", o.localPort, "Local port N or range N-M, 1 to 65535 (tcp/udp)")
+        ->type_name("PORTS")
         ->check(Accepts("a port or port range", ParsePortRange));
-    sub->add_option("--remote-port", o.remotePort, "Remote port N or range N-M (tcp/udp)")
+    sub->add_option("--remote-port", o.remotePort,
+                    "Remote port N or range N-M, 1 to 65535 (tcp/udp)")
+        ->type_name("PORTS")
         ->check(Accepts("a port or port range", ParsePortRange));
-    sub->add_option("--local-addr", o.localAddress, "Local address or CIDR network")
+    sub->add_option("--local-addr", o.localAddress, "Local address or network (CIDR)")
+        ->type_name("ADDR")
         ->check(Accepts("an address or CIDR network", ParseNetwork));
-    sub->add_option("--remote-addr", o.remoteAddress, "Remote address or CIDR network")
+    sub->add_option("--remote-addr", o.remoteAddress, "Remote address or network (CIDR)")
+        ->type_name("ADDR")
         ->check(Accepts("an address or CIDR network", ParseNetwork));
     sub->add_option("--family", o.family, "4, 6 or any")
         ->capture_default_str()
+        ->type_name("FAMILY")
         ->check(Accepts("a family", ParseFamily));
-    sub->add_option("--interface", o.interfaceName, "Interface name");
-    sub->add_flag("--json", o.json, "One JSON object per line");
+    sub->add_option("--interface", o.interfaceName, "Interface name (up to 15 characters)")
+        ->type_name("NAME");
+    sub->add_flag("--json", o.json, "One JSON packet record per line (see docs/json.md)");
     sub->add_flag("--quiet", o.quiet, "No line per packet, only the summary");
-    sub->add_option("--verdict", o.verdict, "allow, drop, repeat or later:<ms> (then allow)")
+    sub->add_option("--verdict", o.verdict,
+                    "allow, drop, repeat, or later:<ms> (allowed that many milliseconds later, "
+                    "0 to 3600000)")
         ->capture_default_str()
+        ->type_name("VERDICT")
         ->check(Accepts("a verdict", ParseVerdict));
-    sub->add_option("--mark", o.mark, "Give every packet this mark with its verdict");
+    sub->add_option("--mark", o.mark, "Give every packet this mark with its verdict")
+        ->type_name("MARK");
     sub->add_option("--rewrite-udp-payload", o.rewrite,
-                    "Write this text over the start of every UDP payload (checksums refilled)");
-    sub->add_option("--count", o.count, "Stop after this many packets")
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 62));
-    sub->add_option("--duration", o.duration, "Stop after this many seconds")
-        ->check(CLI::Range(0.001, 1e7));
-    sub->add_option("--queue-range", o.queueRange, "Queue numbers to take from, A-B")
+                    "Write this text over the start of every UDP payload (checksums refilled)")
+        ->type_name("TEXT");
+    sub->add_option("--count", o.count, "Stop after this many packets (1 or more)")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber.description(""));
+    sub->add_option("--duration", o.duration,
+                    "Stop after this time: 500ms, 30s, 5m, 1h; a bare number is seconds")
+        ->type_name("TIME")
+        ->check(Accepts("a duration (500ms, 30s, 5m, 1h)", [](const std::string& t) {
+            const auto d = ParseDuration(t);
+            return d && d->count() > 0 ? d : std::nullopt;
+        }));
+    sub->add_option("--queue-range", o.queueRange,
+                    "Queue numbers to take two consecutive ones from, A-B (0 to 65535)")
         ->capture_default_str()
+        ->type_name("A-B")
         ->check(Accepts("a queue range A-B", ParseQueueRange));
     sub->add_flag("--fail-closed", o.failClosed,
                   "Drop the selected packets while nobody reads the queues");
-    sub->add_option("--tag", o.tag, "Tag of the firewall rules")
+    sub->add_option("--tag", o.tag, "Tag of the firewall rules (letters, digits, _.-@)")
         ->capture_default_str()
+        ->type_name("TAG")
         ->check(Accepts("a tag (letters, digits, _.-@)", [](const std::string& t) {
             return ValidTag(t) ? std::optional<bool>(true) : std::nullopt;
         }));

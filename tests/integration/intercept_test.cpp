@@ -313,12 +313,35 @@ TEST_F(InterceptTest, WrongArgumentsExitWithUsageAndTouchNothing) {
           {"--local-port", "53"},
           {"--remote-addr", "198.18.0.0/40"},
           {"--verdict", "later"},
+          {"--duration", "5x"},
+          {"--duration", "0"},
           {"--family", "4", "--local-addr", "fd00:198:18::2"}}) {
         Program nti(NtiArgv(args));
         EXPECT_EQ(nti.Wait(10s), 2) << args[0] << " " << args[1];
         EXPECT_FALSE(nti.Error().empty());
     }
     EXPECT_EQ(DutSave("iptables-save").find("NTI_"), std::string::npos);
+}
+
+// Without CAP_NET_ADMIN the commands that change the firewall say so in one
+// line and exit with 2 before touching it; help texts show plain ranges.
+TEST_F(InterceptTest, CommandLineForTheLiveHost) {
+    for (const char* command : {"intercept", "stats"}) {
+        Program nti({"ip", "netns", "exec", m_net->Dut(), "setpriv", "--inh-caps=-net_admin",
+                     "--bounding-set=-net_admin", m_bin, command, "--module", m_module});
+        EXPECT_EQ(nti.Wait(10s), 2) << command;
+        EXPECT_EQ(nti.Error(), "nti " + std::string(command) + ": needs root or CAP_NET_ADMIN\n");
+    }
+    EXPECT_EQ(DutSave("iptables-save").find("NTI_"), std::string::npos);
+
+    for (const char* command : {"intercept", "stats", "demo"}) {
+        Program help({m_bin, command, "--help"});
+        EXPECT_EQ(help.Wait(10s), 0) << command;
+        EXPECT_EQ(Count(help.OutputLines(), {" in ["}), 0u) << command;
+    }
+    Program version({m_bin, "--version"});
+    EXPECT_EQ(version.Wait(10s), 0);
+    EXPECT_EQ(Count(version.OutputLines(), {"nti 0."}), 1u);
 }
 
 }  // namespace
