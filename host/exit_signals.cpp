@@ -2,7 +2,11 @@
 
 #include <pthread.h>
 #include <sys/signalfd.h>
+#include <chrono>
 #include <csignal>
+#include <exception>
+#include <mutex>
+#include <utility>
 
 namespace nti::host {
 
@@ -36,6 +40,62 @@ const char* ExitSignalName(unsigned signo) {
         default:
             return "signal";
     }
+}
+
+namespace {
+
+struct Cleanups {
+    // Timed: a thread that terminates while another holds the lock must not hang.
+    std::timed_mutex mutex;
+    std::list<std::function<void()>> entries;
+};
+
+Cleanups& Registry() {
+    static Cleanups* cleanups = new Cleanups;  // never destroyed: used up to the last exit path
+    return *cleanups;
+}
+
+std::terminate_handler g_previousTerminate = nullptr;
+
+[[noreturn]] void TerminateWithCleanup() {
+    RunExitCleanups();
+    if (g_previousTerminate != nullptr) {
+        g_previousTerminate();
+    }
+    std::abort();
+}
+
+}  // namespace
+
+ExitCleanup::ExitCleanup(std::function<void()> undo) {
+    std::lock_guard lock(Registry().mutex);
+    m_entry = Registry().entries.insert(Registry().entries.end(), std::move(undo));
+}
+
+ExitCleanup::~ExitCleanup() {
+    std::lock_guard lock(Registry().mutex);
+    Registry().entries.erase(m_entry);
+}
+
+void RunExitCleanups() noexcept {
+    std::unique_lock lock(Registry().mutex, std::chrono::seconds(2));
+    if (!lock.owns_lock()) {
+        return;
+    }
+    for (std::function<void()>& undo : Registry().entries) {
+        if (undo) {
+            try {
+                std::exchange(undo, nullptr)();
+            } catch (...) {
+                // Nothing more can be done on the way out.
+            }
+        }
+    }
+}
+
+void InstallTerminateCleanup() {
+    static std::once_flag once;
+    std::call_once(once, [] { g_previousTerminate = std::set_terminate(TerminateWithCleanup); });
 }
 
 }  // namespace nti::host

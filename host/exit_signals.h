@@ -1,6 +1,9 @@
 // The signals that end an nti run, shared by every command that adds rules.
 #pragma once
 
+#include <functional>
+#include <list>
+
 namespace nti::host {
 
 // OpenExitSignalFd makes SIGINT, SIGTERM, SIGHUP and SIGQUIT arrive through
@@ -12,5 +15,27 @@ namespace nti::host {
 
 // ExitSignalName is the name of an ending signal read from that descriptor.
 [[nodiscard]] const char* ExitSignalName(unsigned signo);
+
+// ExitCleanup registers, for its lifetime, what must be undone even when the
+// process does not unwind: an exception that escapes a thread (std::terminate)
+// or one that reaches main while objects holding rules are still referenced.
+class ExitCleanup {
+public:
+    explicit ExitCleanup(std::function<void()> undo);
+    ~ExitCleanup();
+    ExitCleanup(const ExitCleanup&) = delete;
+    ExitCleanup& operator=(const ExitCleanup&) = delete;
+
+private:
+    std::list<std::function<void()>>::iterator m_entry;
+};
+
+// RunExitCleanups runs every registered cleanup once; later calls and the
+// objects' own destructors then find nothing left to undo.
+void RunExitCleanups() noexcept;
+
+// InstallTerminateCleanup makes std::terminate run the cleanups before the
+// process aborts.
+void InstallTerminateCleanup();
 
 }  // namespace nti::host

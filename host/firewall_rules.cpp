@@ -310,6 +310,35 @@ std::string RestoreScript(const std::vector<std::string>& commands) {
     return script;
 }
 
+std::vector<std::string> TeardownCommands(std::string_view saveText) {
+    constexpr std::pair<const char*, const char*> kHooks[] = {
+        {"INPUT", kChainIn}, {"OUTPUT", kChainOut}, {"FORWARD", kChainFwd}};
+    std::set<std::string> chains;
+    std::set<std::string> used;
+    std::set<std::string> lines;
+    std::istringstream in{std::string(saveText)};
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with(":")) {
+            chains.insert(line.substr(1, line.find(' ') - 1));
+        } else if (line.starts_with("-A ")) {
+            used.insert(line.substr(3, line.find(' ', 3) - 3));
+            lines.insert(line);
+        }
+    }
+    std::vector<std::string> commands;
+    for (const auto& [builtin, chain] : kHooks) {
+        if (!chains.contains(chain) || used.contains(chain)) {
+            continue;
+        }
+        const std::string jump = std::string(builtin) + " -j " + chain;
+        if (lines.contains("-A " + jump)) {
+            commands.push_back("-D " + jump);
+        }
+        commands.push_back(std::string("-X ") + chain);
+    }
+    return commands;
+}
+
 std::vector<std::string> SetupCommands(std::string_view saveText,
                                        const std::function<bool(pid_t)>& ownerAlive) {
     struct Hook {
@@ -354,13 +383,46 @@ std::vector<std::string> SetupCommands(std::string_view saveText,
 }
 
 DynamicRules::DynamicRules(FirewallOptions options, qor::RefPtr<qor::ITracer> tracer)
-    : m_options(std::move(options)), m_tracer(std::move(tracer)), m_owner(::getpid()) {}
+    : m_options(std::move(options)),
+      m_tracer(std::move(tracer)),
+      m_owner(::getpid()),
+      m_exitCleanup([this] {
+          std::unique_lock lock(m_mutex, std::chrono::seconds(2));
+          if (lock.owns_lock()) {
+              RemoveEverything();
+          }
+      }) {}
 
 DynamicRules::~DynamicRules() {
     std::lock_guard lock(m_mutex);
+    RemoveEverything();
+}
+
+void DynamicRules::RemoveEverything() {
     if (!m_installed.empty()) {
         DeleteInstalled(m_installed);
         m_installed.clear();
+    }
+    RemoveUnusedChains();
+}
+
+void DynamicRules::RemoveUnusedChains() {
+    for (IpFamily family : {IpFamily::kIpv4, IpFamily::kIpv6}) {
+        ProcessOutput output;
+        const std::string& save =
+            family == IpFamily::kIpv4 ? m_options.ipv4Save : m_options.ipv6Save;
+        if (!QOR_SUCCEEDED(RunProcess({save, "-t", "filter"}, {}, output)) ||
+            output.exitCode != 0) {
+            continue;
+        }
+        // A refused run means another nti has just put a rule in: its chains stay.
+        const std::vector<std::string> commands = TeardownCommands(output.out);
+        if (!commands.empty()) {
+            ProcessOutput ignored;
+            const std::string& restore =
+                family == IpFamily::kIpv4 ? m_options.ipv4Restore : m_options.ipv6Restore;
+            (void)RunProcess({restore, "--noflush", "--wait"}, RestoreScript(commands), ignored);
+        }
     }
 }
 
@@ -385,6 +447,10 @@ qor::result_t DynamicRules::Restore(IpFamily family, const std::vector<std::stri
 
 qor::result_t DynamicRules::Initialize() {
     std::lock_guard lock(m_mutex);
+    return SetUpChains();
+}
+
+qor::result_t DynamicRules::SetUpChains() {
     const auto alive = [this](pid_t pid) {
         return pid == m_owner || ::kill(pid, 0) == 0 || errno != ESRCH;
     };
@@ -437,10 +503,20 @@ qor::result_t DynamicRules::AddRules(const dwi::firewall::Rules& rules, const ch
             added.push_back(std::move(entry));
         }
         std::unique_lock lock(m_mutex);
-        if (const qor::result_t r = Restore(IpFamily::kIpv4, v4); !QOR_SUCCEEDED(r)) {
+        // Another nti ending may have removed the chains since we set them up.
+        const auto restore = [&](IpFamily family, const std::vector<std::string>& commands) {
+            if (QOR_SUCCEEDED(Restore(family, commands))) {
+                return qor::errors::kOk;
+            }
+            if (const qor::result_t r = SetUpChains(); !QOR_SUCCEEDED(r)) {
+                return r;
+            }
+            return Restore(family, commands);
+        };
+        if (const qor::result_t r = restore(IpFamily::kIpv4, v4); !QOR_SUCCEEDED(r)) {
             return r;
         }
-        if (const qor::result_t r = Restore(IpFamily::kIpv6, v6); !QOR_SUCCEEDED(r)) {
+        if (const qor::result_t r = restore(IpFamily::kIpv6, v6); !QOR_SUCCEEDED(r)) {
             std::vector<std::string> undo;
             for (const Installed& entry : added) {
                 if (entry.v4) {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "dwi/firewall/services.h"
+#include "host/exit_signals.h"
 #include "qor/object.h"
 #include "qor/trace/tracer.h"
 
@@ -64,6 +65,12 @@ std::string DeleteCommand(const RuleText& rule);
 // RestoreScript wraps commands into an input for `iptables-restore --noflush`.
 std::string RestoreScript(const std::vector<std::string>& commands);
 
+// TeardownCommands reads `iptables-save -t filter` output and returns the
+// commands that delete each of our chains holding no rule, with its jump.
+// Run as one restore, the kernel refuses the whole run if another nti added a
+// rule in the meantime.
+std::vector<std::string> TeardownCommands(std::string_view saveText);
+
 // SetupCommands reads `iptables-save -t filter` output and returns the
 // commands that create the missing chains and jumps and delete the rules of
 // owners that `ownerAlive` says are gone.
@@ -84,7 +91,8 @@ struct FirewallOptions {
 // DynamicRules installs each AddRules call with one restore run per family
 // (IPv4 then IPv6; a failing IPv6 run takes the IPv4 rules back out). It
 // remembers what it installed by tag; RemoveRules deletes the installed
-// rules equal to the given records, and destruction deletes what is left.
+// rules equal to the given records, and destruction deletes what is left and
+// then the chains no nti uses any more.
 class DynamicRules : public qor::object::Ifaces<dwi::firewall::IDynamicRules> {
 public:
     DynamicRules(FirewallOptions options, qor::RefPtr<qor::ITracer> tracer);
@@ -117,15 +125,22 @@ private:
     };
 
     qor::result_t Restore(IpFamily family, const std::vector<std::string>& commands);
+    qor::result_t SetUpChains();
+    void RemoveUnusedChains();
+    void RemoveEverything();
     qor::result_t DeleteInstalled(const std::vector<Installed>& gone);
 
     FirewallOptions m_options;
     qor::RefPtr<qor::ITracer> m_tracer;
     pid_t m_owner;
-    mutable std::mutex m_mutex;
-    std::condition_variable m_added;
+    // Timed so that the cleanup at std::terminate cannot hang on it.
+    mutable std::timed_mutex m_mutex;
+    std::condition_variable_any m_added;
     std::vector<Installed> m_installed;
     std::set<std::string> m_addedTags;
+    // Last: destroyed first, so a cleanup running elsewhere finishes before
+    // the members it uses go.
+    ExitCleanup m_exitCleanup;
 };
 
 }  // namespace nti::host

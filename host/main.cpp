@@ -5,6 +5,7 @@
 #include <map>
 
 #include "host/commands/commands.h"
+#include "host/exit_signals.h"
 #include "host/man_page.h"
 
 namespace {
@@ -50,9 +51,9 @@ int main(int argc, char** argv) {
         "nti intercept and nti stats change this machine's firewall while they run: they add "
         "iptables and ip6tables rules to the filter table, in the chains NTI_IN, NTI_OUT and "
         "NTI_FWD (jumped to from INPUT, OUTPUT and FORWARD), each rule commented "
-        "\"nti:<pid>:<tag>\". They remove their rules when they end; the empty chains and "
-        "their jumps stay. Rules of a run that was killed are removed by the next run of "
-        "either command. nti info changes nothing; nti demo works in network namespaces of "
+        "\"nti:<pid>:<tag>\". They remove their rules when they end, and the chains with "
+        "their jumps once no rule is left in them. Rules of a run that was killed are removed "
+        "by the next run of either command. nti info changes nothing; nti demo works in network namespaces of "
         "its own and removes them.\n"
         "\n"
         "The common options may be given before or after the command."};
@@ -113,10 +114,22 @@ int main(int argc, char** argv) {
         const int code = app.exit(e);
         return code == 0 ? kExitOk : kExitUsage;
     }
+    InstallTerminateCleanup();
     for (auto& [sub, runner] : runners) {
-        if (sub->parsed()) {
-            return runner(options);
+        if (!sub->parsed()) {
+            continue;
         }
+        // Unwinding removes the rules; a cleanup still registered here belongs
+        // to an object something kept alive, and runs before the process ends.
+        try {
+            return runner(options);
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "nti: %s\n", e.what());
+        } catch (...) {
+            std::fprintf(stderr, "nti: unknown exception\n");
+        }
+        RunExitCleanups();
+        return kExitFailure;
     }
     return kExitUsage;
 }

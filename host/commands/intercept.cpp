@@ -205,7 +205,11 @@ public:
         if (rewritten) {
             ++m_rewritten;
         }
-        verdict = m_settings.verdict.verdict;
+        verdict =
+            m_settings.verdict.mixed
+                ? MixedVerdict(packet.payloadBegin,
+                               static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin))
+                : m_settings.verdict.verdict;
         Delayed* delayed = m_delayed.load();
         if (verdict == Verdict::LATER &&
             (delayed == nullptr ||
@@ -584,8 +588,10 @@ CommandRunner AddInterceptCommand(CLI::App& app) {
     sub->add_flag("--json", o.json, "One JSON packet record per line (see docs/json.md)");
     sub->add_flag("--quiet", o.quiet, "No line per packet, only the summary");
     sub->add_option("--verdict", o.verdict,
-                    "allow, drop, repeat, or later:<ms> (allowed that many milliseconds later, "
-                    "0 to 3600000)")
+                    "allow, drop, repeat, later:<ms> (allowed that many milliseconds later, 0 "
+                    "to 3600000), or mix:<ms>: a third each of allow, drop and later:<ms>, chosen "
+                    "by a hash of the UDP/TCP payload, so that the same datagram always gets the "
+                    "same answer (to test a path)")
         ->capture_default_str()
         ->type_name("VERDICT")
         ->check(Accepts("a verdict", ParseVerdict));

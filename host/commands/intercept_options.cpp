@@ -4,6 +4,7 @@
 
 #include <charconv>
 
+#include "host/commands/packet_summary.h"
 #include "host/firewall_rules.h"
 
 namespace nti::host {
@@ -109,13 +110,36 @@ std::optional<VerdictChoice> ParseVerdict(std::string_view text) {
     if (text == "repeat") {
         return VerdictChoice{Verdict::REPEAT, 0};
     }
-    constexpr std::string_view kLater = "later:";
-    if (text.starts_with(kLater)) {
-        if (const auto ms = ParseNumber<std::uint32_t>(text.substr(kLater.size()), 0, 3600000)) {
-            return VerdictChoice{Verdict::LATER, *ms};
+    for (const bool mixed : {false, true}) {
+        const std::string_view prefix = mixed ? "mix:" : "later:";
+        if (text.starts_with(prefix)) {
+            if (const auto ms =
+                    ParseNumber<std::uint32_t>(text.substr(prefix.size()), 0, 3600000)) {
+                return VerdictChoice{Verdict::LATER, *ms, mixed};
+            }
         }
     }
     return std::nullopt;
+}
+
+dwi::network_interceptor::Verdict MixedVerdict(const std::uint8_t* packet, std::size_t size) {
+    using dwi::network_interceptor::Verdict;
+    const PacketSummary s = Summarize(packet, size);
+    std::size_t start = 0;
+    if (s.sourcePort && !s.fragment && (s.protocol == 17 || s.protocol == 6)) {
+        const std::size_t header =
+            s.protocol == 17 ? 8
+            : s.transportOffset + 12 < size
+                ? static_cast<std::size_t>(packet[s.transportOffset + 12] >> 4) * 4
+                : size;
+        start = std::min(size, s.transportOffset + header);
+    }
+    std::uint32_t hash = 2166136261U;
+    for (std::size_t i = start; i < size; ++i) {
+        hash = (hash ^ packet[i]) * 16777619U;
+    }
+    constexpr Verdict kMix[] = {Verdict::ALLOW, Verdict::DROP, Verdict::LATER};
+    return kMix[hash % 3];
 }
 
 std::optional<dwi::firewall::Filter> BuildFilter(const FilterOptions& options, std::string& error) {

@@ -31,9 +31,16 @@ std::optional<std::pair<std::uint16_t, std::uint16_t>> ParseQueueRange(std::stri
 struct VerdictChoice {
     dwi::network_interceptor::Verdict verdict = dwi::network_interceptor::Verdict::ALLOW;
     std::uint32_t laterMs = 0;  // LATER: allowed this long after arrival
+    bool mixed = false;         // each packet gets MixedVerdict's answer
 };
-// ParseVerdict: "allow", "drop", "repeat" or "later:<ms>".
+// ParseVerdict: "allow", "drop", "repeat", "later:<ms>" or "mix:<ms>".
 std::optional<VerdictChoice> ParseVerdict(std::string_view text);
+
+// MixedVerdict answers ALLOW, DROP or LATER, about a third each, by the
+// 32-bit FNV-1a hash of the transport payload (of the whole packet when it
+// has no UDP or TCP header), modulo 3 in that order: the same datagram always
+// gets the same answer, so a test can tell which ones must arrive.
+dwi::network_interceptor::Verdict MixedVerdict(const std::uint8_t* packet, std::size_t size);
 
 // FilterOptions are the already validated match options.
 struct FilterOptions {

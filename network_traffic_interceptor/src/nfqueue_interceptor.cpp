@@ -62,6 +62,10 @@ nlmsghdr* BuildCfgCommand(char* buffer, std::uint8_t command, std::uint16_t pf,
     return nlh;
 }
 
+// The interceptor whose poll thread is dispatching a read on this thread: its
+// queued verdicts wake the reply thread once, at the end of the poll round.
+thread_local const NfQueueInterceptor* t_roundOwner = nullptr;
+
 struct SocketCloser {
     void operator()(mnl_socket* socket) const noexcept { mnl_socket_close(socket); }
 };
@@ -149,8 +153,19 @@ NfQueueInterceptor::NfQueueInterceptor(qor::IServiceLocator* serviceLocator, qor
     : ServiceLocatorProvider(serviceLocator),
       TracerProvider(qor::trace::CreatePrefixTracer(tracer, "NfQueueInterceptor")),
       m_firewall(std::move(firewall)),
-      m_receiveBuffer(kReceiveBufferSize) {
+      // Slots are touched only as far as messages fill them.
+      m_receiveBuffer(
+          std::make_unique_for_overwrite<std::uint8_t[]>(kReadBatch * kReceiveBufferSize)),
+      m_packetParser(
+          GetTracer(),
+          [this](const nlmsghdr* nlh, const nlattr** table) {
+              return HandlePacket(*m_readingEndpoint, nlh, table);
+          },
+          kNfqueueMaxAttribute, &NfqueueAttributeChecker()) {
     DWI_TRACE_ENTRY(GetTracer());
+    for (unsigned i = 0; i < kReadBatch; ++i) {
+        m_receiveVectors[i] = {m_receiveBuffer.get() + i * kReceiveBufferSize, kReceiveBufferSize};
+    }
 }
 
 NfQueueInterceptor::~NfQueueInterceptor() {
@@ -461,6 +476,11 @@ ssize_t NfQueueInterceptor::SendTo(mnl_socket* socket, const nlmsghdr* nlh) noex
     return mnl_socket_sendto(socket, nlh, nlh->nlmsg_len);
 }
 
+ssize_t NfQueueInterceptor::SendBatch(mnl_socket* socket, const nlmsghdr* first,
+                                      std::size_t length) noexcept {
+    return mnl_socket_sendto(socket, first, length);
+}
+
 // ---------------------------------------------------------------------------
 // Firewall rules
 
@@ -560,6 +580,7 @@ result_t NfQueueInterceptor::Run() {
                     result = errors::kOk;
                     break;
                 }
+                t_roundOwner = this;
                 if ((fds[0].revents & POLLIN) != 0) {
                     const result_t rc = ReadFromSocket(m_input);
                     if (!QOR_SUCCEEDED(rc)) {
@@ -576,10 +597,18 @@ result_t NfQueueInterceptor::Run() {
                             << "failed to read from output queue: " << qor::trace::Result{rc};
                     }
                 }
+                t_roundOwner = nullptr;
+                if (std::exchange(m_wakePending, false)) {
+                    NotifyReplyThread();
+                }
             }
         }
     } catch (...) {
         result = qor::CurrentExceptionToResult(GetTracer(), "Run");
+    }
+    t_roundOwner = nullptr;
+    if (std::exchange(m_wakePending, false)) {
+        NotifyReplyThread();
     }
     // The rules live exactly as long as this thread.
     RemoveFirewallRules();
@@ -589,28 +618,48 @@ result_t NfQueueInterceptor::Run() {
 }
 
 result_t NfQueueInterceptor::ReadFromSocket(const QueueEndpoint& endpoint) {
-    const ssize_t received =
-        mnl_socket_recvfrom(endpoint.socket, m_receiveBuffer.data(), m_receiveBuffer.size());
+    // The kernel queues one message per packet: one call takes up to a
+    // batch of them, never waiting for more than poll announced.
+    sockaddr_nl senders[kReadBatch];
+    for (unsigned i = 0; i < kReadBatch; ++i) {
+        m_receiveMessages[i].msg_hdr = {
+            &senders[i], sizeof(senders[i]), &m_receiveVectors[i], 1, nullptr, 0, 0};
+    }
+    const int received = recvmmsg(mnl_socket_get_fd(endpoint.socket), m_receiveMessages.data(),
+                                  kReadBatch, MSG_DONTWAIT, nullptr);
     if (received < 0) {
         const int error = errno;
+        if (error == EAGAIN) {
+            return errors::kOk;
+        }
         DWI_TRACE_FN(GetTracer(), level::kError)
             << "Cannot read from netlink socket: " << qor::ErrnoText(error);
         return errors::kUnspecified;
     }
-    const tools::MnlParser parser(
-        GetTracer(),
-        [this, &endpoint](const nlmsghdr* nlh, const nlattr** table) {
-            return HandlePacket(endpoint, nlh, table);
-        },
-        kNfqueueMaxAttribute, &NfqueueAttributeChecker());
-    if (parser.Parse(m_receiveBuffer.data(), static_cast<std::size_t>(received), 0,
-                     mnl_socket_get_portid(endpoint.socket)) < 0) {
-        const int error = errno;
-        DWI_TRACE_FN(GetTracer(), level::kError)
-            << "Cannot run callback: " << qor::ErrnoText(error);
-        return errors::kUnspecified;
+    result_t result = errors::kOk;
+    m_readingEndpoint = &endpoint;
+    const unsigned portId = mnl_socket_get_portid(endpoint.socket);
+    for (int i = 0; i < received; ++i) {
+        const mmsghdr& message = m_receiveMessages[i];
+        // A message cut short or not from a netlink peer is lost, as a
+        // single read would report it.
+        if ((message.msg_hdr.msg_flags & MSG_TRUNC) != 0 ||
+            message.msg_hdr.msg_namelen != sizeof(sockaddr_nl)) {
+            const int error = (message.msg_hdr.msg_flags & MSG_TRUNC) != 0 ? ENOSPC : EINVAL;
+            DWI_TRACE_FN(GetTracer(), level::kError)
+                << "Cannot read from netlink socket: " << qor::ErrnoText(error);
+            result = errors::kUnspecified;
+            continue;
+        }
+        if (m_packetParser.Parse(m_receiveVectors[i].iov_base, message.msg_len, 0, portId) < 0) {
+            const int error = errno;
+            DWI_TRACE_FN(GetTracer(), level::kError)
+                << "Cannot run callback: " << qor::ErrnoText(error);
+            result = errors::kUnspecified;
+        }
     }
-    return errors::kOk;
+    m_readingEndpoint = nullptr;
+    return result;
 }
 
 namespace {
@@ -728,16 +777,27 @@ result_t NfQueueInterceptor::SetVerdict(const QueueEndpoint& endpoint, const Pac
     // the whole queue after consuming it.
     const bool wake = m_verdicts.empty();
     m_verdicts.push_back(request);
-    if (wake && m_verdictEvent) {
-        const result_t _result = m_verdictEvent->Notify();
-        if (!QOR_SUCCEEDED(_result)) {
-            const int error = errno;
-            DWI_TRACE_FN(GetTracer(), level::kDebug)
-                << ::dwi::check::ResultHead{QOR_HERE, "m_verdictEvent->Notify()", _result} << ' '
-                << "Cannot write : " << qor::ErrnoText(error);
-        }
+    if (t_roundOwner == this) {
+        m_wakePending = true;
+    } else if (wake) {
+        NotifyReplyThread();
     }
     return errors::kOk;
+}
+
+void NfQueueInterceptor::NotifyReplyThread() {
+    std::lock_guard lock(m_verdictMutex);
+    if (!m_verdictEvent) {
+        return;
+    }
+    if (const result_t _result = m_verdictEvent->Notify(); !QOR_SUCCEEDED(_result)) {
+        const int error = errno;
+        // Traced as the queueing step it completes.
+        QOR_TRACE(GetTracer(), level::kDebug)
+            << "SetVerdict: "
+            << ::dwi::check::ResultHead{QOR_HERE, "m_verdictEvent->Notify()", _result} << ' '
+            << "Cannot write : " << qor::ErrnoText(error);
+    }
 }
 
 result_t NfQueueInterceptor::ReplyThread() {
@@ -748,7 +808,6 @@ result_t NfQueueInterceptor::ReplyThread() {
         pollfd fds[2] = {{m_verdictEvent->GetDescriptor(), POLLIN, 0},
                          {m_stopReply->GetDescriptor(), POLLIN, 0}};
         std::vector<VerdictRequest> taken;
-        alignas(nlmsghdr) char buffer[kShortVerdictBufferSize];
         for (;;) {
             const int ready = poll(fds, 2, kPollTimeoutMs);
             if (ready == -1) {
@@ -774,16 +833,7 @@ result_t NfQueueInterceptor::ReplyThread() {
                     std::lock_guard lock(m_verdictMutex);
                     taken.swap(m_verdicts);
                 }
-                for (const VerdictRequest& request : taken) {
-                    const nlmsghdr* nlh = BuildVerdictMessage(
-                        buffer, sizeof(buffer), request.endpoint.queueNumber, request.packetId,
-                        NetfilterVerdict(request.verdict), nullptr);
-                    if (SendTo(request.endpoint.socket, nlh) == -1) {
-                        const int error = errno;
-                        DWI_TRACE_FN(GetTracer(), level::kError)
-                            << "Cannot send packet verdict: " << qor::ErrnoText(error);
-                    }
-                }
+                SendVerdicts(taken);
                 // Keeps the capacity: the two vectors take turns as the queue.
                 taken.clear();
             }
@@ -795,6 +845,50 @@ result_t NfQueueInterceptor::ReplyThread() {
     m_stopReply.reset();
     m_verdictEvent.reset();
     return result;
+}
+
+void NfQueueInterceptor::SendVerdicts(const std::vector<VerdictRequest>& requests) {
+    alignas(nlmsghdr) char buffer[kSendBatch * kShortVerdictBufferSize];
+    const auto sendOne = [this](mnl_socket* socket, const nlmsghdr* nlh) {
+        if (SendTo(socket, nlh) == -1) {
+            const int error = errno;
+            // Traced as the reply thread's, whose queue it drains.
+            QOR_TRACE(GetTracer(), level::kError)
+                << "ReplyThread: Cannot send packet verdict: " << qor::ErrnoText(error);
+        }
+    };
+    std::size_t next = 0;
+    while (next < requests.size()) {
+        // One datagram per run of verdicts for the same channel, in queue
+        // order, each verdict still its own message.
+        mnl_socket* const socket = requests[next].endpoint.socket;
+        std::size_t length = 0;
+        unsigned count = 0;
+        for (; count < kSendBatch && next < requests.size() &&
+               requests[next].endpoint.socket == socket;
+             ++count, ++next) {
+            const VerdictRequest& request = requests[next];
+            const nlmsghdr* nlh = BuildVerdictMessage(
+                buffer + length, kShortVerdictBufferSize, request.endpoint.queueNumber,
+                request.packetId, NetfilterVerdict(request.verdict), nullptr);
+            length += MNL_ALIGN(nlh->nlmsg_len);
+        }
+        const auto* first = reinterpret_cast<const nlmsghdr*>(buffer);
+        if (count == 1) {
+            sendOne(socket, first);
+            continue;
+        }
+        if (SendBatch(socket, first, length) != -1) {
+            continue;
+        }
+        // A refused datagram reached the kernel not at all: each verdict goes
+        // again alone, so that one that cannot be sent loses only itself.
+        for (std::size_t offset = 0; offset < length;) {
+            const auto* nlh = reinterpret_cast<const nlmsghdr*>(buffer + offset);
+            sendOne(socket, nlh);
+            offset += MNL_ALIGN(nlh->nlmsg_len);
+        }
+    }
 }
 
 }  // namespace dwi::network_interceptor

@@ -2,10 +2,14 @@
 // NFQUEUE queues, with its netlink channels, poll thread and reply thread.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -14,6 +18,7 @@
 #include "dwi/firewall/rules.h"
 #include "dwi/firewall/services.h"
 #include "dwi_common/descriptor_notifier.h"
+#include "dwi_common/mnl_parser.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "network_traffic_interceptor/src/thread_runnable.h"
 #include "qor/object.h"
@@ -48,10 +53,15 @@ inline constexpr std::size_t kConfigBufferSize = 256;
 // Room for one verdict: the largest payload plus the headers.
 inline constexpr std::size_t kMaxVerdictPayload = 0xFFFF;
 inline constexpr std::size_t kVerdictBufferSize = kMaxVerdictPayload + 256;
-// Room for one verdict without payload.
-inline constexpr std::size_t kShortVerdictBufferSize = 64;
 // One read from a channel: the largest packet plus the message around it.
 inline constexpr std::size_t kReceiveBufferSize = 0xFFFF + 2048;
+// kReadBatch bounds the messages one read takes from one channel, so that a
+// busy queue cannot starve the other within a poll round.
+inline constexpr unsigned kReadBatch = 32;
+// kSendBatch bounds the verdicts the reply thread hands the kernel per call.
+inline constexpr unsigned kSendBatch = 64;
+// Room for one verdict without payload.
+inline constexpr std::size_t kShortVerdictBufferSize = 64;
 
 // Configuration builders. Each writes one NFQNL_MSG_CONFIG request (with
 // NLM_F_ACK) into `buffer` (at least kConfigBufferSize bytes, aligned for
@@ -107,8 +117,14 @@ public:
 
 protected:
     // SendTo writes one whole message to the kernel; returns the byte count or
-    // -1 with errno set. Every message of the interceptor leaves through it.
+    // -1 with errno set. Every message but the reply thread's leaves through it.
     virtual ssize_t SendTo(mnl_socket* socket, const nlmsghdr* nlh) noexcept;
+    // SendBatch writes `length` bytes of consecutive whole messages as one
+    // datagram; the kernel handles each message on its own, in order.
+    // Returns the byte count, or -1 with errno set when none was delivered.
+    // The reply thread's runs of verdicts leave through it.
+    virtual ssize_t SendBatch(mnl_socket* socket, const nlmsghdr* first,
+                              std::size_t length) noexcept;
 
 private:
     qor::result_t InitNetLinkSocket();
@@ -128,6 +144,10 @@ private:
     qor::result_t SetVerdict(const QueueEndpoint& endpoint, const Packet& packet,
                              std::uint32_t verdict);
     qor::result_t ReplyThread();
+    // SendVerdicts sends `requests` in order, one message each; a failed one
+    // is traced (as the reply thread's) and the rest still go.
+    void SendVerdicts(const std::vector<VerdictRequest>& requests);
+    void NotifyReplyThread();
 
     // Wakes threads left running (after a failed reply-thread start, or on
     // destruction) and joins them.
@@ -151,8 +171,15 @@ private:
     dwi::firewall::Filter m_filter;
     std::string m_tag;
     qor::RefPtr<dwi::firewall::IDynamicRules> m_firewall;
-    // Poll thread only.
-    std::vector<std::uint8_t> m_receiveBuffer;
+    // Poll thread only: kReadBatch receive slots of kReceiveBufferSize bytes,
+    // the parser, the endpoint being read, and whether verdicts were queued
+    // without waking the reply thread (it is woken once per poll round).
+    std::unique_ptr<std::uint8_t[]> m_receiveBuffer;
+    std::array<iovec, kReadBatch> m_receiveVectors{};
+    std::array<mmsghdr, kReadBatch> m_receiveMessages{};
+    const QueueEndpoint* m_readingEndpoint = nullptr;
+    tools::MnlParser m_packetParser;
+    bool m_wakePending = false;
 };
 
 }  // namespace dwi::network_interceptor

@@ -80,7 +80,7 @@ protected:
     const std::string m_me = std::to_string(::getpid());
 };
 
-TEST_F(DynamicRulesNetnsTest, InitializeHooksChainsOnceInBothFamilies) {
+TEST_F(DynamicRulesNetnsTest, ChainsLiveWhileAnyRunHasARuleInThem) {
     auto first = Make();
     auto second = Make();
     const std::vector<std::string> expected = {":NTI_FWD - [0:0]",      ":NTI_IN - [0:0]",
@@ -88,6 +88,21 @@ TEST_F(DynamicRulesNetnsTest, InitializeHooksChainsOnceInBothFamilies) {
                                                "-A FORWARD -j NTI_FWD", "-A OUTPUT -j NTI_OUT"};
     EXPECT_EQ(OurLines("iptables-save"), expected);
     EXPECT_EQ(OurLines("ip6tables-save"), expected);
+
+    ASSERT_EQ(second->AddRules({Udp(0, 7, 9)}, "x"), 0);
+    first = nullptr;
+    const std::string rule =
+        "-A NTI_IN -p udp -m udp --dport 9 -m comment --comment \"nti:" + m_me +
+        ":x\" -j NFQUEUE --queue-num 7 --queue-bypass";
+    const std::vector<std::string> inOnly = {":NTI_IN - [0:0]", "-A INPUT -j NTI_IN", rule};
+    EXPECT_EQ(OurLines("iptables-save"), inOnly);
+    EXPECT_EQ(OurLines("ip6tables-save"), inOnly);
+    // The chains the first run removed come back for the next rule.
+    ASSERT_EQ(second->AddRules({Udp(dwi::firewall::kOutbound, 7, 9)}, "x"), 0);
+    EXPECT_EQ(OurLines("iptables-save").size(), 8u);
+    second = nullptr;
+    EXPECT_EQ(OurLines("iptables-save"), std::vector<std::string>{});
+    EXPECT_EQ(OurLines("ip6tables-save"), std::vector<std::string>{});
 }
 
 TEST_F(DynamicRulesNetnsTest, AddsAndRemovesExactlyTheNamedRecords) {
@@ -123,11 +138,10 @@ TEST_F(DynamicRulesNetnsTest, AddsAndRemovesExactlyTheNamedRecords) {
     EXPECT_EQ(withoutChains(OurLines("iptables-save")), left);
     EXPECT_EQ(withoutChains(OurLines("ip6tables-save")), left);
 
-    // Destruction removes what is still installed.
+    // Destruction removes what is still installed, then the chains and jumps.
     rules = nullptr;
-    const std::vector<std::string> hooks(both.begin(), both.begin() + 3);
-    EXPECT_EQ(withoutChains(OurLines("iptables-save")), hooks);
-    EXPECT_EQ(withoutChains(OurLines("ip6tables-save")), hooks);
+    EXPECT_EQ(OurLines("iptables-save"), std::vector<std::string>{});
+    EXPECT_EQ(OurLines("ip6tables-save"), std::vector<std::string>{});
 }
 
 TEST_F(DynamicRulesNetnsTest, IdenticalRecordsOfTwoCallsAreRemovedOneAtATime) {

@@ -62,6 +62,19 @@ public:
         return NfQueueInterceptor::SendTo(socket, nlh);
     }
 
+    // SendBatch hands each message of the datagram to SendTo, so that
+    // batched verdicts are watched, held and forwarded alike.
+    ssize_t SendBatch(mnl_socket* socket, const nlmsghdr* first,
+                      std::size_t length) noexcept override {
+        const auto* bytes = reinterpret_cast<const char*>(first);
+        for (std::size_t offset = 0; offset < length;) {
+            const auto* nlh = reinterpret_cast<const nlmsghdr*>(bytes + offset);
+            SendTo(socket, nlh);
+            offset += MNL_ALIGN(nlh->nlmsg_len);
+        }
+        return static_cast<ssize_t>(length);
+    }
+
     // FailSend makes the `position`-th message (1-based) fail with `error`.
     void FailSend(std::size_t position, int error) {
         std::lock_guard lock(m_mutex);
