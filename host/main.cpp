@@ -53,7 +53,8 @@ int main(int argc, char** argv) {
         "NTI_FWD (jumped to from INPUT, OUTPUT and FORWARD), each rule commented "
         "\"nti:<pid>:<tag>\". They remove their rules when they end, and the chains with "
         "their jumps once no rule is left in them. Rules of a run that was killed are removed "
-        "by the next run of either command. nti info changes nothing; nti demo works in network namespaces of "
+        "by the next run of either command. nti info changes nothing; nti demo works in network "
+        "namespaces of "
         "its own and removes them.\n"
         "\n"
         "The common options may be given before or after the command."};
