@@ -83,8 +83,9 @@ std::string RenderManPage(const CLI::App& app, std::string_view name, std::strin
     // The summary is the first paragraph on one line.
     std::string summary = body.substr(0, body.find("\n\n"));
     std::replace(summary.begin(), summary.end(), '\n', ' ');
-    out << ".TH " << Upper(name) << " 1 \"" << RoffEscape(more.date) << "\" \"" << RoffEscape(name)
-        << ' ' << RoffEscape(version) << "\" \"User Commands\"\n";
+    // The date is plain YYYY-MM-DD: escaped, its hyphens would print as minus signs.
+    out << ".TH " << Upper(name) << " 1 \"" << more.date << "\" \"" << RoffEscape(name) << ' '
+        << RoffEscape(version) << "\" \"User Commands\"\n";
     out << ".SH NAME\n" << RoffEscape(name) << " \\- " << RoffEscape(summary) << '\n';
     const auto subcommands =
         app.get_subcommands([](const CLI::App* sub) { return !sub->get_group().empty(); });
