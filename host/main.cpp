@@ -48,14 +48,14 @@ int main(int argc, char** argv) {
         "nti - load the network traffic interceptor module and use it on this machine:\n"
         "intercept packets through NFQUEUE and watch per-connection traffic statistics.\n"
         "\n"
-        "nti intercept and nti stats change this machine's firewall while they run: they add "
-        "iptables and ip6tables rules to the filter table, in the chains NTI_IN, NTI_OUT and "
-        "NTI_FWD (jumped to from INPUT, OUTPUT and FORWARD), each rule commented "
-        "\"nti:<pid>:<tag>\". They remove their rules when they end, and the chains with "
-        "their jumps once no rule is left in them. Rules of a run that was killed are removed "
-        "by the next run of either command. nti info changes nothing; nti demo works in network "
-        "namespaces of "
-        "its own and removes them.\n"
+        "nti intercept and nti stats change this machine's firewall while they run, in the "
+        "firewall --firewall chooses, each rule commented \"nti:<pid>:<tag>\". With nft they "
+        "add one nftables table, inet nti_<pid>, that the kernel deletes when nti ends, "
+        "however it ends. With iptables they add iptables and ip6tables rules to the chains "
+        "NTI_IN, NTI_OUT and NTI_FWD (jumped to from INPUT, OUTPUT and FORWARD), remove them "
+        "when they end, and the chains with their jumps once no rule is left in them; rules "
+        "of a run that was killed are removed by the next run. nti info changes nothing; nti "
+        "demo works in network namespaces of its own and removes them.\n"
         "\n"
         "The common options may be given before or after the command."};
     app.require_subcommand(1);
@@ -88,6 +88,13 @@ int main(int argc, char** argv) {
                               throw CLI::Success();
                           })
         ->group("");
+    app.add_option("--firewall", options.firewall,
+                   "Firewall that holds the rules: nft (a table the kernel deletes when nti "
+                   "ends, even when killed), iptables (chains NTI_IN/OUT/FWD; rules of killed "
+                   "runs are removed by the next start) or auto (nft where the kernel supports "
+                   "what the command needs)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"auto", "nft", "iptables"}));
     app.add_option("--state-dir", options.stateDir,
                    "Directory of the key-value storage, state.db (default /var/lib/nti for "
                    "root, else $XDG_STATE_HOME/nti or ~/.local/state/nti)")
@@ -106,7 +113,7 @@ int main(int argc, char** argv) {
     for (CLI::App* sub : app.get_subcommands({})) {
         sub->footer(
             "The common options (--module, --trace-level, --trace-file, --trace-journal, "
-            "--state-dir) may come before or after the command: see nti --help.");
+            "--firewall, --state-dir) may come before or after the command: see nti --help.");
     }
 
     try {

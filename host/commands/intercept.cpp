@@ -15,6 +15,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <thread>
 
 #include "host/commands/commands.h"
@@ -322,8 +323,12 @@ struct Fd {
     }
 };
 
-// WaitForEnd sleeps until a signal, the packet count or the duration.
-const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
+// WaitForEnd sleeps until a signal, the packet count, the duration, or the
+// end of the interception on its own: its thread removes the rules when it
+// fails, and a run without rules only pretends to intercept.
+const char* WaitForEnd(int signalFd, int countFd, double durationSeconds,
+                       const RulesService& rules) {
+    constexpr int kRulesCheckMs = 500;
     const auto start = std::chrono::steady_clock::now();
     const auto deadline = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                       std::chrono::duration<double>(durationSeconds));
@@ -337,6 +342,10 @@ const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
             }
             timeout = static_cast<int>(std::min<long long>(left.count() + 1, 1 << 30));
         }
+        if (rules.InstalledCount() == 0) {
+            return "interception end";
+        }
+        timeout = timeout < 0 ? kRulesCheckMs : std::min(timeout, kRulesCheckMs);
         pollfd fds[2] = {{signalFd, POLLIN, 0}, {countFd, POLLIN, 0}};
         const int n = ::poll(fds, 2, timeout);
         if (n < 0 && errno != EINTR) {
@@ -504,9 +513,12 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
     if (host.Firewall()->WaitForTag(o.tag, kRulesTimeout)) {
         std::fprintf(stderr, "nti intercept: intercepting on queues %u-%u with tag %s\n",
                      firstQueue, firstQueue + 1u, o.tag.c_str());
-        reason = WaitForEnd(signalFd.fd, countFd.fd, durationSeconds);
+        reason = WaitForEnd(signalFd.fd, countFd.fd, durationSeconds, *host.Firewall());
         if (consumer->OutputClosed()) {
             reason = "closed output";
+        } else if (reason == std::string_view("interception end")) {
+            std::fprintf(stderr, "nti intercept: the interception ended by itself\n");
+            exitCode = kExitFailure;
         }
     } else {
         std::fprintf(stderr, "nti intercept: the firewall rules were not installed\n");
@@ -551,8 +563,8 @@ CommandRunner AddInterceptCommand(CLI::App& app) {
         "NFQUEUE, print each one and answer it with the chosen verdict; a summary ends the "
         "run.\n"
         "\n"
-        "Changes on this machine while it runs: iptables and ip6tables rules in the chains "
-        "NTI_IN, NTI_OUT and NTI_FWD that send the selected packets to two NFQUEUE queues; "
+        "Changes on this machine while it runs: firewall rules (see --firewall) that send the "
+        "selected packets to two NFQUEUE queues; "
         "those packets wait for nti's verdict (they pass unseen while nobody reads the queues, "
         "or are dropped then with --fail-closed). It ends at --count, --duration, SIGINT, "
         "SIGTERM, SIGHUP, SIGQUIT or a closed standard output, and then removes its rules and "

@@ -185,7 +185,8 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
         std::fprintf(stderr, "nti stats: cannot load module: %s\n", host.Error().c_str());
         return kExitFailure;
     }
-    if (const qor::result_t r = host.StartFirewall(FirewallSettings{}); !QOR_SUCCEEDED(r)) {
+    if (const qor::result_t r = host.StartFirewall(FirewallSettings{.queues = false});
+        !QOR_SUCCEEDED(r)) {
         std::fprintf(stderr, "nti stats: %s: %s\n", host.Error().c_str(),
                      qor::FormatResult(r).c_str());
         return kExitFailure;
@@ -241,7 +242,9 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
             printer.Print(intervals, false);
             // SIGPIPE is ignored: a reader that went away ends the run here,
             // so the collector is still unregistered and its interval saved.
-            if (std::fflush(stdout) != 0) {
+            // The failed flush inside Print already dropped what it held:
+            // the error flag is what remains of it.
+            if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
                 break;
             }
         }
@@ -264,9 +267,9 @@ CommandRunner AddStatsCommand(CLI::App& app) {
         "print each closed interval: a table with one row per connection, largest first, or "
         "JSON interval records (--json).\n"
         "\n"
-        "Changes on this machine while it runs: iptables and ip6tables NFLOG rules in the "
-        "chains NTI_IN, NTI_OUT and NTI_FWD that copy packet headers to nti (packets pass as "
-        "before). It ends at --intervals, SIGINT, SIGTERM, SIGHUP, SIGQUIT or a closed "
+        "Changes on this machine while it runs: NFLOG firewall rules (see --firewall) that "
+        "copy packet headers to nti (packets pass as before). It ends at --intervals, SIGINT, "
+        "SIGTERM, SIGHUP, SIGQUIT or a closed "
         "standard output, and then removes its rules. Intervals closed but not printed are "
         "saved in the state directory (--state-dir) and printed first by the next run with the "
         "same --id; --unregister drops them instead. Needs root or CAP_NET_ADMIN.");

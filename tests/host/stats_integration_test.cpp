@@ -105,7 +105,7 @@ public:
     bool WaitForRules() const {
         for (int i = 0; i < 100; ++i) {
             std::string rules;
-            m_ns.Exec("iptables-save; ip6tables-save", &rules);
+            m_ns.Exec("iptables-save; ip6tables-save; nft list ruleset", &rules);
             if (rules.find("zolt_stats_in") != std::string::npos &&
                 rules.find("zolt_stats_out") != std::string::npos && Alive()) {
                 return true;
@@ -440,7 +440,7 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
         EXPECT_EQ(nti.Stdout(), "");
     }
     std::string rules;
-    m_host.Exec("iptables-save", &rules);
+    m_host.Exec("iptables-save; nft list ruleset", &rules);
     EXPECT_EQ(rules.find("zolt"), std::string::npos) << rules;
     EXPECT_FALSE(std::filesystem::exists(m_state.Path() / "state.db"));
 }
