@@ -8,6 +8,7 @@
 
 #include "host/commands/commands.h"
 #include "host/commands/stats_format.h"
+#include "host/json_records.h"
 #include "host/service/history_store.h"
 #include "host/service/service_config.h"
 
@@ -63,8 +64,8 @@ int RunHistory(const HistoryOptions& o) {
     }
     for (const HistoryInterval& h : intervals) {
         const IntervalHeader header{h.collector, false};
-        const std::string text =
-            o.json ? FormatJsonLine(header, h.interval) : FormatTable(header, h.interval) + "\n";
+        const std::string text = o.json ? JsonLine(IntervalJson(h.collector, h.interval))
+                                        : FormatTable(header, h.interval) + "\n";
         std::fwrite(text.data(), 1, text.size(), stdout);
     }
     return std::fflush(stdout) == 0 ? kExitOk : kExitFailure;

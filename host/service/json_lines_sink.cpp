@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "host/commands/stats_format.h"
+#include "host/json_records.h"
 #include "host/service/interval_sink.h"
 
 namespace nti::host {
@@ -25,7 +26,7 @@ public:
 
     std::string Write(std::uint32_t collector, bool restored,
                       const IntervalCounters& interval) override {
-        const std::string line = FormatJsonLine(IntervalHeader{collector, restored}, interval);
+        const std::string line = JsonLine(IntervalJson(collector, interval, restored));
         // A line is written whole or the failure is reported; a reader
         // never sees a line cut short by a full buffer without an error.
         if (std::fwrite(line.data(), 1, line.size(), m_file) != line.size() ||

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "host/commands/stats_format.h"
+#include "host/duration.h"
 
 namespace nti::host {
 namespace {
@@ -73,11 +74,11 @@ void ReadCollector(Section& s, ServiceConfig& c) {
         id ? void(c.collectorId = *id) : s.Fail("id", *v, "a 32-bit number");
     }
     if (const auto v = s.Text("period")) {
-        const auto ms = ParsePeriod(*v);
-        if (!ms || *ms < kMinPeriodMs) {
-            s.Fail("period", *v, "10s to 24h (seconds: 60 or 60s)");
+        const auto period = ParseDuration(*v);
+        if (!period || period->count() < kMinPeriodMs || *period > std::chrono::hours(24)) {
+            s.Fail("period", *v, "10s to 24h (60, 60s, 5m, 1h)");
         } else {
-            c.periodMs = *ms;
+            c.periodMs = static_cast<std::uint32_t>(period->count());
         }
     }
     if (const auto v = s.Text("alignment")) {
