@@ -223,7 +223,7 @@ std::map<Flow, Counts> Totals(const std::vector<pt::ptree>& intervals, const std
             const bool localIsA = local.rfind(sideA, 0) == 0;
             const Flow flow{
                 localIsA ? local : remote, localIsA ? remote : local,
-                Text(c, "protocol") == "null" ? -1 : static_cast<int>(Number(c, "protocol"))};
+                Text(c, "ipProtocol") == "null" ? -1 : static_cast<int>(Number(c, "ipProtocol"))};
             Counts& counts = totals[flow];
             const auto sent = std::make_pair(Number(c, "packetsSent"), Number(c, "bytesSent"));
             const auto received =
@@ -422,8 +422,11 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
         const char* message;
     };
     const Case cases[] = {
-        {{"--period", "0"}, "--period 0: expected seconds"},
-        {{"--period", "5m"}, "--period 5m: expected seconds"},
+        {{"--period", "0"}, "--period 0: expected a time from 1ms to 24h"},
+        {{"--period", "25h"}, "--period 25h: expected a time"},
+        {{"--period", "5x"}, "--period 5x: expected a time"},
+        {{"--proto", "nope"}, "not a protocol: nope"},
+        {{"--addr", "198.18.0.0/40"}, "not an address or CIDR network: 198.18.0.0/40"},
         {{"--alignment", "now"}, "--alignment now: expected epoch or registration"},
         {{"--ip6tables", "maybe"}, "--ip6tables maybe: expected auto, yes or no"},
         {{"--nflog-bypass-mark", "0"}, "expected a non-zero 32-bit number"},
