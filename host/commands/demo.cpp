@@ -12,6 +12,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -191,8 +192,12 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
     }
     struct sigaction action {};
     action.sa_handler = &OnDemoSignal;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    // Every ending signal takes the way out that removes the namespaces;
+    // a closed output must not kill the demo half-way.
+    for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        sigaction(signo, &action, nullptr);
+    }
+    std::signal(SIGPIPE, SIG_IGN);
 
     std::printf("== Setting up namespaces (peer <-veth-> dut)\n");
     NetworkNamespace peer;
