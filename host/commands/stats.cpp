@@ -1,5 +1,6 @@
 // nti stats: per-connection traffic statistics from the module's
 // ConnectionCounters, printed interval by interval.
+#include <net/if.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -297,7 +298,11 @@ CommandRunner AddStatsCommand(CLI::App& app) {
         ->check(Accepts("a protocol", ParseProtocol));
     sub->add_option("--interface", o.interfaceName,
                     "Only connections whose local address or MAC address is this interface's")
-        ->type_name("NAME");
+        ->type_name("NAME")
+        ->check(Accepts("an interface name (1 to 15 characters)", [](const std::string& name) {
+            return !name.empty() && name.size() < IF_NAMESIZE ? std::optional<bool>(true)
+                                                              : std::nullopt;
+        }));
     sub->add_option("--addr", o.address,
                     "Only connections with this address or network (CIDR) at either end")
         ->type_name("ADDR")

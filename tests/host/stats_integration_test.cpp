@@ -440,6 +440,7 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
         {{"--period", "5x"}, "--period 5x: expected a time"},
         {{"--proto", "nope"}, "not a protocol: nope"},
         {{"--addr", "198.18.0.0/40"}, "not an address or CIDR network: 198.18.0.0/40"},
+        {{"--interface", "a-name-of-16-chr"}, "not an interface name"},
         {{"--alignment", "now"}, "--alignment now: expected epoch or registration"},
         {{"--ip6tables", "maybe"}, "--ip6tables maybe: expected auto, yes or no"},
         {{"--nflog-bypass-mark", "0"}, "expected a non-zero 32-bit number"},
