@@ -9,14 +9,14 @@
 #
 # Usage: bench/service_memory.sh [build-dir]   (root, python3; default build/release)
 # Env: DURATION (1800 s), SAMPLE (60 s), CONNECTIONS (500 per second),
-#      PERIOD (10s), RETENTION (5m)
+#      PERIOD (60s), RETENTION (5m)
 set -euo pipefail
 
 BUILD=${1:-build/release}
 DURATION=${DURATION:-1800}
 SAMPLE=${SAMPLE:-60}
 CONNECTIONS=${CONNECTIONS:-500}
-PERIOD=${PERIOD:-10s}
+PERIOD=${PERIOD:-60s}
 RETENTION=${RETENTION:-5m}
 for f in "$BUILD/host/nti" "$BUILD/network_traffic_interceptor/libnetwork_traffic_interceptor.so"; do
   [ -e "$f" ] || { echo "missing $f: cmake --preset release && cmake --build $BUILD" >&2; exit 1; }

@@ -429,7 +429,7 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
         const char* config = nullptr;  // stats-service with this file
     };
     const Case cases[] = {
-        {{}, "[collector] period = 5: expected 10s to 24h", "[collector]\nperiod = 5\n"},
+        {{}, "[collector] period = 59: expected 60s to 24h", "[collector]\nperiod = 59\n"},
         {{}, "[json] path = : expected a file", "[json]\n"},
         {{}, "[sqlite] keep: unknown key", "[sqlite]\npath = x\nkeep = 2d\n"},
         {{}, "[ipfix] port = 0: expected 1 to 65535", "[ipfix]\nhost = 198.18.10.2\nport = 0\n"},
