@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 
+#include "host/ip_protocol.h"
 #include "host/process.h"
 #include "qor/trace/record.h"
 
@@ -68,26 +69,6 @@ std::optional<std::string> NetworkText(const IpNetwork& net) {
     char text[INET6_ADDRSTRLEN] = {};
     inet_ntop(net.family == 4 ? AF_INET : AF_INET6, masked.data(), text, sizeof(text));
     return std::string(text) + "/" + std::to_string(net.prefixLength);
-}
-
-bool HasPorts(std::uint8_t protocol) {
-    // TCP, UDP, DCCP, SCTP, UDP-Lite: the ones whose match takes --sport/--dport.
-    return protocol == 6 || protocol == 17 || protocol == 33 || protocol == 132 || protocol == 136;
-}
-
-std::string ProtocolText(std::uint8_t protocol) {
-    switch (protocol) {
-        case 1:
-            return "icmp";
-        case 6:
-            return "tcp";
-        case 17:
-            return "udp";
-        case 58:
-            return "ipv6-icmp";
-        default:
-            return std::to_string(protocol);
-    }
 }
 
 bool IsAny(const PortRange& r) {
@@ -269,10 +250,10 @@ std::string IptablesSpec(const RuleParts& p, std::string_view comment) {
         s += (p.outputInterface ? " -o " : " -i ") + p.interfaceName;
     }
     if (p.protocol != 0) {
-        s += " -p " + ProtocolText(p.protocol);
+        s += " -p " + ProtocolName(p.protocol);
     }
     if (p.ports) {
-        s += " -m " + ProtocolText(p.protocol);
+        s += " -m " + ProtocolName(p.protocol);
         if (p.sourcePorts) {
             s += " --sport " + PortText(*p.sourcePorts, ':');
         }

@@ -9,9 +9,10 @@
 namespace nti::host {
 
 CommandRunner AddInfoCommand(CLI::App& app) {
-    app.add_subcommand("info",
-                       "Load the module, create and release each of its classes and print the "
-                       "result codes and the module's unload answer.");
+    app.add_subcommand(
+        "info",
+        "Load the module, create and release each of its classes and print the "
+        "result codes and the module's unload answer. Changes nothing on the machine.");
     return [](const CommonOptions& options) {
         HostContext host;
         const qor::result_t opened = host.Open(options);

@@ -164,11 +164,11 @@ TEST_F(InterceptTest, AllowAllPassesTrafficAndSeesEachRequestOnceOnTheInputQueue
     ASSERT_EQ(Stop(*nti), 0) << nti->Error();
 
     const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"proto\":1,",
+    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"ipProtocol\":1,",
                             "\"src\":\"198.18.0.1\"", "\"verdict\":\"ALLOW\""}),
               3u);
-    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"proto\":17,",
-                            "\"sport\":40000", "\"dport\":5000", "\"indev\":\"d0\""}),
+    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"ipProtocol\":17,",
+                            "\"srcPort\":40000", "\"dstPort\":5000", "\"indev\":\"d0\""}),
               5u);
     EXPECT_EQ(Count(lines, {"\"queue\":\"out\""}), 0u);
     std::set<std::string> ids;
@@ -191,8 +191,8 @@ TEST_F(InterceptTest, DropMakesTheSelectedPacketsVanish) {
     EXPECT_EQ(Deliver(*sender, *passed, NetnsPair::kDut4, 5001, 2), 2);
     ASSERT_EQ(Stop(*nti), 0) << nti->Error();
     const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"dport\":5000", "\"verdict\":\"DROP\""}), 5u);
-    EXPECT_EQ(Count(lines, {"\"dport\":5001"}), 0u);
+    EXPECT_EQ(Count(lines, {"\"dstPort\":5000", "\"verdict\":\"DROP\""}), 5u);
+    EXPECT_EQ(Count(lines, {"\"dstPort\":5001"}), 0u);
     EXPECT_EQ(Count(lines, {"\"summary\"", "\"drop\":5,"}), 1u);
     // Rules gone: the port delivers again.
     EXPECT_EQ(Deliver(*sender, *dropped, NetnsPair::kDut4, 5000, 1), 1);
@@ -262,10 +262,10 @@ TEST_F(InterceptTest, Ipv6TrafficIsInterceptedToo) {
     EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut6, 5000, 3), 3);
     ASSERT_EQ(Stop(*nti), 0) << nti->Error();
     const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"family\":6", "\"src\":\"fd00:198:18::1\"", "\"proto\":17,",
-                            "\"dport\":5000"}),
+    EXPECT_EQ(Count(lines, {"\"family\":6", "\"src\":\"fd00:198:18::1\"", "\"ipProtocol\":17,",
+                            "\"dstPort\":5000"}),
               3u);
-    EXPECT_GE(Count(lines, {"\"family\":6", "\"proto\":58,"}), 2u);
+    EXPECT_GE(Count(lines, {"\"family\":6", "\"ipProtocol\":58,"}), 2u);
     EXPECT_EQ(Count(lines, {"\"family\":4"}), 0u);
 }
 
@@ -285,9 +285,9 @@ TEST_F(InterceptTest, TwoInterceptionsWithTheirOwnTagsRunSideBySide) {
     EXPECT_NE(afterA.find(":beta\""), std::string::npos);
     EXPECT_EQ(Deliver(*sender, *sinkB, NetnsPair::kDut4, 5001, 1), 1);
     ASSERT_EQ(Stop(*b), 0) << b->Error();
-    EXPECT_EQ(Count(a->OutputLines(), {"\"queueNumber\":1100", "\"dport\":5000"}), 2u);
-    EXPECT_EQ(Count(b->OutputLines(), {"\"queueNumber\":1150", "\"dport\":5001"}), 4u);
-    EXPECT_EQ(Count(b->OutputLines(), {"\"dport\":5000"}), 0u);
+    EXPECT_EQ(Count(a->OutputLines(), {"\"queueNumber\":1100", "\"dstPort\":5000"}), 2u);
+    EXPECT_EQ(Count(b->OutputLines(), {"\"queueNumber\":1150", "\"dstPort\":5001"}), 4u);
+    EXPECT_EQ(Count(b->OutputLines(), {"\"dstPort\":5000"}), 0u);
 }
 
 // Every way a fail-closed run can end, with either firewall: afterwards no
@@ -480,12 +480,35 @@ TEST_F(InterceptTest, WrongArgumentsExitWithUsageAndTouchNothing) {
           {"--local-port", "53"},
           {"--remote-addr", "198.18.0.0/40"},
           {"--verdict", "later"},
+          {"--duration", "5x"},
+          {"--duration", "0"},
           {"--family", "4", "--local-addr", "fd00:198:18::2"}}) {
         Program nti(NtiArgv(args));
         EXPECT_EQ(nti.Wait(10s), 2) << args[0] << " " << args[1];
         EXPECT_FALSE(nti.Error().empty());
     }
     EXPECT_EQ(DutSave("iptables-save").find("NTI_"), std::string::npos);
+}
+
+// Without CAP_NET_ADMIN the commands that change the firewall say so in one
+// line and exit with 2 before touching it; help texts show plain ranges.
+TEST_F(InterceptTest, CommandLineForTheLiveHost) {
+    for (const char* command : {"intercept", "stats"}) {
+        Program nti({"ip", "netns", "exec", m_net->Dut(), "setpriv", "--inh-caps=-net_admin",
+                     "--bounding-set=-net_admin", m_bin, command, "--module", m_module});
+        EXPECT_EQ(nti.Wait(10s), 2) << command;
+        EXPECT_EQ(nti.Error(), "nti " + std::string(command) + ": needs root or CAP_NET_ADMIN\n");
+    }
+    EXPECT_EQ(DutLeftovers(), "");
+
+    for (const char* command : {"intercept", "stats", "demo"}) {
+        Program help({m_bin, command, "--help"});
+        EXPECT_EQ(help.Wait(10s), 0) << command;
+        EXPECT_EQ(Count(help.OutputLines(), {" in ["}), 0u) << command;
+    }
+    Program version({m_bin, "--version"});
+    EXPECT_EQ(version.Wait(10s), 0);
+    EXPECT_EQ(Count(version.OutputLines(), {"nti 0."}), 1u);
 }
 
 }  // namespace
