@@ -83,7 +83,7 @@ for line in open(sys.argv[1]):
     line = line.strip()
     if line.startswith("{"):
         for c in json.loads(line)["connections"]:
-            if c.get("localPort") == 5000 and c.get("protocol") == 17:
+            if c.get("localPort") == 5000 and c.get("ipProtocol") == 17:
                 total += c["packetsReceived"]
 print(total)
 EOF

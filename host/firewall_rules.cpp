@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 
+#include "host/ip_protocol.h"
 #include "host/process.h"
 #include "qor/trace/record.h"
 
@@ -70,46 +71,45 @@ std::optional<std::string> NetworkText(const IpNetwork& net) {
     return std::string(text) + "/" + std::to_string(net.prefixLength);
 }
 
-bool HasPorts(std::uint8_t protocol) {
-    // TCP, UDP, DCCP, SCTP, UDP-Lite: the ones whose match takes --sport/--dport.
-    return protocol == 6 || protocol == 17 || protocol == 33 || protocol == 132 || protocol == 136;
-}
-
-std::string ProtocolText(std::uint8_t protocol) {
-    switch (protocol) {
-        case 1:
-            return "icmp";
-        case 6:
-            return "tcp";
-        case 17:
-            return "udp";
-        case 58:
-            return "ipv6-icmp";
-        default:
-            return std::to_string(protocol);
-    }
-}
-
 bool IsAny(const PortRange& r) {
     return r.first == 0 && r.last == 0;
-}
-
-std::optional<std::string> PortText(const PortRange& r) {
-    if (r.last == 0 || r.last == r.first) {
-        return std::to_string(r.first);
-    }
-    if (r.first > r.last) {
-        return std::nullopt;
-    }
-    return std::to_string(r.first) + ":" + std::to_string(r.last);
 }
 
 std::string CommentMatch(std::string_view comment) {
     return " -m comment --comment \"" + std::string(comment) + "\"";
 }
 
-qor::result_t RenderQueueRule(const QueueRule& rule, IpFamily family, std::string_view comment,
-                              bool failClosed, std::optional<RuleText>& out) {
+// RuleParts is a record taken apart for one family: what every firewall
+// matches on, before each prints it in its own syntax.
+struct RuleParts {
+    const char* chain = nullptr;  // kChainIn, kChainOut or kChainFwd
+    bool atHead = false;
+    // Queue rules; empty text matches anything.
+    std::string source;
+    std::string destination;
+    std::string interfaceName;
+    bool outputInterface = false;
+    std::uint8_t protocol = 0;
+    bool ports = false;  // the protocol's port match is used
+    std::optional<PortRange> sourcePorts;
+    std::optional<PortRange> destinationPorts;
+    std::optional<std::uint16_t> queue;
+    bool bypass = false;
+    // NFLOG rules.
+    bool notLoopbackIn = false;
+    bool notLoopbackOut = false;
+    std::optional<std::uint32_t> notMark;
+    bool notMulticast = false;
+    bool notBroadcast = false;
+    std::uint16_t nflogGroup = 0;
+};
+
+bool ValidPorts(const PortRange& r) {
+    return r.last == 0 || r.first <= r.last;
+}
+
+qor::result_t SplitQueueRule(const QueueRule& rule, IpFamily family, bool failClosed,
+                             std::optional<RuleParts>& out) {
     using namespace dwi::firewall;
     constexpr qor::result_t kInvalid = qor::errors::kInvalidArgument;
     if ((rule.direction & ~std::uint32_t{kOutbound | kForwarded}) != 0) {
@@ -145,73 +145,52 @@ qor::result_t RenderQueueRule(const QueueRule& rule, IpFamily family, std::strin
     };
     const std::optional<std::string> local = address(rule.localAddress);
     const std::optional<std::string> remote = address(rule.remoteAddress);
-    if (!local || !remote) {
-        return kInvalid;
-    }
-    const std::optional<std::string> localPort = PortText(rule.localPorts);
-    const std::optional<std::string> remotePort = PortText(rule.remotePorts);
-    if (!localPort || !remotePort) {
+    if (!local || !remote || !ValidPorts(rule.localPorts) || !ValidPorts(rule.remotePorts)) {
         return kInvalid;
     }
     out.reset();
     if (!families.Has(family)) {
         return qor::errors::kOk;
     }
-
-    RuleText text;
-    text.chain = (rule.direction & kForwarded) != 0 ? kChainFwd : outbound ? kChainOut : kChainIn;
-    const std::string& source = outbound ? *local : *remote;
-    const std::string& destination = outbound ? *remote : *local;
-    std::string& s = text.spec;
-    if (!source.empty()) {
-        s += " -s " + source;
+    RuleParts p;
+    p.chain = (rule.direction & kForwarded) != 0 ? kChainFwd : outbound ? kChainOut : kChainIn;
+    p.source = outbound ? *local : *remote;
+    p.destination = outbound ? *remote : *local;
+    p.interfaceName = rule.interfaceName;
+    p.outputInterface = outbound;
+    p.protocol = rule.protocol;
+    p.ports = ports;
+    const PortRange& sourcePorts = outbound ? rule.localPorts : rule.remotePorts;
+    const PortRange& destinationPorts = outbound ? rule.remotePorts : rule.localPorts;
+    if (!IsAny(sourcePorts)) {
+        p.sourcePorts = sourcePorts;
     }
-    if (!destination.empty()) {
-        s += " -d " + destination;
+    if (!IsAny(destinationPorts)) {
+        p.destinationPorts = destinationPorts;
     }
-    if (!rule.interfaceName.empty()) {
-        s += (outbound ? " -o " : " -i ") + rule.interfaceName;
-    }
-    if (rule.protocol != 0) {
-        s += " -p " + ProtocolText(rule.protocol);
-    }
-    if (ports) {
-        s += " -m " + ProtocolText(rule.protocol);
-        if (!IsAny(outbound ? rule.localPorts : rule.remotePorts)) {
-            s += " --sport " + (outbound ? *localPort : *remotePort);
-        }
-        if (!IsAny(outbound ? rule.remotePorts : rule.localPorts)) {
-            s += " --dport " + (outbound ? *remotePort : *localPort);
-        }
-    }
-    s += CommentMatch(comment);
-    s += " -j NFQUEUE --queue-num " + std::to_string(rule.queueNumber);
-    if (!failClosed) {
-        s += " --queue-bypass";
-    }
-    s.erase(0, 1);
-    out = std::move(text);
+    p.queue = rule.queueNumber;
+    p.bypass = !failClosed;
+    out = std::move(p);
     return qor::errors::kOk;
 }
 
-qor::result_t RenderNflogRule(const NflogRule& rule, IpFamily family, std::string_view comment,
-                              std::optional<RuleText>& out) {
+qor::result_t SplitNflogRule(const NflogRule& rule, IpFamily family,
+                             std::optional<RuleParts>& out) {
     using namespace dwi::firewall;
-    RuleText text;
-    text.atHead = true;
-    std::string loopback;
+    RuleParts p;
+    p.atHead = true;
     switch (rule.chain) {
         case kChainInput:
-            text.chain = kChainIn;
-            loopback = " ! -i lo";
+            p.chain = kChainIn;
+            p.notLoopbackIn = rule.excludeLoopback;
             break;
         case kChainOutput:
-            text.chain = kChainOut;
-            loopback = " ! -o lo";
+            p.chain = kChainOut;
+            p.notLoopbackOut = rule.excludeLoopback;
             break;
         case kChainForward:
-            text.chain = kChainFwd;
-            loopback = " ! -i lo ! -o lo";
+            p.chain = kChainFwd;
+            p.notLoopbackIn = p.notLoopbackOut = rule.excludeLoopback;
             break;
         default:
             return qor::errors::kInvalidArgument;
@@ -223,26 +202,140 @@ qor::result_t RenderNflogRule(const NflogRule& rule, IpFamily family, std::strin
     if (rule.ipVersion && *rule.ipVersion != static_cast<std::uint8_t>(family)) {
         return qor::errors::kOk;
     }
-    std::string& s = text.spec;
-    if (rule.excludeLoopback) {
-        s += loopback;
-    }
     if (rule.bypassMarkSet) {
-        char mark[16];
-        std::snprintf(mark, sizeof(mark), "0x%x", rule.bypassMark);
-        s += std::string(" -m mark ! --mark ") + mark;
+        p.notMark = rule.bypassMark;
     }
-    if (rule.excludeMulticast) {
-        s += " -m addrtype ! --dst-type MULTICAST";
-        if (family == IpFamily::kIpv4) {
-            s += " -m addrtype ! --dst-type BROADCAST";
+    p.notMulticast = rule.excludeMulticast;
+    p.notBroadcast = rule.excludeMulticast && family == IpFamily::kIpv4;
+    p.nflogGroup = rule.nflogGroup;
+    out = std::move(p);
+    return qor::errors::kOk;
+}
+
+qor::result_t SplitRule(const dwi::firewall::Rule& rule, IpFamily family, bool failClosed,
+                        std::optional<RuleParts>& out) {
+    out.reset();
+    if (const auto* queue = std::get_if<QueueRule>(&rule)) {
+        return SplitQueueRule(*queue, family, failClosed, out);
+    }
+    if (const auto* nflog = std::get_if<NflogRule>(&rule)) {
+        return SplitNflogRule(*nflog, family, out);
+    }
+    return qor::errors::kInvalidArgument;
+}
+
+std::string PortText(const PortRange& r, char rangeSeparator) {
+    if (r.last == 0 || r.last == r.first) {
+        return std::to_string(r.first);
+    }
+    return std::to_string(r.first) + rangeSeparator + std::to_string(r.last);
+}
+
+std::string MarkText(std::uint32_t mark) {
+    char text[16];
+    std::snprintf(text, sizeof(text), "0x%x", mark);
+    return text;
+}
+
+// IptablesSpec prints the parts in the order iptables-save uses.
+std::string IptablesSpec(const RuleParts& p, std::string_view comment) {
+    std::string s;
+    if (!p.source.empty()) {
+        s += " -s " + p.source;
+    }
+    if (!p.destination.empty()) {
+        s += " -d " + p.destination;
+    }
+    if (!p.interfaceName.empty()) {
+        s += (p.outputInterface ? " -o " : " -i ") + p.interfaceName;
+    }
+    if (p.protocol != 0) {
+        s += " -p " + ProtocolName(p.protocol);
+    }
+    if (p.ports) {
+        s += " -m " + ProtocolName(p.protocol);
+        if (p.sourcePorts) {
+            s += " --sport " + PortText(*p.sourcePorts, ':');
+        }
+        if (p.destinationPorts) {
+            s += " --dport " + PortText(*p.destinationPorts, ':');
         }
     }
+    if (p.notLoopbackIn) {
+        s += " ! -i lo";
+    }
+    if (p.notLoopbackOut) {
+        s += " ! -o lo";
+    }
+    if (p.notMark) {
+        s += " -m mark ! --mark " + MarkText(*p.notMark);
+    }
+    if (p.notMulticast) {
+        s += " -m addrtype ! --dst-type MULTICAST";
+    }
+    if (p.notBroadcast) {
+        s += " -m addrtype ! --dst-type BROADCAST";
+    }
     s += CommentMatch(comment);
-    s += " -j NFLOG --nflog-group " + std::to_string(rule.nflogGroup);
+    if (p.queue) {
+        s += " -j NFQUEUE --queue-num " + std::to_string(*p.queue);
+        if (p.bypass) {
+            s += " --queue-bypass";
+        }
+    } else {
+        s += " -j NFLOG --nflog-group " + std::to_string(p.nflogGroup);
+    }
     s.erase(0, 1);
-    out = std::move(text);
-    return qor::errors::kOk;
+    return s;
+}
+
+// NftSpec prints the parts as an nft rule statement for an inet table.
+std::string NftSpec(const RuleParts& p, IpFamily family, std::string_view comment) {
+    const bool v4 = family == IpFamily::kIpv4;
+    std::string s = v4 ? "meta nfproto ipv4" : "meta nfproto ipv6";
+    const char* ip = v4 ? " ip" : " ip6";
+    if (!p.source.empty()) {
+        s += std::string(ip) + " saddr " + p.source;
+    }
+    if (!p.destination.empty()) {
+        s += std::string(ip) + " daddr " + p.destination;
+    }
+    if (!p.interfaceName.empty()) {
+        s += (p.outputInterface ? " oifname \"" : " iifname \"") + p.interfaceName + "\"";
+    }
+    if (p.protocol != 0) {
+        s += " meta l4proto " + std::to_string(p.protocol);
+    }
+    if (p.sourcePorts) {
+        s += " th sport " + PortText(*p.sourcePorts, '-');
+    }
+    if (p.destinationPorts) {
+        s += " th dport " + PortText(*p.destinationPorts, '-');
+    }
+    if (p.notLoopbackIn) {
+        s += " iifname != \"lo\"";
+    }
+    if (p.notLoopbackOut) {
+        s += " oifname != \"lo\"";
+    }
+    if (p.notMark) {
+        s += " meta mark != " + MarkText(*p.notMark);
+    }
+    if (p.notBroadcast) {
+        s += " fib daddr type != { multicast, broadcast }";
+    } else if (p.notMulticast) {
+        s += " fib daddr type != multicast";
+    }
+    if (p.queue) {
+        s += " queue num " + std::to_string(*p.queue);
+        if (p.bypass) {
+            s += " bypass";
+        }
+    } else {
+        s += " log group " + std::to_string(p.nflogGroup);
+    }
+    s += " comment \"" + std::string(comment) + "\"";
+    return s;
 }
 
 bool ValidName(std::string_view name, std::size_t maxLength) {
@@ -299,16 +392,35 @@ bool ValidTag(std::string_view tag) {
     return !tag.empty() && ValidName(tag, 200);
 }
 
+bool ValidNflogName(std::string_view name) {
+    return ValidName(name, 50);
+}
+
 qor::result_t RenderRule(const dwi::firewall::Rule& rule, IpFamily family, std::string_view comment,
                          bool failClosed, std::optional<RuleText>& out) {
     out.reset();
-    if (const auto* queue = std::get_if<QueueRule>(&rule)) {
-        return RenderQueueRule(*queue, family, comment, failClosed, out);
+    std::optional<RuleParts> parts;
+    const qor::result_t r = SplitRule(rule, family, failClosed, parts);
+    if (QOR_SUCCEEDED(r) && parts) {
+        out = RuleText{parts->chain, IptablesSpec(*parts, comment), parts->atHead};
     }
-    if (const auto* nflog = std::get_if<NflogRule>(&rule)) {
-        return RenderNflogRule(*nflog, family, comment, out);
+    return r;
+}
+
+qor::result_t RenderNftRule(const dwi::firewall::Rule& rule, IpFamily family,
+                            std::string_view comment, bool failClosed,
+                            std::optional<RuleText>& out) {
+    out.reset();
+    std::optional<RuleParts> parts;
+    const qor::result_t r = SplitRule(rule, family, failClosed, parts);
+    if (QOR_SUCCEEDED(r) && parts) {
+        out = RuleText{NftChain(parts->chain), NftSpec(*parts, family, comment), parts->atHead};
     }
-    return qor::errors::kInvalidArgument;
+    return r;
+}
+
+const char* NftChain(std::string_view chain) {
+    return chain == kChainIn ? "input" : chain == kChainOut ? "output" : "forward";
 }
 
 std::string AddCommand(const RuleText& rule) {
@@ -493,7 +605,19 @@ qor::result_t DynamicRules::SetUpChains() {
     return qor::errors::kOk;
 }
 
-qor::result_t DynamicRules::AddRules(const dwi::firewall::Rules& rules, const char* tag) noexcept {
+qor::result_t RulesService::AddRules(const dwi::firewall::Rules& rules, const char* tag) noexcept {
+    const qor::result_t r = Install(rules, tag);
+    if (tag != nullptr) {
+        try {
+            NoteTag(tag, QOR_SUCCEEDED(r));
+        } catch (...) {
+            // A waiter then times out instead.
+        }
+    }
+    return r;
+}
+
+qor::result_t DynamicRules::Install(const dwi::firewall::Rules& rules, const char* tag) noexcept {
     try {
         if (tag == nullptr || !ValidTag(tag)) {
             return qor::errors::kInvalidArgument;
@@ -503,7 +627,7 @@ qor::result_t DynamicRules::AddRules(const dwi::firewall::Rules& rules, const ch
         std::vector<std::string> v6;
         for (const dwi::firewall::Rule& rule : rules) {
             const auto* nflog = std::get_if<NflogRule>(&rule);
-            if (nflog != nullptr && !ValidName(nflog->name, 50)) {
+            if (nflog != nullptr && !ValidNflogName(nflog->name)) {
                 return qor::errors::kInvalidArgument;
             }
             const std::string comment = RuleComment(m_owner, tag, nflog ? nflog->name : "");
@@ -547,9 +671,6 @@ qor::result_t DynamicRules::AddRules(const dwi::firewall::Rules& rules, const ch
         }
         m_installed.insert(m_installed.end(), std::make_move_iterator(added.begin()),
                            std::make_move_iterator(added.end()));
-        m_addedTags.insert(tag);
-        lock.unlock();
-        m_added.notify_all();
         return qor::errors::kOk;
     } catch (...) {
         return qor::errors::kOutOfMemory;
@@ -605,9 +726,19 @@ qor::result_t DynamicRules::RemoveRules(const dwi::firewall::Rules& rules) noexc
     }
 }
 
-bool DynamicRules::WaitForTag(const std::string& tag, std::chrono::milliseconds timeout) {
-    std::unique_lock lock(m_mutex);
-    return m_added.wait_for(lock, timeout, [&] { return m_addedTags.contains(tag); });
+bool RulesService::WaitForTag(const std::string& tag, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(m_tagMutex);
+    m_tagNoted.wait_for(lock, timeout,
+                        [&] { return m_addedTags.contains(tag) || m_failedTags.contains(tag); });
+    return m_addedTags.contains(tag);
+}
+
+void RulesService::NoteTag(const char* tag, bool added) {
+    {
+        std::lock_guard lock(m_tagMutex);
+        (added ? m_addedTags : m_failedTags).insert(tag);
+    }
+    m_tagNoted.notify_all();
 }
 
 std::size_t DynamicRules::InstalledCount() const {

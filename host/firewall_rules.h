@@ -50,6 +50,10 @@ std::string RuleComment(pid_t owner, std::string_view tag, std::string_view name
 // letters, digits and "_.-@".
 bool ValidTag(std::string_view tag);
 
+// ValidNflogName tells whether an NFLOG record's name may go into a rule's
+// comment: up to 50 of the characters a tag may have.
+bool ValidNflogName(std::string_view name);
+
 // RenderRule turns a record into its rule for `family`: nullopt in `out` when
 // the record does not apply to that family (an IPv6 address, ipVersion 4,
 // ICMP on IPv6, ...). Returns 0x80000046 for a record no family can take
@@ -57,6 +61,17 @@ bool ValidTag(std::string_view tag);
 // conflicting families, bad prefix or interface name).
 qor::result_t RenderRule(const dwi::firewall::Rule& rule, IpFamily family, std::string_view comment,
                          bool failClosed, std::optional<RuleText>& out);
+
+// RenderNftRule is RenderRule for a rule of our nftables table: `chain` is
+// "input", "output" or "forward" and `spec` the rule's statement, matching the same
+// packets as the iptables rule.
+qor::result_t RenderNftRule(const dwi::firewall::Rule& rule, IpFamily family,
+                            std::string_view comment, bool failClosed,
+                            std::optional<RuleText>& out);
+
+// NftChain names the chain of our nftables table that stands for an
+// iptables chain of ours.
+const char* NftChain(std::string_view chain);
 
 // AddCommand and DeleteCommand are the restore-file lines for a rule.
 std::string AddCommand(const RuleText& rule);
@@ -88,33 +103,64 @@ struct FirewallOptions {
     std::string ipv6Restore = "ip6tables-restore";
 };
 
+// RulesService is the host's rules service as the commands use it, whichever
+// firewall holds the rules.
+class RulesService : public qor::object::Ifaces<dwi::firewall::IDynamicRules> {
+public:
+    RulesService() = default;
+    RulesService(const RulesService&) = delete;
+    RulesService& operator=(const RulesService&) = delete;
+
+    // BackendName is "nftables" or "iptables".
+    virtual const char* BackendName() const noexcept = 0;
+    // Initialize prepares the firewall for this run's rules.
+    [[nodiscard]] virtual qor::result_t Initialize() = 0;
+    // InstalledCount counts the installed records.
+    virtual std::size_t InstalledCount() const = 0;
+
+    // AddRules installs through Install and notes the outcome for WaitForTag.
+    qor::result_t AddRules(const dwi::firewall::Rules& rules, const char* tag) noexcept final;
+
+    // WaitForTag waits until an AddRules call with `tag` has succeeded; false
+    // at once when one has failed, or after `timeout`.
+    bool WaitForTag(const std::string& tag, std::chrono::milliseconds timeout);
+
+protected:
+    ~RulesService() = default;
+    // Install: 0x80000046 for an invalid tag or record (nothing installed),
+    // 0x8000004B when the firewall refuses the rules.
+    virtual qor::result_t Install(const dwi::firewall::Rules& rules, const char* tag) noexcept = 0;
+
+private:
+    void NoteTag(const char* tag, bool added);
+
+    std::mutex m_tagMutex;
+    std::condition_variable m_tagNoted;
+    std::set<std::string> m_addedTags;
+    std::set<std::string> m_failedTags;
+};
+
 // DynamicRules installs each AddRules call with one restore run per family
 // (IPv4 then IPv6; a failing IPv6 run takes the IPv4 rules back out). It
 // remembers what it installed by tag; RemoveRules deletes the installed
 // rules equal to the given records, and destruction deletes what is left and
 // then the chains no nti uses any more.
-class DynamicRules : public qor::object::Ifaces<dwi::firewall::IDynamicRules> {
+class DynamicRules : public RulesService {
 public:
     DynamicRules(FirewallOptions options, qor::RefPtr<qor::ITracer> tracer);
     ~DynamicRules();
-    DynamicRules(const DynamicRules&) = delete;
-    DynamicRules& operator=(const DynamicRules&) = delete;
 
+    const char* BackendName() const noexcept override { return "iptables"; }
     // Initialize creates the chains and jumps in both families and deletes
     // the rules left behind by runs that have ended.
-    qor::result_t Initialize();
+    [[nodiscard]] qor::result_t Initialize() override;
 
-    // AddRules: 0x80000046 for an invalid tag or record (nothing installed),
-    // 0x8000004B when a restore run fails.
-    qor::result_t AddRules(const dwi::firewall::Rules& rules, const char* tag) noexcept override;
+    qor::result_t Install(const dwi::firewall::Rules& rules, const char* tag) noexcept override;
     // RemoveRules: 1 when some record was not installed (the others are
     // removed), 0x8000004B when a rule could not be deleted.
     qor::result_t RemoveRules(const dwi::firewall::Rules& rules) noexcept override;
 
-    // WaitForTag waits until an AddRules call with `tag` has succeeded.
-    bool WaitForTag(const std::string& tag, std::chrono::milliseconds timeout);
-    // InstalledCount counts the installed records.
-    std::size_t InstalledCount() const;
+    std::size_t InstalledCount() const override;
 
 private:
     struct Installed {
@@ -135,9 +181,7 @@ private:
     pid_t m_owner;
     // Timed so that the cleanup at std::terminate cannot hang on it.
     mutable std::timed_mutex m_mutex;
-    std::condition_variable_any m_added;
     std::vector<Installed> m_installed;
-    std::set<std::string> m_addedTags;
     // Last: destroyed first, so a cleanup running elsewhere finishes before
     // the members it uses go.
     ExitCleanup m_exitCleanup;

@@ -3,9 +3,10 @@
 #include <unistd.h>
 
 #include "host/host_services.h"
+#include "host/journal_tracer.h"
 #include "host/key_value_storage.h"
 #include "host/nflog_listener.h"
-#include "host/journal_tracer.h"
+#include "host/nft_rules.h"
 #include "host/tracer_sink.h"
 #include "qor/exception.h"
 
@@ -15,7 +16,29 @@ HostContext::~HostContext() {
     Shutdown();
 }
 
+FirewallChoice ChooseFirewall(const std::string& wanted, bool queues) {
+    FirewallChoice choice;
+    if (wanted == "iptables") {
+        return choice;
+    }
+    const NftSupport nft = ProbeNftables();
+    const bool fits = nft.ownedTables && nft.log && (nft.queue || !queues);
+    const std::string& why = nft.why;
+    if (wanted == "nft") {
+        choice.nftables = true;
+        if (!fits) {
+            choice.error = "nftables cannot hold the rules here: " + why;
+        }
+    } else if (fits) {
+        choice.nftables = true;
+    } else {
+        choice.note = "nftables: " + why;
+    }
+    return choice;
+}
+
 qor::result_t HostContext::Open(const CommonOptions& options) {
+    m_firewallChoice = options.firewall;
     try {
         m_locator = qor::object::Create<ServiceLocator>();
         if (options.traceJournal) {
@@ -57,11 +80,23 @@ qor::result_t HostContext::Open(const CommonOptions& options) {
 
 qor::result_t HostContext::StartFirewall(const FirewallSettings& settings) {
     try {
-        FirewallOptions options;
-        options.failClosed = settings.failClosed;
-        auto firewall = qor::object::Create<DynamicRules>(options, m_tracer);
+        const FirewallChoice choice = ChooseFirewall(m_firewallChoice, settings.queues);
+        if (!choice.error.empty()) {
+            m_error = choice.error;
+            return qor::errors::kUnspecified;
+        }
+        qor::RefPtr<RulesService> firewall;
+        if (choice.nftables) {
+            firewall = qor::object::Create<NftRules>(settings.failClosed, m_tracer);
+        } else {
+            FirewallOptions options;
+            options.failClosed = settings.failClosed;
+            firewall = qor::object::Create<DynamicRules>(options, m_tracer);
+        }
         if (const qor::result_t r = firewall->Initialize(); !QOR_SUCCEEDED(r)) {
-            m_error = "cannot set up the firewall chains (is iptables-restore there?)";
+            m_error = choice.nftables
+                          ? "cannot create the nftables table"
+                          : "cannot set up the firewall chains (is iptables-restore there?)";
             return r;
         }
         m_queues = qor::object::Create<NfqueueQuery>(settings.queueFirst, settings.queueLast);

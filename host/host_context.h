@@ -28,7 +28,8 @@ struct CommonOptions {
     // and the mark that keeps packets out of NFLOG.
     std::optional<bool> ip6tables;
     std::uint32_t nflogBypassMark = kDefaultNflogBypassMark;
-    std::string stateDir;  // empty: DefaultStateDir()
+    std::string stateDir;           // empty: DefaultStateDir()
+    std::string firewall = "auto";  // nft, iptables or auto: which firewall holds the rules
 };
 
 // Settings of the firewall services the host offers the module.
@@ -36,7 +37,22 @@ struct FirewallSettings {
     std::uint16_t queueFirst = 1000;  // queue numbers handed out
     std::uint16_t queueLast = 1999;
     bool failClosed = false;  // queue rules drop packets while nobody reads the queue
+    bool queues = true;       // queue rules will be asked for, not only NFLOG rules
 };
+
+// FirewallChoice is the firewall that holds the rules of a run, and why.
+struct FirewallChoice {
+    bool nftables = false;
+    // Empty when the choice can hold the rules; else why it cannot (a forced
+    // nftables the kernel does not support).
+    std::string error;
+    // Why auto did not take nftables.
+    std::string note;
+};
+
+// ChooseFirewall picks for `wanted` (nft, iptables or auto): auto takes
+// nftables where an owned table can hold the rules the run needs.
+FirewallChoice ChooseFirewall(const std::string& wanted, bool queues);
 
 class HostContext {
 public:
@@ -57,7 +73,7 @@ public:
     qor::result_t StartFirewall(const FirewallSettings& settings);
     // The services StartFirewall made; null before it.
     NfqueueQuery* Queues() { return m_queues.Get(); }
-    DynamicRules* Firewall() { return m_firewall.Get(); }
+    RulesService* Firewall() { return m_firewall.Get(); }
 
     ServiceLocator& Locator() { return *m_locator; }
     ModuleLoader& Module() { return m_module; }
@@ -76,7 +92,8 @@ private:
     qor::RefPtr<ServiceLocator> m_locator;
     qor::RefPtr<qor::ITracer> m_tracer;
     qor::object::ImplPtr<NfqueueQuery> m_queues;
-    qor::object::ImplPtr<DynamicRules> m_firewall;
+    qor::RefPtr<RulesService> m_firewall;
+    std::string m_firewallChoice = "auto";
     qor::object::ImplPtr<Timer> m_timer;
     qor::RefPtr<MetaInfoProvider> m_metaInfo;
     ModuleLoader m_module;

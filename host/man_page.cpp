@@ -73,7 +73,8 @@ std::string RoffEscape(std::string_view text) {
     return out;
 }
 
-std::string RenderManPage(const CLI::App& app, std::string_view name, std::string_view version) {
+std::string RenderManPage(const CLI::App& app, std::string_view name, std::string_view version,
+                          const ManSections& more) {
     std::ostringstream out;
     std::string body = app.get_description();
     if (const std::string lead = std::string(name) + " - "; body.starts_with(lead)) {
@@ -82,8 +83,9 @@ std::string RenderManPage(const CLI::App& app, std::string_view name, std::strin
     // The summary is the first paragraph on one line.
     std::string summary = body.substr(0, body.find("\n\n"));
     std::replace(summary.begin(), summary.end(), '\n', ' ');
-    out << ".TH " << Upper(name) << " 1 \"\" \"" << RoffEscape(name) << ' ' << RoffEscape(version)
-        << "\" \"User Commands\"\n";
+    // The date is plain YYYY-MM-DD: escaped, its hyphens would print as minus signs.
+    out << ".TH " << Upper(name) << " 1 \"" << more.date << "\" \"" << RoffEscape(name) << ' '
+        << RoffEscape(version) << "\" \"User Commands\"\n";
     out << ".SH NAME\n" << RoffEscape(name) << " \\- " << RoffEscape(summary) << '\n';
     const auto subcommands =
         app.get_subcommands([](const CLI::App* sub) { return !sub->get_group().empty(); });
@@ -101,6 +103,31 @@ std::string RenderManPage(const CLI::App& app, std::string_view name, std::strin
             out << ".SS " << RoffEscape(sub->get_name()) << '\n';
             WriteText(out, sub->get_description());
             WriteOptions(out, *sub);
+        }
+    }
+    const auto section = [&out](const char* title, const std::string& text) {
+        if (!text.empty()) {
+            out << ".SH " << title << '\n';
+            WriteText(out, text);
+        }
+    };
+    section("EXIT STATUS", more.exitStatus);
+    section("ENVIRONMENT", more.environment);
+    section("FILES", more.files);
+    if (!more.examples.empty()) {
+        out << ".SH EXAMPLES\n";
+        for (const std::string& example : more.examples) {
+            out << ".PP\n.nf\n" << RoffEscape(example) << "\n.fi\n";
+        }
+    }
+    if (!more.seeAlso.empty()) {
+        out << ".SH SEE ALSO\n";
+        for (std::size_t i = 0; i < more.seeAlso.size(); ++i) {
+            const std::string& page = more.seeAlso[i];
+            const std::size_t paren = std::min(page.find('('), page.size());
+            out << ".BR " << RoffEscape(page.substr(0, paren)) << ' '
+                << RoffEscape(page.substr(paren)) << (i + 1 < more.seeAlso.size() ? "," : "")
+                << '\n';
         }
     }
     return out.str();

@@ -4,7 +4,7 @@ NTI_PACKAGES=(
   build-essential cmake ninja-build pkg-config git
   clang libclang-rt-14-dev
   libmnl-dev libboost-dev libcli11-dev libsqlite3-dev libcbor-dev libsystemd-dev
-  libgtest-dev libgmock-dev libbenchmark-dev libnetfilter-queue-dev
+  nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev libnetfilter-queue-dev libnftables-dev
   iptables iproute2 iputils-ping conntrack kmod libcap2-bin sqlite3 file
 )
 

@@ -2,12 +2,15 @@
 // the module, drops the packets whose remote end is in a list and allows the
 // rest.
 //
-//   block_list --list blocked.txt [--count N] [--duration SECONDS]
+//   block_list --list blocked.txt [--json] [--count N] [--duration TIME]
 //
 // The list has one entry per line: "198.18.0.7", "198.18.0.7:443",
 // "fd00:198:18::7", "[fd00:198:18::7]:443" or "[fd00:198:18::7]". An entry
 // without a port matches every port of that address; '#' starts a comment.
+// With --json each blocked packet is a packet record as `nti intercept
+// --json` writes it (fields in docs/json.md).
 #include <getopt.h>
+#include <net/if.h>
 
 #include <atomic>
 #include <cstdint>
@@ -19,6 +22,7 @@
 #include <vector>
 
 #include <host/host_context.h>
+#include <host/json_records.h>
 #include <network_traffic_interceptor/network_interceptor.h>
 #include <qor/object.h>
 #include <qor/result.h>
@@ -41,7 +45,7 @@ using dwi::network_interceptor::Verdict;
 // module's poll thread, one packet at a time.
 class BlockList : public qor::object::Ifaces<IPacketEventCallback> {
 public:
-    explicit BlockList(std::vector<Endpoint> list) : m_list(std::move(list)) {}
+    BlockList(std::vector<Endpoint> list, bool json) : m_list(std::move(list)), m_json(json) {}
 
     qor::result_t OnPacketReceived(Packet& packet, Verdict& verdict) noexcept override {
         const auto flow = ParseFlow(packet.payloadBegin, packet.payloadEnd);
@@ -52,8 +56,18 @@ public:
         const bool outbound = packet.queue == 2;
         if (FindBlocked(m_list, *flow, outbound) != nullptr) {
             verdict = Verdict::DROP;
-            std::printf("blocked %s proto %u %s -> %s\n", outbound ? "out" : "in", flow->protocol,
-                        ToString(flow->source).c_str(), ToString(flow->destination).c_str());
+            if (m_json) {
+                const nti::host::PacketContext context{std::chrono::system_clock::now(), -1,
+                                                       InterfaceName(packet.indev),
+                                                       InterfaceName(packet.outdev)};
+                std::fputs(
+                    nti::host::JsonLine(nti::host::PacketJson(packet, verdict, context)).c_str(),
+                    stdout);
+            } else {
+                std::printf("blocked %s proto %u %s -> %s\n", outbound ? "out" : "in",
+                            flow->protocol, ToString(flow->source).c_str(),
+                            ToString(flow->destination).c_str());
+            }
             std::fflush(stdout);
             m_blocked.fetch_add(1);
         }
@@ -63,7 +77,13 @@ public:
     unsigned long Blocked() const { return m_blocked.load(); }
 
 private:
+    static std::string InterfaceName(std::uint32_t index) {
+        char name[IF_NAMESIZE] = {};
+        return index != 0 && if_indextoname(index, name) != nullptr ? name : "";
+    }
+
     const std::vector<Endpoint> m_list;
+    const bool m_json;
     std::atomic<unsigned long> m_blocked{0};
 };
 
@@ -73,6 +93,7 @@ void Usage(FILE* out) {
                  "Drops inbound and outbound packets whose remote address[:port] is listed in\n"
                  "FILE, allows the rest and prints what it blocked. Needs CAP_NET_ADMIN.\n\n"
                  "  --list FILE          one address, address:port or [ipv6]:port per line\n"
+                 "  --json               one JSON packet record per blocked packet\n"
                  "  --count N            stop after N blocked packets\n"
                  "  --print-list         print the parsed list and exit\n"
                  "%s"
@@ -87,9 +108,11 @@ int main(int argc, char** argv) {
     example::RunArgs args;
     std::string listPath;
     bool printList = false;
+    bool json = false;
     const std::vector<option> longOptions = example::WithRunOptions({
         {"list", required_argument, nullptr, 'l'},
         {"print-list", no_argument, nullptr, 'p'},
+        {"json", no_argument, nullptr, 'j'},
         {"help", no_argument, nullptr, 'h'},
     });
     for (int opt; (opt = getopt_long(argc, argv, "", longOptions.data(), nullptr)) != -1;) {
@@ -102,6 +125,9 @@ int main(int argc, char** argv) {
                 break;
             case 'p':
                 printList = true;
+                break;
+            case 'j':
+                json = true;
                 break;
             case 'h':
                 Usage(stdout);
@@ -143,7 +169,7 @@ int main(int argc, char** argv) {
     if (!interceptor) {
         return 1;
     }
-    auto blockList = qor::object::Create<BlockList>(std::move(list));
+    auto blockList = qor::object::Create<BlockList>(std::move(list), json);
     dwi::firewall::Filter filter(2);
     filter[0].direction = dwi::firewall::kInbound;
     filter[1].direction = dwi::firewall::kOutbound;  // family 0: IPv4 and IPv6
@@ -155,9 +181,9 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::fprintf(stderr, "block_list: intercepting; SIGINT or SIGTERM stops\n");
-    const int signal =
-        signals.WaitForStop(std::chrono::seconds(args.duration), std::chrono::milliseconds(100),
-                            [&] { return args.count != 0 && blockList->Blocked() >= args.count; });
+    const int signal = signals.WaitForStop(args.duration, std::chrono::milliseconds(100), [&] {
+        return args.count != 0 && blockList->Blocked() >= args.count;
+    });
     const qor::result_t stopped = interceptor->StopInterception(blockList.Get());
     std::fprintf(stderr, "block_list: %s, %lu packets blocked\n",
                  signal != 0 ? strsignal(signal) : "done", blockList->Blocked());

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include <host/duration.h>
 #include <host/host_context.h>
 #include <qor/object.h>
 #include <qor/result.h>
@@ -34,8 +35,8 @@ inline unsigned long ParseUnsigned(const char* name, const char* arg) {
 // when to stop.
 struct RunArgs {
     nti::host::CommonOptions host;
-    unsigned long count = 0;     // the example's own unit; 0: no limit
-    unsigned long duration = 0;  // seconds; 0: no limit
+    unsigned long count = 0;                // the example's own unit; 0: no limit
+    std::chrono::milliseconds duration{0};  // 0: no limit
 };
 
 // WithRunOptions appends the RunArgs options and the terminator to `own`.
@@ -52,7 +53,8 @@ inline std::vector<option> WithRunOptions(std::vector<option> own) {
 }
 
 inline const char* kRunOptionsHelp =
-    "  --duration SECONDS   stop after this long (default: until SIGINT/SIGTERM)\n"
+    "  --duration TIME      stop after this long: 500ms, 30s, 5m, 1h or seconds\n"
+    "                       (default: until SIGINT/SIGTERM)\n"
     "  --module NAME|PATH   module to load (default network_traffic_interceptor)\n"
     "  --trace-level N      highest trace level written (default 300)\n"
     "  --trace-file PATH    write traces to this file, not stderr\n"
@@ -82,8 +84,12 @@ inline bool ParseRunOption(int opt, const char* arg, RunArgs& args) {
             args.count = ParseUnsigned("--count", arg);
             return true;
         case 'd':
-            args.duration = ParseUnsigned("--duration", arg);
-            return true;
+            if (const auto duration = nti::host::ParseDuration(arg)) {
+                args.duration = *duration;
+                return true;
+            }
+            std::fprintf(stderr, "--duration: not a time (500ms, 30s, 5m, 1h): %s\n", arg);
+            std::exit(2);
         default:
             return false;
     }
@@ -138,7 +144,7 @@ public:
     // WaitForStop returns the signal that came (0 when none did) once a
     // signal arrives, `duration` has passed (zero: no limit) or `done`
     // answers true; `done` is asked every `tick`, so it may do small work.
-    int WaitForStop(std::chrono::seconds duration, std::chrono::milliseconds tick,
+    int WaitForStop(std::chrono::milliseconds duration, std::chrono::milliseconds tick,
                     const std::function<bool()>& done) const {
         const auto deadline = std::chrono::steady_clock::now() + duration;
         const timespec wait{static_cast<time_t>(tick.count() / 1000),

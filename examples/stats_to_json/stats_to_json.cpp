@@ -1,12 +1,11 @@
 // stats_to_json: registers a statistics collector with the module and writes
 // every interval it harvests as one JSON line.
 //
-//   stats_to_json [--period MS] [--id N] [--count N] [--duration SECONDS]
+//   stats_to_json [--period MS] [--id N] [--count N] [--duration TIME]
 //                 [--output FILE]
 //
-// A line: {"collector":1,"begin":"2026-11-21T21:00:00.0000000Z","end":"...",
-// "connections":[{"etherType":2048,"ipProtocol":6,"localIp":"198.18.0.1","localPort":40000,
-// "remoteIp":"198.18.0.2","remotePort":80,"packetsSent":3,"bytesSent":180,...}]}
+// Each line is an interval record as `nti stats --json` writes it (fields in
+// docs/json.md).
 #include <getopt.h>
 
 #include <cstdint>
@@ -15,18 +14,17 @@
 #include <vector>
 
 #include <host/host_context.h>
+#include <host/json_records.h>
 #include <network_traffic_interceptor/connection_counters.h>
 #include <network_traffic_interceptor/network_interceptor.h>
 #include <network_traffic_interceptor/statistics.h>
 #include <qor/object.h>
 #include <qor/result.h>
 #include "example_run.h"
-#include "interval_json.h"
 
 namespace {
 
 namespace stats = system_interceptors::net::statistics;
-using stats_json::IntervalJson;
 
 void Usage(FILE* out) {
     std::fprintf(out,
@@ -130,13 +128,13 @@ int main(int argc, char** argv) {
             if (args.count != 0 && written >= args.count) {
                 break;
             }
-            std::fprintf(output, "%s\n", IntervalJson(id, interval).c_str());
+            std::fputs(nti::host::JsonLine(nti::host::IntervalJson(id, interval)).c_str(), output);
             ++written;
         }
         std::fflush(output);
         return args.count != 0 && written >= args.count;
     };
-    signals.WaitForStop(std::chrono::seconds(args.duration), std::chrono::milliseconds(200), drain);
+    signals.WaitForStop(args.duration, std::chrono::milliseconds(200), drain);
     if (args.count == 0 || written < args.count) {
         drain();
     }

@@ -12,6 +12,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -26,6 +27,7 @@
 #include "host/commands/commands.h"
 #include "host/commands/stats_format.h"
 #include "host/demo/traffic.h"
+#include "host/ip_protocol.h"
 #include "host/netns.h"
 #include "network_traffic_interceptor/connection_counters.h"
 #include "network_traffic_interceptor/network_interceptor.h"
@@ -97,7 +99,7 @@ public:
         if (!m_quiet) {
             char text[256];
             std::snprintf(text, sizeof(text), "  %-3s %-6s %s:%u -> %s:%u  %zu bytes  %s\n",
-                          packet.queue == 1 ? "in" : "out", ProtocolText(parsed.Protocol()).c_str(),
+                          packet.queue == 1 ? "in" : "out", ProtocolName(parsed.Protocol()).c_str(),
                           FormatAddress(parsed.Source()).c_str(), parsed.Source().port,
                           FormatAddress(parsed.Destination()).c_str(), parsed.Destination().port,
                           static_cast<std::size_t>(packet.payloadEnd - packet.payloadBegin),
@@ -190,8 +192,12 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
     }
     struct sigaction action {};
     action.sa_handler = &OnDemoSignal;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    // Every ending signal takes the way out that removes the namespaces;
+    // a closed output must not kill the demo half-way.
+    for (const int signo : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        sigaction(signo, &action, nullptr);
+    }
+    std::signal(SIGPIPE, SIG_IGN);
 
     std::printf("== Setting up namespaces (peer <-veth-> dut)\n");
     NetworkNamespace peer;
@@ -398,13 +404,19 @@ CommandRunner AddDemoCommand(CLI::App& app) {
     auto* sub = app.add_subcommand(
         "demo",
         "Run a live, self-checking demonstration in throwaway network namespaces: intercept "
-        "and count real IPv4/IPv6 traffic, drop one UDP port, verify the result. Needs root.");
-    sub->add_option("--packets", options->packets, "Datagrams per UDP flow")
+        "and count real IPv4/IPv6 traffic, drop one UDP port, verify the result. Makes two "
+        "network namespaces joined by a veth pair and deletes them at the end, also on Ctrl-C; "
+        "the machine's own firewall and interfaces are not touched. Needs root or "
+        "CAP_NET_ADMIN.");
+    sub->add_option("--packets", options->packets, "Datagrams per UDP flow, 1 to 1000")
         ->capture_default_str()
-        ->check(CLI::Range(1, 1000));
-    sub->add_option("--dropped-port", options->droppedPort, "UDP port the interception drops")
+        ->type_name("N")
+        ->check(CLI::Range(1, 1000).description(""));
+    sub->add_option("--dropped-port", options->droppedPort,
+                    "UDP port the interception drops, 1024 to 65535")
         ->capture_default_str()
-        ->check(CLI::Range(1024, 65535));
+        ->type_name("PORT")
+        ->check(CLI::Range(1024, 65535).description(""));
     sub->add_flag("--quiet", options->quiet, "Do not print every intercepted packet");
     return [options](const CommonOptions& common) { return RunDemo(common, *options); };
 }

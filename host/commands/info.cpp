@@ -9,9 +9,10 @@
 namespace nti::host {
 
 CommandRunner AddInfoCommand(CLI::App& app) {
-    app.add_subcommand("info",
-                       "Load the module, create and release each of its classes and print the "
-                       "result codes and the module's unload answer.");
+    app.add_subcommand(
+        "info",
+        "Load the module, create and release each of its classes and print the "
+        "result codes and the module's unload answer. Changes nothing on the machine.");
     return [](const CommonOptions& options) {
         HostContext host;
         const qor::result_t opened = host.Open(options);
@@ -19,7 +20,18 @@ CommandRunner AddInfoCommand(CLI::App& app) {
             std::fprintf(stderr, "nti: cannot load module: %s\n", host.Error().c_str());
             return kExitFailure;
         }
+        int exitCode = kExitOk;
         std::printf("module: %s\n", host.Module().Path().c_str());
+        for (const auto& [command, queues] : {std::pair{"intercept", true}, {"stats", false}}) {
+            const FirewallChoice choice = ChooseFirewall(options.firewall, queues);
+            std::printf("firewall for %s: %s%s%s\n", command,
+                        choice.nftables ? "nftables" : "iptables",
+                        choice.error.empty() && choice.note.empty() ? "" : " - ",
+                        !choice.error.empty() ? choice.error.c_str() : choice.note.c_str());
+            if (!choice.error.empty()) {
+                exitCode = kExitFailure;
+            }
+        }
         std::printf("qorCanUnloadModule before: %s\n",
                     qor::FormatResult(host.Module().CanUnloadModule()).c_str());
         struct Class {
@@ -33,7 +45,6 @@ CommandRunner AddInfoCommand(CLI::App& app) {
             {"ConnectionCounters", kConnectionCountersClassId, false},
             {"TypeDescriptorStaticRegistry factory", kMetaRegistryFactoryClassId, true},
         };
-        int exitCode = kExitOk;
         for (const auto& c : classes) {
             qor::RefPtr<qor::IObject> object;
             const qor::result_t created =

@@ -15,12 +15,17 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <thread>
 
 #include "host/commands/commands.h"
 #include "host/commands/intercept_options.h"
+#include "host/commands/option_checks.h"
 #include "host/commands/packet_summary.h"
+#include "host/duration.h"
 #include "host/exit_signals.h"
+#include "host/json_records.h"
+#include "host/netns.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/result.h"
 
@@ -50,32 +55,11 @@ struct InterceptOptions {
     std::optional<std::uint32_t> mark;
     std::string rewrite;
     std::uint64_t count = 0;
-    double duration = 0;
+    std::string duration;
     std::string queueRange = "1000-1999";
     bool failClosed = false;
     std::string tag = "nti_intercept";
 };
-
-// Validator accepts what `parse` accepts.
-template <class F>
-CLI::Validator Accepts(const char* what, F parse) {
-    return CLI::Validator(
-        [what, parse](std::string& value) -> std::string {
-            return parse(value) ? std::string() : std::string("not ") + what + ": " + value;
-        },
-        what);
-}
-
-std::string TimeText() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm utc{};
-    gmtime_r(&now.tv_sec, &utc);
-    char text[32];
-    std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%06ld", utc.tm_hour, utc.tm_min, utc.tm_sec,
-                  now.tv_nsec / 1000);
-    return text;
-}
 
 // InterfaceNames caches index-to-name lookups; used from the poll thread only.
 class InterfaceNames {
@@ -279,27 +263,14 @@ private:
         const int queueNumber = queue == 0 ? -1 : m_firstQueue + static_cast<int>(queue) - 1;
         const std::string& in = m_names.Name(packet.indev);
         const std::string& out = m_names.Name(packet.outdev);
-        const auto port = [](const std::optional<std::uint16_t>& p) {
-            return p ? std::to_string(*p) : std::string();
-        };
+        const auto now = std::chrono::system_clock::now();
         std::string line;
-        char head[160];
         if (m_settings.json) {
-            std::snprintf(head, sizeof(head),
-                          "{\"time\":\"%s\",\"queue\":\"%s\",\"queueNumber\":%d,\"id\":%u,",
-                          TimeText().c_str(), queueName, queueNumber, packet.id);
-            line = head;
-            line += "\"indev\":\"" + in + "\",\"outdev\":\"" + out + "\",";
-            line += "\"mark\":" + std::to_string(packet.mark) + ",";
-            line += "\"family\":" + std::to_string(s.version) + ",";
-            line += "\"src\":\"" + s.source + "\",\"dst\":\"" + s.destination + "\",";
-            line += "\"proto\":" + (s.protocol ? std::to_string(*s.protocol) : "null") + ",";
-            line += "\"sport\":" + (s.sourcePort ? port(s.sourcePort) : "null") + ",";
-            line += "\"dport\":" + (s.destinationPort ? port(s.destinationPort) : "null") + ",";
-            line += "\"len\":" + std::to_string(length) + ",\"verdict\":\"" +
-                    VerdictName(static_cast<std::uint32_t>(verdict)) + "\"}\n";
+            line = JsonLine(PacketJson(packet, verdict, {now, queueNumber, in, out}));
         } else {
-            std::snprintf(head, sizeof(head), "%s %s/%d id=%u ", TimeText().c_str(), queueName,
+            const std::string time = TimeToIso8601(now);
+            char head[160];
+            std::snprintf(head, sizeof(head), "%s %s/%d id=%u ", time.c_str(), queueName,
                           queueNumber, packet.id);
             line = head;
             line += "in=" + (in.empty() ? "-" : in) + " out=" + (out.empty() ? "-" : out);
@@ -310,11 +281,11 @@ private:
                 if (!p) {
                     return a;
                 }
-                return (s.version == 6 ? "[" + a + "]" : a) + ":" + port(p);
+                return (s.version == 6 ? "[" + a + "]" : a) + ":" + std::to_string(*p);
             };
             line += endpoint(s.source, s.sourcePort) + " > " +
                     endpoint(s.destination, s.destinationPort);
-            line += " proto=" + (s.protocol ? std::to_string(*s.protocol) : "?");
+            line += " " + (s.protocol ? ProtocolName(*s.protocol) : std::string("?"));
             line += " len=" + std::to_string(length) + " " +
                     VerdictName(static_cast<std::uint32_t>(verdict)) + "\n";
         }
@@ -352,8 +323,12 @@ struct Fd {
     }
 };
 
-// WaitForEnd sleeps until a signal, the packet count or the duration.
-const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
+// WaitForEnd sleeps until a signal, the packet count, the duration, or the
+// end of the interception on its own: its thread removes the rules when it
+// fails, and a run without rules only pretends to intercept.
+const char* WaitForEnd(int signalFd, int countFd, double durationSeconds,
+                       const RulesService& rules) {
+    constexpr int kRulesCheckMs = 500;
     const auto start = std::chrono::steady_clock::now();
     const auto deadline = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                       std::chrono::duration<double>(durationSeconds));
@@ -367,6 +342,10 @@ const char* WaitForEnd(int signalFd, int countFd, double durationSeconds) {
             }
             timeout = static_cast<int>(std::min<long long>(left.count() + 1, 1 << 30));
         }
+        if (rules.InstalledCount() == 0) {
+            return "interception end";
+        }
+        timeout = timeout < 0 ? kRulesCheckMs : std::min(timeout, kRulesCheckMs);
         pollfd fds[2] = {{signalFd, POLLIN, 0}, {countFd, POLLIN, 0}};
         const int n = ::poll(fds, 2, timeout);
         if (n < 0 && errno != EINTR) {
@@ -396,20 +375,25 @@ void PrintSummary(const Consumer& consumer, const std::vector<QueueStats>& kerne
     const QueueStats in = stats(firstQueue);
     const QueueStats out = stats(static_cast<std::uint16_t>(firstQueue + 1));
     if (json) {
-        std::printf(
-            "{\"summary\":{\"reason\":\"%s\",\"packets\":%llu,\"queueIn\":%llu,\"queueOut\":%llu,"
-            "\"allow\":%llu,\"drop\":%llu,\"repeat\":%llu,\"later\":%llu,\"rewritten\":%llu,"
-            "\"kernel\":[{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u},"
-            "{\"queue\":%u,\"queueDropped\":%u,\"userDropped\":%u,\"waiting\":%u}]}}\n",
-            reason, static_cast<unsigned long long>(consumer.Seen()),
-            static_cast<unsigned long long>(consumer.PerQueue(1)),
-            static_cast<unsigned long long>(consumer.PerQueue(2)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::ALLOW)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::DROP)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::REPEAT)),
-            static_cast<unsigned long long>(consumer.Verdicts(Verdict::LATER)),
-            static_cast<unsigned long long>(consumer.Rewritten()), in.queue, in.queueDropped,
-            in.userDropped, in.waiting, out.queue, out.queueDropped, out.userDropped, out.waiting);
+        JsonRecord kernelQueues = JsonRecord::array();
+        for (const QueueStats& q : {in, out}) {
+            kernelQueues.push_back({{"queue", q.queue},
+                                    {"queueDropped", q.queueDropped},
+                                    {"userDropped", q.userDropped},
+                                    {"waiting", q.waiting}});
+        }
+        const JsonRecord summary = {{"summary",
+                                     {{"reason", reason},
+                                      {"packets", consumer.Seen()},
+                                      {"queueIn", consumer.PerQueue(1)},
+                                      {"queueOut", consumer.PerQueue(2)},
+                                      {"allow", consumer.Verdicts(Verdict::ALLOW)},
+                                      {"drop", consumer.Verdicts(Verdict::DROP)},
+                                      {"repeat", consumer.Verdicts(Verdict::REPEAT)},
+                                      {"later", consumer.Verdicts(Verdict::LATER)},
+                                      {"rewritten", consumer.Rewritten()},
+                                      {"kernel", std::move(kernelQueues)}}}};
+        std::fputs(JsonLine(summary).c_str(), stdout);
     } else {
         std::printf("stopped by %s\n", reason);
         std::printf("packets: %llu (queue in %u: %llu, queue out %u: %llu)\n",
@@ -458,6 +442,12 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
         return kExitUsage;
     }
     const auto [queueFirst, queueLast] = *ParseQueueRange(o.queueRange);
+    const double durationSeconds =
+        o.duration.empty() ? 0.0 : static_cast<double>(ParseDuration(o.duration)->count()) / 1000;
+    if (!HasNetAdmin()) {
+        std::fprintf(stderr, "nti intercept: needs root or CAP_NET_ADMIN\n");
+        return kExitUsage;
+    }
 
     // Signals arrive through a descriptor; every thread started from here on
     // inherits the mask.
@@ -523,9 +513,12 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
     if (host.Firewall()->WaitForTag(o.tag, kRulesTimeout)) {
         std::fprintf(stderr, "nti intercept: intercepting on queues %u-%u with tag %s\n",
                      firstQueue, firstQueue + 1u, o.tag.c_str());
-        reason = WaitForEnd(signalFd.fd, countFd.fd, o.duration);
+        reason = WaitForEnd(signalFd.fd, countFd.fd, durationSeconds, *host.Firewall());
         if (consumer->OutputClosed()) {
             reason = "closed output";
+        } else if (reason == std::string_view("interception end")) {
+            std::fprintf(stderr, "nti intercept: the interception ended by itself\n");
+            exitCode = kExitFailure;
         }
     } else {
         std::fprintf(stderr, "nti intercept: the firewall rules were not installed\n");
@@ -566,48 +559,79 @@ CommandRunner AddInterceptCommand(CLI::App& app) {
     auto options = std::make_shared<InterceptOptions>();
     CLI::App* sub = app.add_subcommand(
         "intercept",
-        "Queue the packets the filter selects through the module, print each one with its "
-        "verdict, and remove the firewall rules at the end. Run it only inside a network "
-        "namespace made for it.");
+        "Queue the packets the filter selects (by default all inbound packets) to nti through "
+        "NFQUEUE, print each one and answer it with the chosen verdict; a summary ends the "
+        "run.\n"
+        "\n"
+        "Changes on this machine while it runs: firewall rules (see --firewall) that send the "
+        "selected packets to two NFQUEUE queues; "
+        "those packets wait for nti's verdict (they pass unseen while nobody reads the queues, "
+        "or are dropped then with --fail-closed). It ends at --count, --duration, SIGINT, "
+        "SIGTERM, SIGHUP, SIGQUIT or a closed standard output, and then removes its rules and "
+        "releases the queues. Needs root or CAP_NET_ADMIN.");
     InterceptOptions& o = *options;
-    sub->add_option("--direction", o.directions, "in, out, fwd-in or fwd-out (repeatable)")
+    sub->add_option("--direction", o.directions,
+                    "in, out, fwd-in or fwd-out; repeat it for several (default in)")
+        ->type_name("DIR")
         ->check(Accepts("a direction", ParseDirection));
-    sub->add_option("--proto", o.protocol, "tcp, udp, icmp, icmpv6 or a protocol number")
+    sub->add_option("--proto", o.protocol,
+                    "tcp, udp, icmp, icmpv6 (also ipv6-icmp) or a protocol number 1 to 255")
+        ->type_name("PROTO")
         ->check(Accepts("a protocol", ParseProtocol));
-    sub->add_option("--local-port", o.localPort, "Local port N or range N-M (tcp/udp)")
+    sub->add_option("--local-port", o.localPort, "Local port N or range N-M, 1 to 65535 (tcp/udp)")
+        ->type_name("PORTS")
         ->check(Accepts("a port or port range", ParsePortRange));
-    sub->add_option("--remote-port", o.remotePort, "Remote port N or range N-M (tcp/udp)")
+    sub->add_option("--remote-port", o.remotePort,
+                    "Remote port N or range N-M, 1 to 65535 (tcp/udp)")
+        ->type_name("PORTS")
         ->check(Accepts("a port or port range", ParsePortRange));
-    sub->add_option("--local-addr", o.localAddress, "Local address or CIDR network")
+    sub->add_option("--local-addr", o.localAddress, "Local address or network (CIDR)")
+        ->type_name("ADDR")
         ->check(Accepts("an address or CIDR network", ParseNetwork));
-    sub->add_option("--remote-addr", o.remoteAddress, "Remote address or CIDR network")
+    sub->add_option("--remote-addr", o.remoteAddress, "Remote address or network (CIDR)")
+        ->type_name("ADDR")
         ->check(Accepts("an address or CIDR network", ParseNetwork));
     sub->add_option("--family", o.family, "4, 6 or any")
         ->capture_default_str()
+        ->type_name("FAMILY")
         ->check(Accepts("a family", ParseFamily));
-    sub->add_option("--interface", o.interfaceName, "Interface name");
-    sub->add_flag("--json", o.json, "One JSON object per line");
+    sub->add_option("--interface", o.interfaceName, "Interface name (up to 15 characters)")
+        ->type_name("NAME");
+    sub->add_flag("--json", o.json, "One JSON packet record per line (see docs/json.md)");
     sub->add_flag("--quiet", o.quiet, "No line per packet, only the summary");
     sub->add_option("--verdict", o.verdict,
-                    "allow, drop, repeat, later:<ms> (then allow), or mix:<ms>: a third each of "
-                    "allow, drop and later:<ms>, chosen by a hash of the UDP/TCP payload, so that "
-                    "the same datagram always gets the same answer (to test a path)")
+                    "allow, drop, repeat, later:<ms> (allowed that many milliseconds later, 0 "
+                    "to 3600000), or mix:<ms>: a third each of allow, drop and later:<ms>, chosen "
+                    "by a hash of the UDP/TCP payload, so that the same datagram always gets the "
+                    "same answer (to test a path)")
         ->capture_default_str()
+        ->type_name("VERDICT")
         ->check(Accepts("a verdict", ParseVerdict));
-    sub->add_option("--mark", o.mark, "Give every packet this mark with its verdict");
+    sub->add_option("--mark", o.mark, "Give every packet this mark with its verdict")
+        ->type_name("MARK");
     sub->add_option("--rewrite-udp-payload", o.rewrite,
-                    "Write this text over the start of every UDP payload (checksums refilled)");
-    sub->add_option("--count", o.count, "Stop after this many packets")
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 62));
-    sub->add_option("--duration", o.duration, "Stop after this many seconds")
-        ->check(CLI::Range(0.001, 1e7));
-    sub->add_option("--queue-range", o.queueRange, "Queue numbers to take from, A-B")
+                    "Write this text over the start of every UDP payload (checksums refilled)")
+        ->type_name("TEXT");
+    sub->add_option("--count", o.count, "Stop after this many packets (1 or more)")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber.description(""));
+    sub->add_option("--duration", o.duration,
+                    "Stop after this time: 500ms, 30s, 5m, 1h; a bare number is seconds")
+        ->type_name("TIME")
+        ->check(Accepts("a duration (500ms, 30s, 5m, 1h)", [](const std::string& t) {
+            const auto d = ParseDuration(t);
+            return d && d->count() > 0 ? d : std::nullopt;
+        }));
+    sub->add_option("--queue-range", o.queueRange,
+                    "Queue numbers to take two consecutive ones from, A-B (0 to 65535)")
         ->capture_default_str()
+        ->type_name("A-B")
         ->check(Accepts("a queue range A-B", ParseQueueRange));
     sub->add_flag("--fail-closed", o.failClosed,
                   "Drop the selected packets while nobody reads the queues");
-    sub->add_option("--tag", o.tag, "Tag of the firewall rules")
+    sub->add_option("--tag", o.tag, "Tag of the firewall rules (letters, digits, _.-@)")
         ->capture_default_str()
+        ->type_name("TAG")
         ->check(Accepts("a tag (letters, digits, _.-@)", [](const std::string& t) {
             return ValidTag(t) ? std::optional<bool>(true) : std::nullopt;
         }));

@@ -40,22 +40,6 @@ std::optional<std::uint32_t> ParseDirection(std::string_view text) {
     return std::nullopt;
 }
 
-std::optional<std::uint8_t> ParseProtocol(std::string_view text) {
-    if (text == "tcp") {
-        return 6;
-    }
-    if (text == "udp") {
-        return 17;
-    }
-    if (text == "icmp") {
-        return 1;
-    }
-    if (text == "icmpv6") {
-        return 58;
-    }
-    return ParseNumber<std::uint8_t>(text, 1, 255);
-}
-
 std::optional<dwi::firewall::PortRange> ParsePortRange(std::string_view text) {
     const std::size_t dash = text.find('-');
     const auto first = ParseNumber<std::uint16_t>(text.substr(0, dash), 1, 65535);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "dwi/firewall/rules.h"
+#include "host/ip_protocol.h"
 #include "network_traffic_interceptor/verdict.h"
 
 namespace nti::host {
@@ -16,8 +17,6 @@ namespace nti::host {
 
 // ParseDirection: "in", "out", "fwd-in", "fwd-out" as direction bits.
 std::optional<std::uint32_t> ParseDirection(std::string_view text);
-// ParseProtocol: "tcp", "udp", "icmp", "icmpv6" or a number 1-255.
-std::optional<std::uint8_t> ParseProtocol(std::string_view text);
 // ParsePortRange: "N" or "N-M" with 1 <= N <= M <= 65535.
 std::optional<dwi::firewall::PortRange> ParsePortRange(std::string_view text);
 // ParseNetwork: an IPv4 or IPv6 address with an optional "/prefix" (a host

@@ -1,5 +1,6 @@
 // nti stats: per-connection traffic statistics from the module's
 // ConnectionCounters, printed interval by interval.
+#include <net/if.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -12,8 +13,13 @@
 #include <vector>
 
 #include "host/commands/commands.h"
+#include "host/commands/intercept_options.h"
+#include "host/commands/option_checks.h"
 #include "host/commands/stats_format.h"
+#include "host/duration.h"
 #include "host/exit_signals.h"
+#include "host/json_records.h"
+#include "host/netns.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/result.h"
 
@@ -30,6 +36,10 @@ struct StatsOptions {
     std::string alignment = "epoch";
     std::uint64_t intervals = 0;  // 0: until a signal
     bool json = false;
+    bool wide = false;
+    std::string protocol;
+    std::string interfaceName;
+    std::string address;
     bool unregister = false;
     bool noRead = false;
     std::string ip6tables = "auto";
@@ -39,6 +49,8 @@ struct StatsOptions {
 // The validated form of StatsOptions.
 struct StatsSettings {
     std::uint32_t periodMs = 0;
+    std::optional<std::uint8_t> protocol;
+    std::optional<dwi::firewall::IpNetwork> address;
     PeriodAlignment alignment = PeriodAlignment::EpochStartDate;
     CommonOptions common;
 };
@@ -61,12 +73,12 @@ std::optional<std::uint32_t> ParseMark(const std::string& text) {
 std::optional<StatsSettings> Validate(const CommonOptions& common, const StatsOptions& o) {
     StatsSettings s;
     s.common = common;
-    const auto period = ParsePeriod(o.period);
+    const auto period = ParseDuration(o.period);
     const auto alignment = ParseAlignment(o.alignment);
-    if (!period) {
+    if (!period || period->count() < 1 || *period > std::chrono::hours(24)) {
         std::fprintf(stderr,
-                     "nti stats: --period %s: expected seconds (5, 5s) or milliseconds (500ms), "
-                     "1 ms to 24 h\n",
+                     "nti stats: --period %s: expected a time from 1ms to 24h, such as 500ms, "
+                     "5s, 1m or 5 (seconds)\n",
                      o.period.c_str());
         return std::nullopt;
     }
@@ -98,21 +110,39 @@ std::optional<StatsSettings> Validate(const CommonOptions& common, const StatsOp
         }
         s.common.nflogBypassMark = *mark;
     }
-    s.periodMs = *period;
+    s.periodMs = static_cast<std::uint32_t>(period->count());
     s.alignment = *alignment;
+    if (!o.protocol.empty()) {
+        s.protocol = ParseProtocol(o.protocol);
+    }
+    if (!o.address.empty()) {
+        s.address = ParseNetwork(o.address);
+    }
     return s;
 }
 
-// Printer writes intervals in the chosen form and counts the fresh ones.
+// Printer writes the selected connections of each interval in the chosen
+// form and counts the fresh intervals.
 class Printer {
 public:
-    Printer(std::uint32_t id, bool json) : m_id(id), m_json(json) {}
+    Printer(std::uint32_t id, const StatsSettings& settings, const StatsOptions& options)
+        : m_id(id), m_settings(settings), m_options(options) {}
 
     void Print(const std::vector<IntervalCounters>& intervals, bool restored) {
-        for (const auto& interval : intervals) {
-            const IntervalHeader header{m_id, restored};
+        StatsFilter filter{m_settings.protocol, m_settings.address, std::nullopt};
+        if (!m_options.interfaceName.empty()) {
+            // Read each time: addresses come and go. An interface that is
+            // not there (yet) has no connections.
+            filter.interface =
+                LookupInterface(m_options.interfaceName).value_or(InterfaceIdentity{});
+        }
+        for (const auto& whole : intervals) {
+            const IntervalCounters interval{whole.begin, whole.end,
+                                            SortedByBytes(Filtered(whole.counters, filter))};
             const std::string text =
-                m_json ? FormatJsonLine(header, interval) : FormatTable(header, interval) + "\n";
+                m_options.json
+                    ? JsonLine(IntervalJson(m_id, interval, restored))
+                    : FormatTable(IntervalHeader{m_id, restored}, interval, m_options.wide) + "\n";
             std::fwrite(text.data(), 1, text.size(), stdout);
             if (!restored) {
                 ++m_fresh;
@@ -124,7 +154,8 @@ public:
 
 private:
     std::uint32_t m_id;
-    bool m_json;
+    const StatsSettings& m_settings;
+    const StatsOptions& m_options;
     std::uint64_t m_fresh = 0;
 };
 
@@ -138,6 +169,10 @@ struct SignalFd {
 };
 
 int Run(const StatsSettings& s, const StatsOptions& o) {
+    if (!HasNetAdmin()) {
+        std::fprintf(stderr, "nti stats: needs root or CAP_NET_ADMIN\n");
+        return kExitUsage;
+    }
     // Signals arrive through a descriptor; the host threads started below
     // inherit the mask.
     const SignalFd signalFd{OpenExitSignalFd()};
@@ -151,7 +186,8 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
         std::fprintf(stderr, "nti stats: cannot load module: %s\n", host.Error().c_str());
         return kExitFailure;
     }
-    if (const qor::result_t r = host.StartFirewall(FirewallSettings{}); !QOR_SUCCEEDED(r)) {
+    if (const qor::result_t r = host.StartFirewall(FirewallSettings{.queues = false});
+        !QOR_SUCCEEDED(r)) {
         std::fprintf(stderr, "nti stats: %s: %s\n", host.Error().c_str(),
                      qor::FormatResult(r).c_str());
         return kExitFailure;
@@ -171,7 +207,7 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
                          qor::FormatResult(r).c_str());
             return kExitFailure;
         }
-        Printer printer(o.id, o.json);
+        Printer printer(o.id, s, o);
         // What an earlier run saved comes first (unknown id: nothing saved).
         std::vector<IntervalCounters> intervals;
         if (!o.noRead && QOR_SUCCEEDED(counters->ReadCounters(o.id, intervals))) {
@@ -207,7 +243,9 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
             printer.Print(intervals, false);
             // SIGPIPE is ignored: a reader that went away ends the run here,
             // so the collector is still unregistered and its interval saved.
-            if (std::fflush(stdout) != 0) {
+            // The failed flush inside Print already dropped what it held:
+            // the error flag is what remains of it.
+            if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
                 break;
             }
         }
@@ -227,33 +265,57 @@ CommandRunner AddStatsCommand(CLI::App& app) {
     CLI::App* sub = app.add_subcommand(
         "stats",
         "Count packets and bytes per connection through the module's statistics service and "
-        "print each closed interval, largest connections first. Intervals closed but not "
-        "printed when the run ends are saved in the state directory (--state-dir) and printed "
-        "first by the "
-        "next run. Installs NFLOG firewall rules: run it only inside a network namespace "
-        "made for it.");
+        "print each closed interval: a table with one row per connection, largest first, or "
+        "JSON interval records (--json).\n"
+        "\n"
+        "Changes on this machine while it runs: NFLOG firewall rules (see --firewall) that "
+        "copy packet headers to nti (packets pass as before). It ends at --intervals, SIGINT, "
+        "SIGTERM, SIGHUP, SIGQUIT or a closed "
+        "standard output, and then removes its rules. Intervals closed but not printed are "
+        "saved in the state directory (--state-dir) and printed first by the next run with the "
+        "same --id; --unregister drops them instead. Needs root or CAP_NET_ADMIN.");
     StatsOptions& o = *options;
-    sub->add_option("--id", o.id, "Collector id")->capture_default_str();
+    sub->add_option("--id", o.id, "Collector id")->capture_default_str()->type_name("N");
     sub->add_option("--period", o.period,
-                    "Interval length: seconds (5 or 5s) or milliseconds (500ms)")
-        ->capture_default_str();
+                    "Interval length, 1ms to 24h: 500ms, 5s, 1m; a bare number is seconds")
+        ->capture_default_str()
+        ->type_name("TIME");
     sub->add_option("--alignment", o.alignment,
-                    "epoch, or registration: the first interval holds only traffic after the "
-                    "collector was registered")
-        ->capture_default_str();
-    sub->add_option(
-        "--intervals", o.intervals,
-        "Stop after printing this many new intervals (default: at SIGINT/SIGTERM/SIGHUP/SIGQUIT)");
-    sub->add_flag("--json", o.json, "One JSON object per interval and line");
+                    "epoch (intervals start at multiples of the period), or registration: the "
+                    "first interval holds only traffic after the collector was registered")
+        ->capture_default_str()
+        ->type_name("WHEN");
+    sub->add_option("--intervals", o.intervals,
+                    "Stop after printing this many new intervals (default: at a signal)")
+        ->type_name("N");
+    sub->add_option("--proto", o.protocol,
+                    "Only connections of this protocol: tcp, udp, icmp, icmpv6 or a number")
+        ->type_name("PROTO")
+        ->check(Accepts("a protocol", ParseProtocol));
+    sub->add_option("--interface", o.interfaceName,
+                    "Only connections whose local address or MAC address is this interface's")
+        ->type_name("NAME")
+        ->check(Accepts("an interface name (1 to 15 characters)", [](const std::string& name) {
+            return !name.empty() && name.size() < IF_NAMESIZE ? std::optional<bool>(true)
+                                                              : std::nullopt;
+        }));
+    sub->add_option("--addr", o.address,
+                    "Only connections with this address or network (CIDR) at either end")
+        ->type_name("ADDR")
+        ->check(Accepts("an address or CIDR network", ParseNetwork));
+    sub->add_flag("--json", o.json, "One JSON interval record per line (see docs/json.md)");
+    sub->add_flag("--wide", o.wide, "Add the local and remote MAC addresses to the table");
     sub->add_flag("--no-read", o.noRead,
                   "Count without printing until an ending signal: every interval is saved for the "
                   "next run");
     sub->add_flag("--unregister", o.unregister,
                   "Unregister the collector at the end: unread intervals are dropped, not saved");
     sub->add_option("--ip6tables", o.ip6tables, "auto, yes or no: also log IPv6 through ip6tables")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->type_name("WHEN");
     sub->add_option("--nflog-bypass-mark", o.bypassMark,
-                    "Packets with this firewall mark are not counted (default 0x4e544900)");
+                    "Packets with this firewall mark are not counted (default 0x4e544900)")
+        ->type_name("MARK");
     return [options](const CommonOptions& common) {
         const auto settings = Validate(common, *options);
         if (!settings) {

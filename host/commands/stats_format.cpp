@@ -1,13 +1,18 @@
 #include "host/commands/stats_format.h"
 
-#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <netinet/in.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cinttypes>
-#include <cstdio>
-#include <ctime>
+#include <cstring>
+#include <map>
 #include <tuple>
+
+#include "host/ip_protocol.h"
+#include "host/json_records.h"
 
 namespace nti::host {
 
@@ -18,48 +23,66 @@ using system_interceptors::net::statistics::PeriodAlignment;
 
 namespace {
 
-constexpr std::uint64_t kTicksPerSecond = 10'000'000;
-constexpr std::uint64_t kUnixEpochTicks = 116'444'736'000'000'000;  // 1601 -> 1970
-constexpr std::uint32_t kMaxPeriodMs = 24 * 60 * 60 * 1000;
+const std::uint8_t* Bytes(const ip_t& ip) {
+    return ip.family == 4 ? ip.v4.bytes.data() : ip.v6.bytes.data();
+}
 
-std::string IpText(const ip_t& ip) {
-    char text[INET6_ADDRSTRLEN] = {};
-    if (ip.family == 4) {
-        inet_ntop(AF_INET, ip.v4.bytes.data(), text, sizeof(text));
-    } else {
-        inet_ntop(AF_INET6, ip.v6.bytes.data(), text, sizeof(text));
+bool InNetwork(const std::optional<ip_t>& ip, const dwi::firewall::IpNetwork& net) {
+    if (!ip || ip->family != net.family) {
+        return false;
     }
-    return text;
+    const std::uint8_t* bytes = Bytes(*ip);
+    for (unsigned bit = 0; bit < net.prefixLength; ++bit) {
+        const auto mask = static_cast<std::uint8_t>(0x80u >> (bit % 8));
+        if ((bytes[bit / 8] & mask) != (net.address[bit / 8] & mask)) {
+            return false;
+        }
+    }
+    return true;
 }
 
-std::string MacText(const qor::mac48_address_t& mac) {
-    char text[18];
-    std::snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x", mac.bytes[0], mac.bytes[1],
-                  mac.bytes[2], mac.bytes[3], mac.bytes[4], mac.bytes[5]);
-    return text;
+bool OnInterface(const ConnectionCounter& c, const InterfaceIdentity& interface) {
+    if (c.localMac && c.localMac == interface.mac) {
+        return true;
+    }
+    return c.localIp && std::find(interface.addresses.begin(), interface.addresses.end(),
+                                  *c.localIp) != interface.addresses.end();
 }
 
-// EndpointText: "198.18.0.1:53", "[fd00::1]:53", or "-" when unknown.
-std::string EndpointText(const std::optional<ip_t>& ip, const std::optional<std::uint16_t>& port) {
+bool ShowsPorts(const ConnectionCounter& c) {
+    return !c.ipProtocol || HasPorts(*c.ipProtocol);
+}
+
+// EndpointText: "198.18.0.1:53", "[fd00::1]:53", "[fd00::1]" (no port for
+// ICMP and the like), or "-" when unknown.
+std::string EndpointText(const std::optional<ip_t>& ip, const std::optional<std::uint16_t>& port,
+                         bool showPort) {
     if (!ip) {
         return "-";
     }
     // Appends rather than operator+: GCC 12 warns falsely (-Wrestrict) on the
     // chained form at -O3.
-    const bool bracket = ip->family == 6 && port;
     std::string text;
-    if (bracket) {
+    if (ip->family == 6) {
         text.push_back('[');
     }
     text.append(IpText(*ip));
-    if (bracket) {
+    if (ip->family == 6) {
         text.push_back(']');
     }
-    if (port) {
+    if (port && showPort) {
         text.push_back(':');
         text.append(std::to_string(*port));
     }
     return text;
+}
+
+std::string LocalText(const ConnectionCounter& c) {
+    return EndpointText(c.localIp, c.localPort, ShowsPorts(c));
+}
+
+std::string RemoteText(const ConnectionCounter& c) {
+    return EndpointText(c.remoteIp, c.remotePort, ShowsPorts(c));
 }
 
 std::string GatewayText(const ConnectionCounter& c) {
@@ -69,58 +92,14 @@ std::string GatewayText(const ConnectionCounter& c) {
     return IpText(*c.gatewayIp) + (c.gatewayMac ? " (" + MacText(*c.gatewayMac) + ")" : "");
 }
 
-std::string JsonString(const std::string& text) {
-    std::string out = "\"";
-    for (const char ch : text) {
-        if (ch == '"' || ch == '\\') {
-            out += '\\';
-        }
-        out += ch;
+template <class T>
+void Fill(std::optional<T>& into, const std::optional<T>& from) {
+    if (!into) {
+        into = from;
     }
-    return out + "\"";
-}
-
-template <class T, class F>
-std::string JsonOptional(const std::optional<T>& value, F&& render) {
-    return value ? render(*value) : std::string("null");
 }
 
 }  // namespace
-
-std::string ProtocolText(const std::optional<std::uint8_t>& protocol) {
-    if (!protocol) {
-        return "-";
-    }
-    switch (*protocol) {
-        case 1:
-            return "icmp";
-        case 6:
-            return "tcp";
-        case 17:
-            return "udp";
-        case 58:
-            return "icmpv6";
-        default:
-            return std::to_string(*protocol);
-    }
-}
-
-std::optional<std::uint32_t> ParsePeriod(std::string_view text) {
-    std::uint64_t multiplier = 1000;
-    if (text.ends_with("ms")) {
-        multiplier = 1;
-        text.remove_suffix(2);
-    } else if (text.ends_with("s")) {
-        text.remove_suffix(1);
-    }
-    std::uint64_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || error != std::errc{} || end != text.data() + text.size() || value == 0 ||
-        value > kMaxPeriodMs / multiplier) {
-        return std::nullopt;
-    }
-    return static_cast<std::uint32_t>(value * multiplier);
-}
 
 std::optional<PeriodAlignment> ParseAlignment(std::string_view text) {
     if (text == "epoch") {
@@ -132,16 +111,82 @@ std::optional<PeriodAlignment> ParseAlignment(std::string_view text) {
     return std::nullopt;
 }
 
-std::string TicksToIso8601(std::uint64_t ticks) {
-    const std::uint64_t unixTicks = ticks >= kUnixEpochTicks ? ticks - kUnixEpochTicks : 0;
-    const auto seconds = static_cast<std::time_t>(unixTicks / kTicksPerSecond);
-    const auto millis = static_cast<unsigned>(unixTicks % kTicksPerSecond / 10'000);
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    char text[80];
-    std::snprintf(text, sizeof(text), "%04d-%02d-%02dT%02d:%02d:%02d.%03uZ", utc.tm_year + 1900,
-                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, millis);
-    return text;
+std::optional<InterfaceIdentity> LookupInterface(const std::string& name) {
+    if (if_nametoindex(name.c_str()) == 0) {
+        return std::nullopt;
+    }
+    InterfaceIdentity identity;
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) {
+        return identity;
+    }
+    for (const ifaddrs* a = list; a != nullptr; a = a->ifa_next) {
+        if (a->ifa_addr == nullptr || name != a->ifa_name) {
+            continue;
+        }
+        ip_t ip;
+        if (a->ifa_addr->sa_family == AF_INET) {
+            ip.family = 4;
+            std::memcpy(ip.v4.bytes.data(),
+                        &reinterpret_cast<const sockaddr_in*>(a->ifa_addr)->sin_addr, 4);
+            identity.addresses.push_back(ip);
+        } else if (a->ifa_addr->sa_family == AF_INET6) {
+            ip.family = 6;
+            std::memcpy(ip.v6.bytes.data(),
+                        &reinterpret_cast<const sockaddr_in6*>(a->ifa_addr)->sin6_addr, 16);
+            identity.addresses.push_back(ip);
+        } else if (a->ifa_addr->sa_family == AF_PACKET) {
+            const auto* link = reinterpret_cast<const sockaddr_ll*>(a->ifa_addr);
+            if (link->sll_halen == 6) {
+                qor::mac48_address_t mac;
+                std::memcpy(mac.bytes.data(), link->sll_addr, 6);
+                identity.mac = mac;
+            }
+        }
+    }
+    freeifaddrs(list);
+    return identity;
+}
+
+std::vector<ConnectionCounter> Filtered(const std::vector<ConnectionCounter>& counters,
+                                        const StatsFilter& filter) {
+    std::vector<ConnectionCounter> kept;
+    for (const ConnectionCounter& c : counters) {
+        if ((filter.protocol && c.ipProtocol != filter.protocol) ||
+            (filter.address && !InNetwork(c.localIp, *filter.address) &&
+             !InNetwork(c.remoteIp, *filter.address)) ||
+            (filter.interface && !OnInterface(c, *filter.interface))) {
+            continue;
+        }
+        kept.push_back(c);
+    }
+    return kept;
+}
+
+std::vector<ConnectionCounter> MergedByConnection(const std::vector<ConnectionCounter>& counters) {
+    using Key = std::tuple<std::string, std::string, std::optional<std::uint8_t>>;
+    std::map<Key, std::size_t> index;
+    std::vector<ConnectionCounter> merged;
+    for (const ConnectionCounter& c : counters) {
+        const auto [it, added] =
+            index.try_emplace(Key{LocalText(c), RemoteText(c), c.ipProtocol}, merged.size());
+        if (added) {
+            merged.push_back(c);
+            continue;
+        }
+        ConnectionCounter& m = merged[it->second];
+        m.packetsSent += c.packetsSent;
+        m.bytesSent += c.bytesSent;
+        m.packetsReceived += c.packetsReceived;
+        m.bytesReceived += c.bytesReceived;
+        m.proxyDetected = m.proxyDetected || c.proxyDetected;
+        Fill(m.localMac, c.localMac);
+        Fill(m.remoteMac, c.remoteMac);
+        Fill(m.gatewayIp, c.gatewayIp);
+        Fill(m.gatewayMac, c.gatewayMac);
+        Fill(m.domain, c.domain);
+    }
+    return merged;
 }
 
 std::vector<ConnectionCounter> SortedByBytes(const std::vector<ConnectionCounter>& counters) {
@@ -154,8 +199,7 @@ std::vector<ConnectionCounter> SortedByBytes(const std::vector<ConnectionCounter
     std::vector<Row> rows;
     rows.reserve(counters.size());
     for (const auto& c : counters) {
-        rows.push_back({c.bytesSent + c.bytesReceived, EndpointText(c.localIp, c.localPort),
-                        EndpointText(c.remoteIp, c.remotePort), &c});
+        rows.push_back({c.bytesSent + c.bytesReceived, LocalText(c), RemoteText(c), &c});
     }
     std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
         return std::tie(b.bytes, a.local, a.remote) < std::tie(a.bytes, b.local, b.remote);
@@ -168,63 +212,56 @@ std::vector<ConnectionCounter> SortedByBytes(const std::vector<ConnectionCounter
     return sorted;
 }
 
-std::string FormatTable(const IntervalHeader& header, const IntervalCounters& interval) {
-    std::string out;
-    char line[512];
-    std::snprintf(line, sizeof(line),
-                  "collector %" PRIu32 " interval %s .. %s%s: %zu connections\n", header.collector,
-                  TicksToIso8601(interval.begin).c_str(), TicksToIso8601(interval.end).c_str(),
-                  header.restored ? " (saved earlier)" : "", interval.counters.size());
-    out += line;
-    if (interval.counters.empty()) {
+std::string FormatTable(const IntervalHeader& header, const IntervalCounters& interval, bool wide) {
+    const std::vector<ConnectionCounter> rows =
+        SortedByBytes(MergedByConnection(interval.counters));
+    std::string out = "collector " + std::to_string(header.collector) + " interval " +
+                      TicksToIso8601(interval.begin) + " .. " + TicksToIso8601(interval.end) +
+                      (header.restored ? " (saved earlier)" : "") + ": " +
+                      std::to_string(rows.size()) + " connections\n";
+    if (rows.empty()) {
         return out;
     }
-    std::snprintf(line, sizeof(line), "%-46s %-46s %-6s %10s %12s %10s %12s  %s\n", "LOCAL",
-                  "REMOTE", "PROTO", "PKTS_OUT", "BYTES_OUT", "PKTS_IN", "BYTES_IN", "GATEWAY");
-    out += line;
-    for (const auto& c : SortedByBytes(interval.counters)) {
-        std::snprintf(
-            line, sizeof(line),
-            "%-46s %-46s %-6s %10" PRIu64 " %12" PRIu64 " %10" PRIu64 " %12" PRIu64 "  %s\n",
-            EndpointText(c.localIp, c.localPort).c_str(),
-            EndpointText(c.remoteIp, c.remotePort).c_str(), ProtocolText(c.ipProtocol).c_str(),
-            c.packetsSent, c.bytesSent, c.packetsReceived, c.bytesReceived, GatewayText(c).c_str());
-        out += line;
+    // Text cells are padded to the widest one; the last column is not.
+    std::vector<std::vector<std::string>> cells{{"PROTO", "LOCAL", "REMOTE"}};
+    if (wide) {
+        cells.front().insert(cells.front().end(), {"LOCAL_MAC", "REMOTE_MAC"});
+    }
+    cells.front().insert(cells.front().end(),
+                         {"PKTS_OUT", "BYTES_OUT", "PKTS_IN", "BYTES_IN", "GATEWAY"});
+    const auto mac = [](const std::optional<qor::mac48_address_t>& m) {
+        return m ? MacText(*m) : std::string("-");
+    };
+    for (const ConnectionCounter& c : rows) {
+        std::vector<std::string> row{c.ipProtocol ? ProtocolName(*c.ipProtocol) : "-", LocalText(c),
+                                     RemoteText(c)};
+        if (wide) {
+            row.insert(row.end(), {mac(c.localMac), mac(c.remoteMac)});
+        }
+        row.insert(row.end(), {std::to_string(c.packetsSent), std::to_string(c.bytesSent),
+                               std::to_string(c.packetsReceived), std::to_string(c.bytesReceived),
+                               GatewayText(c)});
+        cells.push_back(std::move(row));
+    }
+    const std::size_t columns = cells.front().size();
+    const std::size_t firstNumber = columns - 5;
+    std::vector<std::size_t> width(columns, 0);
+    for (const auto& row : cells) {
+        for (std::size_t i = 0; i < columns; ++i) {
+            width[i] = std::max(width[i], row[i].size());
+        }
+    }
+    for (const auto& row : cells) {
+        std::string line;
+        for (std::size_t i = 0; i < columns; ++i) {
+            const std::string pad(width[i] - row[i].size(), ' ');
+            const bool number = i >= firstNumber && i + 1 < columns;
+            line += i == 0 ? "" : "  ";
+            line += number ? pad + row[i] : i + 1 < columns ? row[i] + pad : row[i];
+        }
+        out += line + '\n';
     }
     return out;
-}
-
-std::string FormatJsonLine(const IntervalHeader& header, const IntervalCounters& interval) {
-    const auto ip = [](const ip_t& v) { return JsonString(IpText(v)); };
-    const auto mac = [](const qor::mac48_address_t& v) { return JsonString(MacText(v)); };
-    const auto number = [](auto v) { return std::to_string(v); };
-    std::string out = "{\"collector\":" + std::to_string(header.collector) +
-                      ",\"restored\":" + (header.restored ? "true" : "false") +
-                      ",\"begin\":" + std::to_string(interval.begin) +
-                      ",\"end\":" + std::to_string(interval.end) +
-                      ",\"beginTime\":" + JsonString(TicksToIso8601(interval.begin)) +
-                      ",\"endTime\":" + JsonString(TicksToIso8601(interval.end)) +
-                      ",\"connections\":[";
-    bool first = true;
-    for (const auto& c : SortedByBytes(interval.counters)) {
-        out += first ? "" : ",";
-        first = false;
-        out += "{\"localMac\":" + JsonOptional(c.localMac, mac) +
-               ",\"localIp\":" + JsonOptional(c.localIp, ip) +
-               ",\"localPort\":" + JsonOptional(c.localPort, number) +
-               ",\"remoteMac\":" + JsonOptional(c.remoteMac, mac) +
-               ",\"remoteIp\":" + JsonOptional(c.remoteIp, ip) +
-               ",\"remotePort\":" + JsonOptional(c.remotePort, number) +
-               ",\"protocol\":" + JsonOptional(c.ipProtocol, number) +
-               ",\"etherType\":" + std::to_string(c.etherType) +
-               ",\"packetsSent\":" + std::to_string(c.packetsSent) +
-               ",\"bytesSent\":" + std::to_string(c.bytesSent) +
-               ",\"packetsReceived\":" + std::to_string(c.packetsReceived) +
-               ",\"bytesReceived\":" + std::to_string(c.bytesReceived) +
-               ",\"gatewayIp\":" + JsonOptional(c.gatewayIp, ip) +
-               ",\"gatewayMac\":" + JsonOptional(c.gatewayMac, mac) + "}";
-    }
-    return out + "]}\n";
 }
 
 }  // namespace nti::host

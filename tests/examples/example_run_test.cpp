@@ -35,13 +35,13 @@ TEST(ExampleOptionsTest, RunOptionsAreParsedAndOthersLeftToTheExample) {
     EXPECT_TRUE(example::ParseRunOption('L', "800", args));
     EXPECT_TRUE(example::ParseRunOption('J', nullptr, args));
     EXPECT_TRUE(example::ParseRunOption('c', "5", args));
-    EXPECT_TRUE(example::ParseRunOption('d', "60", args));
+    EXPECT_TRUE(example::ParseRunOption('d', "1m", args));
     EXPECT_FALSE(example::ParseRunOption('h', nullptr, args));
     EXPECT_EQ(args.host.module, "/x/libm.so");
     EXPECT_EQ(args.host.traceLevel, 800u);
     EXPECT_TRUE(args.host.traceJournal);
     EXPECT_EQ(args.count, 5u);
-    EXPECT_EQ(args.duration, 60u);
+    EXPECT_EQ(args.duration, std::chrono::seconds(60));
     EXPECT_EXIT(example::ParseRunOption('c', "5x", args), testing::ExitedWithCode(2),
                 "--count: not a number: 5x");
 

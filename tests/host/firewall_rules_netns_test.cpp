@@ -2,11 +2,14 @@
 // of its own (the test process leaves its namespace by unshare).
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "host/firewall_rules.h"
 #include "host/process.h"
@@ -219,6 +222,24 @@ TEST_F(DynamicRulesNetnsTest, InitializeSweepsRulesOfEndedRunsOnly) {
         EXPECT_NE(text.find("foreign"), std::string::npos);
         EXPECT_NE(text.find("nti:" + m_me + ":mine"), std::string::npos);
     }
+}
+
+TEST_F(DynamicRulesNetnsTest, ExceptionEscapingAThreadRemovesRulesAndChainsBeforeTheAbort) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        InstallTerminateCleanup();
+        auto rules = qor::object::Create<DynamicRules>(FirewallOptions{}, nullptr);
+        if (rules->Initialize() != 0 || rules->AddRules({Udp(0, 7, 9)}, "x") != 0) {
+            ::_exit(3);
+        }
+        std::thread([] { throw std::runtime_error("escaped"); }).join();
+        ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+    EXPECT_EQ(OurLines("iptables-save"), std::vector<std::string>{});
+    EXPECT_EQ(OurLines("ip6tables-save"), std::vector<std::string>{});
 }
 
 }  // namespace

@@ -40,20 +40,23 @@ struct RenderCase {
     dwi::firewall::Rule rule;
     const char* v4;  // nullptr: no IPv4 rule
     const char* v6;  // nullptr: no IPv6 rule
+    // The nftables rule for the first family that has one: the same packets.
+    const char* nft;
 };
 
 // What iptables-save prints for each record: the text is used for deletion,
 // so it has to match byte for byte.
 std::vector<RenderCase> RenderCases() {
     std::vector<RenderCase> cases;
-    const auto add = [&](const char* name, dwi::firewall::Rule rule, const char* v4,
-                         const char* v6) {
-        cases.push_back({name, std::move(rule), v4, v6});
+    const auto add = [&](const char* name, dwi::firewall::Rule rule, const char* v4, const char* v6,
+                         const char* nft) {
+        cases.push_back({name, std::move(rule), v4, v6, nft});
     };
 
     add("inbound any", Queue(0, 1000),
         "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
-        "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass");
+        "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
+        "input meta nfproto ipv4 queue num 1000 bypass comment \"nti:7:svc\"");
     {
         QueueRule r = Queue(0, 1000);
         r.protocol = 17;
@@ -66,7 +69,10 @@ std::vector<RenderCase> RenderCases() {
             "NTI_IN -s 198.18.0.0/15 -d 198.18.0.2/32 -i veth0 -p udp -m udp --sport 1024:2048 "
             "--dport 5000 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
             "--queue-bypass",
-            nullptr);
+            nullptr,
+            "input meta nfproto ipv4 ip saddr 198.18.0.0/15 ip daddr 198.18.0.2/32 iifname "
+            "\"veth0\" meta l4proto 17 th sport 1024-2048 th dport 5000 queue num 1000 bypass "
+            "comment \"nti:7:svc\"");
     }
     {
         QueueRule r = Queue(dwi::firewall::kOutbound, 1001);
@@ -77,7 +83,9 @@ std::vector<RenderCase> RenderCases() {
         add("outbound tcp: local is the source", r,
             "NTI_OUT -s 198.18.0.2/32 -o veth0 -p tcp -m tcp --sport 80 -m comment --comment "
             "\"nti:7:svc\" -j NFQUEUE --queue-num 1001 --queue-bypass",
-            nullptr);
+            nullptr,
+            "output meta nfproto ipv4 ip saddr 198.18.0.2/32 oifname \"veth0\" meta l4proto 6 "
+            "th sport 80 queue num 1001 bypass comment \"nti:7:svc\"");
     }
     {
         QueueRule r = Queue(dwi::firewall::kForwarded, 1000);
@@ -86,7 +94,9 @@ std::vector<RenderCase> RenderCases() {
         add("forwarded in by input interface; icmp is IPv4 only", r,
             "NTI_FWD -i in0 -p icmp -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num "
             "1000 --queue-bypass",
-            nullptr);
+            nullptr,
+            "forward meta nfproto ipv4 iifname \"in0\" meta l4proto 1 queue num 1000 bypass "
+            "comment \"nti:7:svc\"");
     }
     {
         QueueRule r = Queue(dwi::firewall::kForwarded | dwi::firewall::kOutbound, 1001);
@@ -95,7 +105,9 @@ std::vector<RenderCase> RenderCases() {
         r.remoteAddress = V6Net(0x99, 64);
         add("forwarded out by output interface; ipv6-icmp is IPv6 only", r, nullptr,
             "NTI_FWD -d fd00:198:18::/64 -o out0 -p ipv6-icmp -m comment --comment \"nti:7:svc\" "
-            "-j NFQUEUE --queue-num 1001 --queue-bypass");
+            "-j NFQUEUE --queue-num 1001 --queue-bypass",
+            "forward meta nfproto ipv6 ip6 daddr fd00:198:18::/64 oifname \"out0\" meta l4proto "
+            "58 queue num 1001 bypass comment \"nti:7:svc\"");
     }
     {
         QueueRule r = Queue(0, 1000);
@@ -104,7 +116,8 @@ std::vector<RenderCase> RenderCases() {
         add("family 4 and a numeric protocol", r,
             "NTI_IN -p 47 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
             "--queue-bypass",
-            nullptr);
+            nullptr,
+            "input meta nfproto ipv4 meta l4proto 47 queue num 1000 bypass comment \"nti:7:svc\"");
     }
     {
         QueueRule r = Queue(0, 1000);
@@ -112,7 +125,9 @@ std::vector<RenderCase> RenderCases() {
         r.localAddress = V6Net(2, 128);
         add("family 6 host address", r, nullptr,
             "NTI_IN -d fd00:198:18::2/128 -m comment --comment \"nti:7:svc\" -j NFQUEUE "
-            "--queue-num 1000 --queue-bypass");
+            "--queue-num 1000 --queue-bypass",
+            "input meta nfproto ipv6 ip6 daddr fd00:198:18::2/128 queue num 1000 bypass comment "
+            "\"nti:7:svc\"");
     }
     {
         NflogRule r;
@@ -128,7 +143,9 @@ std::vector<RenderCase> RenderCases() {
             "addrtype ! --dst-type BROADCAST -m comment --comment \"nti:7:svc\" -j NFLOG "
             "--nflog-group 10000",
             "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m comment "
-            "--comment \"nti:7:svc\" -j NFLOG --nflog-group 10000");
+            "--comment \"nti:7:svc\" -j NFLOG --nflog-group 10000",
+            "input meta nfproto ipv4 iifname != \"lo\" meta mark != 0x4000 fib daddr type != { "
+            "multicast, broadcast } log group 10000 comment \"nti:7:svc\"");
     }
     {
         NflogRule r;
@@ -137,7 +154,8 @@ std::vector<RenderCase> RenderCases() {
         r.excludeLoopback = true;
         r.ipVersion = 4;
         add("nflog output, IPv4 only", r,
-            "NTI_OUT ! -o lo -m comment --comment \"nti:7:svc\" -j NFLOG --nflog-group 5", nullptr);
+            "NTI_OUT ! -o lo -m comment --comment \"nti:7:svc\" -j NFLOG --nflog-group 5", nullptr,
+            "output meta nfproto ipv4 oifname != \"lo\" log group 5 comment \"nti:7:svc\"");
     }
     {
         NflogRule r;
@@ -149,12 +167,13 @@ std::vector<RenderCase> RenderCases() {
             "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
             "--nflog-group 10000",
             "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
-            "--nflog-group 10000");
+            "--nflog-group 10000",
+            "forward meta nfproto ipv4 meta mark != 0x0 log group 10000 comment \"nti:7:svc\"");
     }
     return cases;
 }
 
-TEST(RenderRuleTest, PrintsRulesAsIptablesSaveDoes) {
+TEST(RenderRuleTest, PrintsRulesAsIptablesSaveAndNftablesWantThem) {
     for (const RenderCase& c : RenderCases()) {
         SCOPED_TRACE(c.name);
         for (auto [family, expected] :
@@ -168,6 +187,11 @@ TEST(RenderRuleTest, PrintsRulesAsIptablesSaveDoes) {
             ASSERT_TRUE(text);
             EXPECT_EQ(text->chain + " " + text->spec, expected);
         }
+        const IpFamily first = c.v4 != nullptr ? IpFamily::kIpv4 : IpFamily::kIpv6;
+        std::optional<RuleText> nft;
+        ASSERT_EQ(RenderNftRule(c.rule, first, "nti:7:svc", false, nft), 0);
+        ASSERT_TRUE(nft);
+        EXPECT_EQ(nft->chain + " " + nft->spec, c.nft);
     }
 }
 

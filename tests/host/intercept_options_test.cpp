@@ -21,6 +21,10 @@ TEST(InterceptOptionsTest, ParsesAcceptedTextsAndRejectsTheRest) {
     EXPECT_EQ(ParseProtocol("icmp"), 1);
     EXPECT_EQ(ParseProtocol("icmpv6"), 58);
     EXPECT_EQ(ParseProtocol("132"), 132);
+    // Every name printed (iptables rules, tables, JSON) reads back as its number.
+    for (unsigned n = 1; n <= 255; ++n) {
+        EXPECT_EQ(ParseProtocol(ProtocolName(static_cast<std::uint8_t>(n))), n) << n;
+    }
     for (const char* bad : {"0", "256", "", "udp6", "-1"}) {
         EXPECT_FALSE(ParseProtocol(bad)) << bad;
     }

@@ -105,7 +105,7 @@ public:
     bool WaitForRules() const {
         for (int i = 0; i < 100; ++i) {
             std::string rules;
-            m_ns.Exec("iptables-save; ip6tables-save", &rules);
+            m_ns.Exec("iptables-save; ip6tables-save; nft list ruleset", &rules);
             if (rules.find("zolt_stats_in") != std::string::npos &&
                 rules.find("zolt_stats_out") != std::string::npos && Alive()) {
                 return true;
@@ -223,7 +223,7 @@ std::map<Flow, Counts> Totals(const std::vector<pt::ptree>& intervals, const std
             const bool localIsA = local.rfind(sideA, 0) == 0;
             const Flow flow{
                 localIsA ? local : remote, localIsA ? remote : local,
-                Text(c, "protocol") == "null" ? -1 : static_cast<int>(Number(c, "protocol"))};
+                Text(c, "ipProtocol") == "null" ? -1 : static_cast<int>(Number(c, "ipProtocol"))};
             Counts& counts = totals[flow];
             const auto sent = std::make_pair(Number(c, "packetsSent"), Number(c, "bytesSent"));
             const auto received =
@@ -422,8 +422,12 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
         const char* message;
     };
     const Case cases[] = {
-        {{"--period", "0"}, "--period 0: expected seconds"},
-        {{"--period", "5m"}, "--period 5m: expected seconds"},
+        {{"--period", "0"}, "--period 0: expected a time from 1ms to 24h"},
+        {{"--period", "25h"}, "--period 25h: expected a time"},
+        {{"--period", "5x"}, "--period 5x: expected a time"},
+        {{"--proto", "nope"}, "not a protocol: nope"},
+        {{"--addr", "198.18.0.0/40"}, "not an address or CIDR network: 198.18.0.0/40"},
+        {{"--interface", "a-name-of-16-chr"}, "not an interface name"},
         {{"--alignment", "now"}, "--alignment now: expected epoch or registration"},
         {{"--ip6tables", "maybe"}, "--ip6tables maybe: expected auto, yes or no"},
         {{"--nflog-bypass-mark", "0"}, "expected a non-zero 32-bit number"},
@@ -437,7 +441,7 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
         EXPECT_EQ(nti.Stdout(), "");
     }
     std::string rules;
-    m_host.Exec("iptables-save", &rules);
+    m_host.Exec("iptables-save; nft list ruleset", &rules);
     EXPECT_EQ(rules.find("zolt"), std::string::npos) << rules;
     EXPECT_FALSE(std::filesystem::exists(m_state.Path() / "state.db"));
 }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <set>
 #include <thread>
@@ -44,12 +45,24 @@ protected:
         static int serial = 0;
         m_net = std::make_unique<NetnsPair>("it" + std::to_string(++serial));
         ASSERT_TRUE(m_net->Ok());
+        char state[] = "/tmp/nti-intercept-test-XXXXXX";
+        ASSERT_NE(::mkdtemp(state), nullptr);
+        m_state = state;
     }
-    void TearDown() override { m_net.reset(); }
+    void TearDown() override {
+        m_net.reset();
+        if (!m_state.empty()) {
+            std::filesystem::remove_all(m_state);
+        }
+    }
 
-    std::vector<std::string> NtiArgv(const std::vector<std::string>& args) const {
-        std::vector<std::string> argv = {"ip",  "netns",    "exec",   m_net->Dut(),
-                                         m_bin, "--module", m_module, "intercept"};
+    std::vector<std::string> NtiArgv(const std::vector<std::string>& args,
+                                     const std::string& firewall = "auto",
+                                     const char* command = "intercept") const {
+        std::vector<std::string> argv = {"ip",     "netns",       "exec",   m_net->Dut(),
+                                         m_bin,    "--module",    m_module, "--firewall",
+                                         firewall, "--state-dir", m_state};
+        argv.push_back(command);
         argv.insert(argv.end(), args.begin(), args.end());
         return argv;
     }
@@ -107,8 +120,38 @@ protected:
         return arrived;
     }
 
+    // What nti left in the namespace's firewall: rules, chains, jumps, tables.
+    std::string DutLeftovers() const {
+        std::string left;
+        for (const char* save : {"iptables-save", "ip6tables-save"}) {
+            const std::string text = DutSave(save);
+            if (text.find("NTI_") != std::string::npos) {
+                left += text;
+            }
+        }
+        std::string tables;
+        RunIn(m_net->Dut(), {"nft", "list", "tables"}, &tables);
+        if (tables.find("nti_") != std::string::npos) {
+            left += tables;
+        }
+        return left;
+    }
+    // WaitForRules waits until the firewall holds a rule of nti.
+    bool WaitForRules() const {
+        for (const auto end = Clock::now() + 10s; Clock::now() < end;) {
+            std::string rules;
+            RunIn(m_net->Dut(), {"nft", "list", "ruleset"}, &rules);
+            if ((rules + DutSave("iptables-save")).find("\"nti:") != std::string::npos) {
+                return true;
+            }
+            std::this_thread::sleep_for(50ms);
+        }
+        return false;
+    }
+
     std::string m_module;
     std::string m_bin;
+    std::string m_state;
     std::unique_ptr<NetnsPair> m_net;
 };
 
@@ -121,11 +164,11 @@ TEST_F(InterceptTest, AllowAllPassesTrafficAndSeesEachRequestOnceOnTheInputQueue
     ASSERT_EQ(Stop(*nti), 0) << nti->Error();
 
     const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"proto\":1,",
+    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"ipProtocol\":1,",
                             "\"src\":\"198.18.0.1\"", "\"verdict\":\"ALLOW\""}),
               3u);
-    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"proto\":17,",
-                            "\"sport\":40000", "\"dport\":5000", "\"indev\":\"d0\""}),
+    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"ipProtocol\":17,",
+                            "\"srcPort\":40000", "\"dstPort\":5000", "\"indev\":\"d0\""}),
               5u);
     EXPECT_EQ(Count(lines, {"\"queue\":\"out\""}), 0u);
     std::set<std::string> ids;
@@ -148,8 +191,8 @@ TEST_F(InterceptTest, DropMakesTheSelectedPacketsVanish) {
     EXPECT_EQ(Deliver(*sender, *passed, NetnsPair::kDut4, 5001, 2), 2);
     ASSERT_EQ(Stop(*nti), 0) << nti->Error();
     const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"dport\":5000", "\"verdict\":\"DROP\""}), 5u);
-    EXPECT_EQ(Count(lines, {"\"dport\":5001"}), 0u);
+    EXPECT_EQ(Count(lines, {"\"dstPort\":5000", "\"verdict\":\"DROP\""}), 5u);
+    EXPECT_EQ(Count(lines, {"\"dstPort\":5001"}), 0u);
     EXPECT_EQ(Count(lines, {"\"summary\"", "\"drop\":5,"}), 1u);
     // Rules gone: the port delivers again.
     EXPECT_EQ(Deliver(*sender, *dropped, NetnsPair::kDut4, 5000, 1), 1);
@@ -219,10 +262,10 @@ TEST_F(InterceptTest, Ipv6TrafficIsInterceptedToo) {
     EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut6, 5000, 3), 3);
     ASSERT_EQ(Stop(*nti), 0) << nti->Error();
     const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"family\":6", "\"src\":\"fd00:198:18::1\"", "\"proto\":17,",
-                            "\"dport\":5000"}),
+    EXPECT_EQ(Count(lines, {"\"family\":6", "\"src\":\"fd00:198:18::1\"", "\"ipProtocol\":17,",
+                            "\"dstPort\":5000"}),
               3u);
-    EXPECT_GE(Count(lines, {"\"family\":6", "\"proto\":58,"}), 2u);
+    EXPECT_GE(Count(lines, {"\"family\":6", "\"ipProtocol\":58,"}), 2u);
     EXPECT_EQ(Count(lines, {"\"family\":4"}), 0u);
 }
 
@@ -242,43 +285,97 @@ TEST_F(InterceptTest, TwoInterceptionsWithTheirOwnTagsRunSideBySide) {
     EXPECT_NE(afterA.find(":beta\""), std::string::npos);
     EXPECT_EQ(Deliver(*sender, *sinkB, NetnsPair::kDut4, 5001, 1), 1);
     ASSERT_EQ(Stop(*b), 0) << b->Error();
-    EXPECT_EQ(Count(a->OutputLines(), {"\"queueNumber\":1100", "\"dport\":5000"}), 2u);
-    EXPECT_EQ(Count(b->OutputLines(), {"\"queueNumber\":1150", "\"dport\":5001"}), 4u);
-    EXPECT_EQ(Count(b->OutputLines(), {"\"dport\":5000"}), 0u);
+    EXPECT_EQ(Count(a->OutputLines(), {"\"queueNumber\":1100", "\"dstPort\":5000"}), 2u);
+    EXPECT_EQ(Count(b->OutputLines(), {"\"queueNumber\":1150", "\"dstPort\":5001"}), 4u);
+    EXPECT_EQ(Count(b->OutputLines(), {"\"dstPort\":5000"}), 0u);
 }
 
-TEST_F(InterceptTest, EachEndingSignalUnderTrafficLeavesNoRuleAndNoBoundQueue) {
+// Every way a fail-closed run can end, with either firewall: afterwards no
+// rule, chain, jump or table of nti is left, no queue is bound and the traffic
+// it selected flows. After SIGKILL the kernel deletes an nftables table with
+// its socket; iptables rules stay until the next start sweeps them.
+TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
+    struct Ending {
+        const char* command;
+        const char* name;
+        int signo;  // 0: the run ends by itself, -1: its output is closed
+        std::vector<std::string> args;
+        int exitCode;
+    };
+    const std::vector<std::string> queue = {"--fail-closed", "--proto", "udp", "--local-port",
+                                            "5000"};
+    const std::vector<std::string> stats = {"--period", "100ms", "--json"};
+    const Ending endings[] = {
+        {"intercept", "SIGTERM", SIGTERM, {"--quiet"}, 0},
+        {"intercept", "SIGINT", SIGINT, {"--quiet"}, 0},
+        {"intercept", "SIGHUP", SIGHUP, {"--quiet"}, 0},
+        {"intercept", "SIGQUIT", SIGQUIT, {"--quiet"}, 0},
+        {"intercept", "closed output", -1, {}, 0},
+        {"intercept", "count", 0, {"--quiet", "--count", "20"}, 0},
+        {"intercept", "duration", 0, {"--quiet", "--duration", "0.5"}, 0},
+        {"intercept", "SIGKILL", SIGKILL, {"--quiet"}, 128 + SIGKILL},
+        {"stats", "SIGHUP", SIGHUP, {}, 0},
+        {"stats", "closed output", -1, {}, 0},
+        {"stats", "SIGKILL", SIGKILL, {}, 128 + SIGKILL},
+    };
     auto sink = Sink(5000);
     auto sender = Sender();
-    for (const auto& [signo, name] : {std::pair{SIGTERM, "SIGTERM"}, std::pair{SIGINT, "SIGINT"},
-                                      std::pair{SIGHUP, "SIGHUP"}, std::pair{SIGQUIT, "SIGQUIT"}}) {
-        auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--quiet"});
-        std::atomic<bool> stop{false};
-        std::thread traffic([&] {
-            const auto end = Clock::now() + 5s;
-            for (int i = 0; i < 20000 && !stop && Clock::now() < end; ++i) {
-                sender->SendTo(NetnsPair::kDut4, 5000, "x");
-                std::this_thread::sleep_for(200us);
+    for (const char* firewall : {"iptables", "nft"}) {
+        Program info(NtiArgv({}, firewall, "info"));
+        info.Wait(10s);
+        const auto lines = info.OutputLines();
+        for (const Ending& e : endings) {
+            SCOPED_TRACE(std::string(firewall) + " " + e.command + " " + e.name);
+            const std::string in = std::string("firewall for ") + e.command + ": ";
+            const bool nft = firewall == std::string("nft");
+            std::string said;
+            for (const std::string& line : lines) {
+                said = line.starts_with(in) ? line.substr(in.size()) : said;
             }
-        });
-        std::this_thread::sleep_for(300ms);
-        nti->Signal(signo);
-        const int exitCode = nti->Wait(10s);
-        stop = true;
-        traffic.join();
-        ASSERT_EQ(exitCode, 0) << name << nti->Error();
-        for (const char* save : {"iptables-save", "ip6tables-save"}) {
-            EXPECT_EQ(DutSave(save).find("NTI_"), std::string::npos) << name << save;
+            if (said != (nft ? "nftables" : "iptables")) {
+                // Only nftables may fall short: this kernel cannot hold these rules there.
+                EXPECT_TRUE(nft && said.starts_with("nftables - ")) << said;
+                std::printf("skipped: %s %s: %s\n", e.command, e.name, said.c_str());
+                continue;
+            }
+            std::vector<std::string> args = e.command == std::string("stats") ? stats : queue;
+            args.insert(args.end(), e.args.begin(), e.args.end());
+            Program nti(NtiArgv(args, firewall, e.command));
+            ASSERT_TRUE(WaitForRules()) << nti.Error();
+            std::atomic<bool> stop{false};
+            std::thread traffic([&] {
+                for (const auto end = Clock::now() + 5s; !stop && Clock::now() < end;) {
+                    sender->SendTo(NetnsPair::kDut4, 5000, "x");
+                    std::this_thread::sleep_for(500us);
+                }
+            });
+            std::this_thread::sleep_for(300ms);
+            if (e.signo > 0) {
+                nti.Signal(e.signo);
+            } else if (e.signo < 0) {
+                nti.CloseOutput();
+            }
+            const int exitCode = nti.Wait(10s);
+            stop = true;
+            traffic.join();
+            EXPECT_EQ(exitCode, e.exitCode) << nti.Error();
+            std::string payload;
+            while (sink->Receive(payload, 50ms)) {
+            }
+            if (e.signo == SIGKILL && firewall == std::string("iptables")) {
+                if (e.command == std::string("intercept")) {
+                    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 1, 300ms), 0);
+                }
+                Program next(NtiArgv({"--duration", "0.1"}, firewall));
+                EXPECT_EQ(next.Wait(10s), 0) << next.Error();
+            }
+            EXPECT_EQ(DutLeftovers(), "");
+            EXPECT_EQ(DutBoundQueues(), "");
+            EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 1), 1);
         }
-        EXPECT_EQ(DutBoundQueues(), "") << name;
-        EXPECT_EQ(Count(nti->OutputLines(), {std::string("stopped by ") + name}), 1u);
     }
 }
 
-// Every datagram gets exactly one verdict under load: 200,000 numbered
-// datagrams, a bounded number in flight so that no queue or socket overflows,
-// through an allow-all and a mixed (allow, drop, later from another thread)
-// interception.
 TEST_F(InterceptTest, ExactlyOneVerdictPerDatagramUnderLoad) {
     // bench/intercept_soak.sh raises the count.
     const char* count = std::getenv("NTI_EXACTLY_ONCE_DATAGRAMS");
@@ -377,29 +474,41 @@ TEST_F(InterceptTest, RulesOfAKilledRunAreRemovedByTheNextStart) {
     EXPECT_EQ(DutSave("iptables-save").find("\"nti:"), std::string::npos);
 }
 
-TEST_F(InterceptTest, FailClosedRulesDropWhileNobodyReadsTheQueue) {
-    auto sink = Sink(5000);
-    auto sender = Sender();
-    auto killed = StartNti({"--fail-closed", "--proto", "udp", "--local-port", "5000"});
-    const std::string rules = DutSave("iptables-save");
-    EXPECT_NE(rules.find("-j NFQUEUE --queue-num 1000\n"), std::string::npos) << rules;
-    killed->Signal(SIGKILL);
-    ASSERT_EQ(killed->Wait(5s), 128 + SIGKILL);
-    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 2, 500ms), 0);
-}
-
 TEST_F(InterceptTest, WrongArgumentsExitWithUsageAndTouchNothing) {
     for (const std::vector<std::string>& args :
          {std::vector<std::string>{"--proto", "nope"},
           {"--local-port", "53"},
           {"--remote-addr", "198.18.0.0/40"},
           {"--verdict", "later"},
+          {"--duration", "5x"},
+          {"--duration", "0"},
           {"--family", "4", "--local-addr", "fd00:198:18::2"}}) {
         Program nti(NtiArgv(args));
         EXPECT_EQ(nti.Wait(10s), 2) << args[0] << " " << args[1];
         EXPECT_FALSE(nti.Error().empty());
     }
     EXPECT_EQ(DutSave("iptables-save").find("NTI_"), std::string::npos);
+}
+
+// Without CAP_NET_ADMIN the commands that change the firewall say so in one
+// line and exit with 2 before touching it; help texts show plain ranges.
+TEST_F(InterceptTest, CommandLineForTheLiveHost) {
+    for (const char* command : {"intercept", "stats"}) {
+        Program nti({"ip", "netns", "exec", m_net->Dut(), "setpriv", "--inh-caps=-net_admin",
+                     "--bounding-set=-net_admin", m_bin, command, "--module", m_module});
+        EXPECT_EQ(nti.Wait(10s), 2) << command;
+        EXPECT_EQ(nti.Error(), "nti " + std::string(command) + ": needs root or CAP_NET_ADMIN\n");
+    }
+    EXPECT_EQ(DutLeftovers(), "");
+
+    for (const char* command : {"intercept", "stats", "demo"}) {
+        Program help({m_bin, command, "--help"});
+        EXPECT_EQ(help.Wait(10s), 0) << command;
+        EXPECT_EQ(Count(help.OutputLines(), {" in ["}), 0u) << command;
+    }
+    Program version({m_bin, "--version"});
+    EXPECT_EQ(version.Wait(10s), 0);
+    EXPECT_EQ(Count(version.OutputLines(), {"nti 0."}), 1u);
 }
 
 }  // namespace

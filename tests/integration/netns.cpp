@@ -241,6 +241,13 @@ void Program::Signal(int signal) {
     }
 }
 
+void Program::CloseOutput() {
+    if (m_out >= 0) {
+        ::close(m_out);
+        m_out = -1;
+    }
+}
+
 int Program::Wait(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!m_reaped && m_pid > 0) {

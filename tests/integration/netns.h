@@ -68,6 +68,8 @@ public:
     // WaitForError reads standard error until a line contains `text`.
     bool WaitForError(const std::string& text, std::chrono::milliseconds timeout);
     void Signal(int signal);
+    // CloseOutput closes the reading end of the program's standard output.
+    void CloseOutput();
     // Wait reaps the program; -1 when it is still running at the timeout.
     int Wait(std::chrono::milliseconds timeout);
     // Lines of standard output so far (all of it after Wait).
