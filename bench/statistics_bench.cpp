@@ -2,11 +2,22 @@
 // connection, handing the counters over, a harvest, and memory per connection.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
 
 #include <chrono>
 #include <memory>
 #include <vector>
 
+#include "host/service/history_store.h"
+#include "host/service/ipfix_sink.h"
 #include "host/service_locator.h"
 #include "host/tracer_sink.h"
 #include "network_traffic_interceptor/src/connection_counters.h"
@@ -155,6 +166,98 @@ void BM_Harvest100kIntoFourCollectors(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * 100000);
 }
 BENCHMARK(BM_Harvest100kIntoFourCollectors)->Unit(benchmark::kMillisecond)->Iterations(10);
+
+// One harvest of 100,000 connections by the service's single collector and
+// the delivery of the closed interval into the sinks of `nti stats-service`
+// chosen by the argument's bits: 1 JSON lines (to /dev/null), 2 SQLite
+// history (a fresh file), 4 IPFIX over UDP (to a socket of a network
+// namespace of this process's own). Feeding the packets is not timed.
+void BM_Harvest100kIntoSinks(benchmark::State& state) {
+    const auto mask = state.range(0);
+    static const bool isolated = [] {
+        // Loopback of a namespace of our own: nothing of the machine's is touched.
+        if (unshare(CLONE_NEWNET) != 0) {
+            return false;
+        }
+        const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        ifreq request{};
+        std::strcpy(request.ifr_name, "lo");
+        request.ifr_flags = IFF_UP;
+        const bool up = ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+        close(fd);
+        return up;
+    }();
+    if ((mask & 4) != 0 && !isolated) {
+        state.SkipWithError("needs root for a network namespace of its own");
+        return;
+    }
+    // The collector's receive socket; never read, datagrams beyond its buffer are dropped.
+    const int receiver = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_port = htons(4739);
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    (void)bind(receiver, reinterpret_cast<sockaddr*>(&at), sizeof(at));
+    char dbPattern[] = "/tmp/nti-sinks-bench-XXXXXX";
+    const int dbFd = mkstemp(dbPattern);
+    close(dbFd);
+    std::string error;
+    std::vector<std::unique_ptr<nti::host::IIntervalSink>> sinks;
+    if ((mask & 1) != 0) {
+        sinks.push_back(nti::host::OpenJsonLinesSink("json", "/dev/null", error));
+    }
+    if ((mask & 2) != 0) {
+        sinks.push_back(nti::host::OpenHistorySink("sqlite", dbPattern, 0, error));
+    }
+    if ((mask & 4) != 0) {
+        sinks.push_back(nti::host::OpenIpfixSink("ipfix", {"127.0.0.1", 4739, 60, 1}, error));
+    }
+    if (!error.empty()) {
+        state.SkipWithError(error.c_str());
+        return;
+    }
+    Host host;
+    const auto service = Create<ConnectionCounters>(
+        host.locator.Get(), host.tracer.Get(),
+        dwi::network_interceptor::NetworkInventory(
+            [](std::vector<dwi::network::NetworkInterface>&) { return qor::result_t{0}; }));
+    service->RegisterCollector(
+        1, system_interceptors::net::statistics::PeriodAlignment::EpochStartDate, 60000);
+    qor::IRunnable* timer = host.timer->Scheduled()[0].runnable.Get();
+    const auto messages = ConnectionMessages(100000);
+    auto& listener = *host.factory->Listener();
+    std::vector<system_interceptors::net::statistics::IntervalCounters> intervals;
+    std::size_t connections = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        Feed(listener, messages);
+        intervals.clear();
+        state.ResumeTiming();
+        host.timer->Fire(timer);
+        service->ReadCounters(1, intervals);
+        for (const auto& interval : intervals) {
+            connections = interval.counters.size();
+            for (const auto& sink : sinks) {
+                if (const std::string failed = sink->Write(1, false, interval); !failed.empty()) {
+                    state.SkipWithError(failed.c_str());
+                }
+            }
+        }
+    }
+    state.counters["connections"] = static_cast<double>(connections);
+    close(receiver);
+    std::remove(dbPattern);
+    std::remove((std::string(dbPattern) + "-wal").c_str());
+    std::remove((std::string(dbPattern) + "-shm").c_str());
+}
+BENCHMARK(BM_Harvest100kIntoSinks)
+    ->Arg(0)
+    ->Arg(1)
+    ->Arg(2)
+    ->Arg(4)
+    ->Arg(7)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(5);
 
 // Heap bytes per connection held by the collector's map (mallinfo2 delta).
 void BM_MemoryPerConnection(benchmark::State& state) {

@@ -109,6 +109,7 @@ int main(int argc, char** argv) {
     add(&AddInfoCommand);
     add(&AddInterceptCommand);
     add(&AddStatsCommand);
+    add(&AddStatsServiceCommand);
     add(&AddDemoCommand);
     for (CLI::App* sub : app.get_subcommands({})) {
         sub->footer(

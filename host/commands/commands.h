@@ -23,6 +23,7 @@ using CommandRunner = std::function<int(const CommonOptions&)>;
 CommandRunner AddInfoCommand(CLI::App& app);
 CommandRunner AddInterceptCommand(CLI::App& app);
 CommandRunner AddStatsCommand(CLI::App& app);
+CommandRunner AddStatsServiceCommand(CLI::App& app);
 CommandRunner AddDemoCommand(CLI::App& app);
 
 }  // namespace nti::host

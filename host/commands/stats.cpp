@@ -1,5 +1,6 @@
 // nti stats: per-connection traffic statistics from the module's
 // ConnectionCounters, printed interval by interval.
+#include <net/if.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -15,10 +16,12 @@
 #include "host/commands/intercept_options.h"
 #include "host/commands/option_checks.h"
 #include "host/commands/stats_format.h"
+#include "host/commands/stats_history.h"
 #include "host/duration.h"
 #include "host/exit_signals.h"
 #include "host/json_records.h"
 #include "host/netns.h"
+#include "host/service/service_config.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/result.h"
 
@@ -43,6 +46,8 @@ struct StatsOptions {
     bool noRead = false;
     std::string ip6tables = "auto";
     std::string bypassMark;
+    bool history = false;
+    HistoryOptions historyOptions;
 };
 
 // The validated form of StatsOptions.
@@ -293,7 +298,11 @@ CommandRunner AddStatsCommand(CLI::App& app) {
         ->check(Accepts("a protocol", ParseProtocol));
     sub->add_option("--interface", o.interfaceName,
                     "Only connections whose local address or MAC address is this interface's")
-        ->type_name("NAME");
+        ->type_name("NAME")
+        ->check(Accepts("an interface name (1 to 15 characters)", [](const std::string& name) {
+            return !name.empty() && name.size() < IF_NAMESIZE ? std::optional<bool>(true)
+                                                              : std::nullopt;
+        }));
     sub->add_option("--addr", o.address,
                     "Only connections with this address or network (CIDR) at either end")
         ->type_name("ADDR")
@@ -311,7 +320,23 @@ CommandRunner AddStatsCommand(CLI::App& app) {
     sub->add_option("--nflog-bypass-mark", o.bypassMark,
                     "Packets with this firewall mark are not counted (default 0x4e544900)")
         ->type_name("MARK");
+    sub->add_flag("--history", o.history,
+                  "Print the intervals kept by nti stats-service's SQLite history instead of "
+                  "counting (with --since, --db, --json, and --addr as one address)");
+    o.historyOptions.config = kDefaultServiceConfig;
+    sub->add_option("--since", o.historyOptions.since,
+                    "History from this UTC time (2026-11-22T10:00:00Z) or this long ago (7d)")
+        ->capture_default_str();
+    sub->add_option("--db", o.historyOptions.database,
+                    "History database (default: the [sqlite] path of --config)");
+    sub->add_option("--config", o.historyOptions.config, "The service's configuration file")
+        ->capture_default_str();
     return [options](const CommonOptions& common) {
+        if (options->history) {
+            options->historyOptions.json = options->json;
+            options->historyOptions.address = options->address;
+            return RunHistory(options->historyOptions);
+        }
         const auto settings = Validate(common, *options);
         if (!settings) {
             return kExitUsage;

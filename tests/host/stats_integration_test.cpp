@@ -74,7 +74,12 @@ public:
                                       "--trace-level",
                                       "800",
                                       "stats"};
-        if (std::find(args.begin(), args.end(), "--ip6tables") == args.end()) {
+        // {"stats-service", ...} runs the service instead; its file sets ip6tables.
+        const bool service = !args.empty() && args.front() == "stats-service";
+        if (service) {
+            argv.back() = args.front();
+            args.erase(args.begin());
+        } else if (std::find(args.begin(), args.end(), "--ip6tables") == args.end()) {
             argv.insert(argv.end(), {"--ip6tables", "yes"});
         }
         argv.insert(argv.end(), args.begin(), args.end());
@@ -132,6 +137,7 @@ public:
         }
         return *m_status;
     }
+    void Signal(int signo) const { kill(m_pid, signo); }
     // Stop sends SIGTERM and waits; the exit status.
     int Stop() {
         kill(m_pid, SIGTERM);
@@ -420,13 +426,21 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
     struct Case {
         std::vector<std::string> args;
         const char* message;
+        const char* config = nullptr;  // stats-service with this file
     };
     const Case cases[] = {
+        {{}, "[collector] period = 59: expected 60s to 24h", "[collector]\nperiod = 59\n"},
+        {{}, "[json] path = : expected a file", "[json]\n"},
+        {{}, "[sqlite] keep: unknown key", "[sqlite]\npath = x\nkeep = 2d\n"},
+        {{}, "[ipfix] port = 0: expected 1 to 65535", "[ipfix]\nhost = 198.18.10.2\nport = 0\n"},
+        {{}, "[syslog]: unknown section", "[syslog]\n"},
+        {{}, "line 1: ", "[collector\n"},
         {{"--period", "0"}, "--period 0: expected a time from 1ms to 24h"},
         {{"--period", "25h"}, "--period 25h: expected a time"},
         {{"--period", "5x"}, "--period 5x: expected a time"},
         {{"--proto", "nope"}, "not a protocol: nope"},
         {{"--addr", "198.18.0.0/40"}, "not an address or CIDR network: 198.18.0.0/40"},
+        {{"--interface", "a-name-of-16-chr"}, "not an interface name"},
         {{"--alignment", "now"}, "--alignment now: expected epoch or registration"},
         {{"--ip6tables", "maybe"}, "--ip6tables maybe: expected auto, yes or no"},
         {{"--nflog-bypass-mark", "0"}, "expected a non-zero 32-bit number"},
@@ -434,8 +448,13 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
         {{"--id", "x"}, "--id"},
     };
     for (const auto& c : cases) {
-        NtiStats nti(m_host, m_state, c.args);
-        EXPECT_EQ(nti.Wait(), 2) << c.args[0];
+        std::vector<std::string> args = c.args;
+        if (c.config != nullptr) {
+            std::ofstream(m_state.Path() / "bad.conf") << c.config;
+            args = {"stats-service", "--config", (m_state.Path() / "bad.conf").string()};
+        }
+        NtiStats nti(m_host, m_state, args);
+        EXPECT_EQ(nti.Wait(), 2) << c.message;
         EXPECT_NE(nti.Stderr().find(c.message), std::string::npos) << nti.Stderr();
         EXPECT_EQ(nti.Stdout(), "");
     }
@@ -473,6 +492,178 @@ TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
     const auto kernel = Conntrack(router, from, to, "udp");
     ASSERT_TRUE(kernel.has_value());
     EXPECT_EQ(it->second, *kernel);
+}
+
+}  // namespace
+}  // namespace nti::test
+
+namespace nti::test {
+namespace {
+
+// Nfcapd is the flow collector of the nfdump package, listening in `ns`;
+// stopped (by the PID it wrote) when destroyed, which writes its file.
+class Nfcapd {
+public:
+    Nfcapd(const NetNs& ns, const StateDir& state, const Endpoint& at)
+        : m_ns(ns), m_dir(state.Path() / "flows"), m_pidFile(state.Path() / "nfcapd.pid") {
+        std::filesystem::create_directories(m_dir);
+        m_ns.Must("nfcapd -D -P " + m_pidFile.string() + " -w " + m_dir.string() + " -b " +
+                  at.address + " -p " + std::to_string(at.port));
+        for (int i = 0; i < 50 && Pid() <= 0; ++i) {
+            std::this_thread::sleep_for(50ms);
+        }
+    }
+    ~Nfcapd() { Stop(); }
+    // Stop ends the collector and returns its flows as nfdump's CSV.
+    std::string Stop() {
+        if (const pid_t pid = Pid(); pid > 0 && kill(pid, SIGTERM) == 0) {
+            for (int i = 0; i < 100 && kill(pid, 0) == 0; ++i) {
+                std::this_thread::sleep_for(50ms);
+            }
+        }
+        std::string csv;
+        Shell("nfdump -R " + m_dir.string() + " -N -o csv", &csv);
+        return csv;
+    }
+
+private:
+    pid_t Pid() const {
+        std::ifstream in(m_pidFile);
+        pid_t pid = -1;
+        in >> pid;
+        return pid;
+    }
+    const NetNs& m_ns;
+    std::filesystem::path m_dir;
+    std::filesystem::path m_pidFile;
+};
+
+// NfdumpFlows reads nfdump's CSV into flows "src:port" -> "dst:port" with
+// their packets and bytes (a -> b filled only).
+std::map<Flow, Counts> NfdumpFlows(const std::string& csv) {
+    std::map<Flow, Counts> flows;
+    std::istringstream lines(csv);
+    std::vector<std::string> names;
+    for (std::string line; std::getline(lines, line);) {
+        std::vector<std::string> fields;
+        std::istringstream in(line);
+        for (std::string f; std::getline(in, f, ',');) {
+            fields.push_back(f);
+        }
+        if (names.empty()) {
+            names = fields;
+            continue;
+        }
+        if (fields.size() != names.size()) {
+            break;  // the summary after the records
+        }
+        std::map<std::string, std::string> r;
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            r[names[i]] = fields[i];
+        }
+        const std::string& pr = r["pr"];  // nfdump names the protocols it knows
+        const int protocol = pr == "TCP" ? 6 : pr == "UDP" ? 17 : -1;
+        Counts& c = flows[Flow{r["sa"] + ":" + r["sp"], r["da"] + ":" + r["dp"], protocol}];
+        c.packetsAtoB += std::stoull(r["ipkt"]);
+        c.bytesAtoB += std::stoull(r["ibyt"]);
+    }
+    return flows;
+}
+
+// The service hands one interval to its three sinks: the JSON lines file,
+// the SQLite history (read back by nti stats --history) and nfcapd over
+// IPFIX, whose records nfdump reads back. The interval is closed when the
+// first run stops and handed on when the second starts.
+TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
+    const Endpoint collector{"198.18.10.2", 4739};
+    Nfcapd nfcapd(m_peer, m_state, collector);
+    const std::filesystem::path json = m_state.Path() / "intervals.jsonl";
+    const std::filesystem::path db = m_state.Path() / "history.sqlite";
+    const std::filesystem::path config = m_state.Path() / "stats.conf";
+    std::ofstream(config) << "[collector]\nperiod = 3600\nip6tables = yes\n[json]\npath = "
+                          << json.string() << "\n[sqlite]\npath = " << db.string()
+                          << "\nretention = 1d\n"
+                          << "[ipfix:nfdump]\nhost = " << collector.address
+                          << "\nport = " << collector.port << "\n";
+    const Endpoint udp4{"198.18.10.1", 40100}, udp4Peer{"198.18.10.2", 5600};
+    const Endpoint tcp4{"198.18.10.1", 40101}, tcp4Peer{"198.18.10.2", 8100};
+    const Endpoint udp6{"fd00:198:18::1", 40102}, udp6Peer{"fd00:198:18::2", 5601};
+    const Endpoint tcp6{"fd00:198:18::1", 40103}, tcp6Peer{"fd00:198:18::2", 8101};
+    {
+        NtiStats first(m_host, m_state, {"stats-service", "--config", config.string()});
+        ASSERT_TRUE(first.WaitForRules()) << first.Stderr() << first.Trace();
+        UdpExchange(m_host, udp4, m_peer, udp4Peer, 5, 100, 3, 1000);
+        UdpExchange(m_host, udp6, m_peer, udp6Peer, 4, 200, 2, 300);
+        TcpExchange(m_host, tcp4, m_peer, tcp4Peer, 3000, 5000);
+        TcpExchange(m_host, tcp6, m_peer, tcp6Peer, 2000, 7000);
+        std::this_thread::sleep_for(300ms);  // NFLOG flush
+        EXPECT_EQ(first.Stop(), 0) << first.Stderr();
+    }
+    NtiStats second(m_host, m_state, {"stats-service", "--config", config.string()});
+    for (int i = 0;
+         i < 100 && (!std::filesystem::exists(json) || std::filesystem::file_size(json) == 0);
+         ++i) {
+        std::this_thread::sleep_for(50ms);
+    }
+    std::ofstream(config, std::ios::app) << "[json:more]\n";  // no path: the reload fails
+    second.Signal(SIGHUP);
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(second.Stop(), 0) << second.Stderr();
+    EXPECT_NE(second.Trace().find("Reload: " + config.string() +
+                                  ": [json:more] path = : expected a file, or - for standard "
+                                  "output; keeping the old settings"),
+              std::string::npos)
+        << second.Trace();
+    std::ifstream in(json);
+    const auto intervals = Intervals(std::string(std::istreambuf_iterator<char>(in), {}));
+    ASSERT_EQ(intervals.size(), 1u) << second.Trace();
+    ASSERT_TRUE(Restored(intervals.front()));
+    const auto totals = Totals(intervals, "198.18.10.1:", true);
+    const auto totals6 = Totals(intervals, "fd00:198:18::1:", true);
+
+    std::string history;
+    ASSERT_EQ(Shell(std::string(std::getenv("NTI_BIN")) +
+                        " stats --history --json --since 1h --db " + db.string(),
+                    &history),
+              0)
+        << history;
+    const auto fromHistory = Intervals(history);
+    EXPECT_EQ(Totals(fromHistory, "198.18.10.1:", false), totals) << history;
+    EXPECT_EQ(Totals(fromHistory, "fd00:198:18::1:", false), totals6) << history;
+    std::string one;
+    Shell(std::string(std::getenv("NTI_BIN")) + " stats --history --json --db " + db.string() +
+              " --addr " + udp6Peer.address,
+          &one);
+    const auto byAddress = Totals(Intervals(one), "fd00:198:18::1:", false);
+    EXPECT_TRUE(byAddress.contains(Flow{Key(udp6), Key(udp6Peer), 17})) << one;
+    for (const auto& [flow, counts] : byAddress) {
+        EXPECT_EQ(flow.b.rfind(udp6Peer.address + ":", 0), 0u) << flow.b;
+    }
+
+    const std::string csv = nfcapd.Stop();
+    const auto flows = NfdumpFlows(csv);
+    struct Case {
+        Endpoint local, peer;
+        int protocol;
+        const std::map<Flow, Counts>& totals;
+    };
+    const Case cases[] = {{udp4, udp4Peer, 17, totals},
+                          {tcp4, tcp4Peer, 6, totals},
+                          {udp6, udp6Peer, 17, totals6},
+                          {tcp6, tcp6Peer, 6, totals6}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(Key(c.local));
+        const auto it = c.totals.find(Flow{Key(c.local), Key(c.peer), c.protocol});
+        ASSERT_NE(it, c.totals.end()) << intervals.size();
+        EXPECT_GT(it->second.packetsAtoB, 0u);
+        const auto out = flows.find(Flow{Key(c.local), Key(c.peer), c.protocol});
+        const auto back = flows.find(Flow{Key(c.peer), Key(c.local), c.protocol});
+        ASSERT_NE(out, flows.end()) << csv;
+        ASSERT_NE(back, flows.end()) << csv;
+        EXPECT_EQ(Traffic(out->second.packetsAtoB, out->second.bytesAtoB, back->second.packetsAtoB,
+                          back->second.bytesAtoB),
+                  it->second);
+    }
 }
 
 }  // namespace
