@@ -160,7 +160,8 @@ int RunService(CommonOptions common, const std::string& configPath) {
         std::fprintf(stderr, "nti stats-service: cannot load module: %s\n", host.Error().c_str());
         return kExitFailure;
     }
-    if (const qor::result_t r = host.StartFirewall(FirewallSettings{}); !QOR_SUCCEEDED(r)) {
+    if (const qor::result_t r = host.StartFirewall(FirewallSettings{.queues = false});
+        !QOR_SUCCEEDED(r)) {
         std::fprintf(stderr, "nti stats-service: %s: %s\n", host.Error().c_str(),
                      qor::FormatResult(r).c_str());
         return kExitFailure;

@@ -155,7 +155,7 @@ NfQueueInterceptor::NfQueueInterceptor(qor::IServiceLocator* serviceLocator, qor
       m_firewall(std::move(firewall)),
       // Slots are touched only as far as messages fill them.
       m_receiveBuffer(
-          std::make_unique_for_overwrite<std::uint8_t[]>(kReadBatch * kReceiveBufferSize)),
+          std::make_unique_for_overwrite<std::uint8_t[]>(kReadBatch * kReceiveSlotStride)),
       m_packetParser(
           GetTracer(),
           [this](const nlmsghdr* nlh, const nlattr** table) {
@@ -164,7 +164,7 @@ NfQueueInterceptor::NfQueueInterceptor(qor::IServiceLocator* serviceLocator, qor
           kNfqueueMaxAttribute, &NfqueueAttributeChecker()) {
     DWI_TRACE_ENTRY(GetTracer());
     for (unsigned i = 0; i < kReadBatch; ++i) {
-        m_receiveVectors[i] = {m_receiveBuffer.get() + i * kReceiveBufferSize, kReceiveBufferSize};
+        m_receiveVectors[i] = {m_receiveBuffer.get() + i * kReceiveSlotStride, kReceiveBufferSize};
     }
 }
 

@@ -58,6 +58,8 @@ inline constexpr std::size_t kReceiveBufferSize = 0xFFFF + 2048;
 // kReadBatch bounds the messages one read takes from one channel, so that a
 // busy queue cannot starve the other within a poll round.
 inline constexpr unsigned kReadBatch = 32;
+// kReceiveSlotStride keeps every receive slot aligned for nlmsghdr.
+inline constexpr std::size_t kReceiveSlotStride = (kReceiveBufferSize + 15) & ~std::size_t{15};
 // kSendBatch bounds the verdicts the reply thread hands the kernel per call.
 inline constexpr unsigned kSendBatch = 64;
 // Room for one verdict without payload.
