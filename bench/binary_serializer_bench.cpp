@@ -1,8 +1,8 @@
 // Speed of the host's binary serialiser on the stored Collectors record.
 #include <benchmark/benchmark.h>
 
-#include "host/allocator.h"
-#include "host/binary_serializer.h"
+#include "host/services/allocator.h"
+#include "host/services/binary_serializer.h"
 #include "network_traffic_interceptor/src/statistics_meta.h"
 #include "tests/host/statistics_samples.h"
 

@@ -16,10 +16,10 @@
 #include <memory>
 #include <vector>
 
-#include "host/service/history_store.h"
-#include "host/service/ipfix_sink.h"
-#include "host/service_locator.h"
-#include "host/tracer_sink.h"
+#include "host/cli/service/history_store.h"
+#include "host/cli/service/ipfix_sink.h"
+#include "host/services/service_locator.h"
+#include "host/services/tracer_sink.h"
 #include "network_traffic_interceptor/src/connection_counters.h"
 #include "network_traffic_interceptor/src/meta_registry.h"
 #include "network_traffic_interceptor/src/nflog_connection_collector.h"

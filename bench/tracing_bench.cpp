@@ -3,7 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include "dwi_tracing/tracing.h"
-#include "host/tracer_sink.h"
+#include "host/services/tracer_sink.h"
 
 namespace {
 

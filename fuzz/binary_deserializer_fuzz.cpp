@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "host/allocator.h"
-#include "host/binary_serializer.h"
+#include "host/services/allocator.h"
+#include "host/services/binary_serializer.h"
 #include "network_traffic_interceptor/src/connection_counters_data.h"
 #include "network_traffic_interceptor/src/statistics_meta.h"
 

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "host/storage_serializer.h"
+#include "host/services/storage_serializer.h"
 #include "network_traffic_interceptor/src/connection_counters_data.h"
 #include "network_traffic_interceptor/src/statistics_meta.h"
 #include "qor/memory_io.h"

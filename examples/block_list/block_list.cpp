@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include <host/host_context.h>
-#include <host/json_records.h>
+#include <host/services/host_context.h>
+#include <host/services/json_records.h>
 #include <network_traffic_interceptor/network_interceptor.h>
 #include <qor/object.h>
 #include <qor/result.h>

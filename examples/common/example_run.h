@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include <host/duration.h>
-#include <host/host_context.h>
+#include <host/services/duration.h>
+#include <host/services/host_context.h>
 #include <qor/object.h>
 #include <qor/result.h>
 

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include <host/host_context.h>
-#include <host/json_records.h>
+#include <host/services/host_context.h>
+#include <host/services/json_records.h>
 #include <network_traffic_interceptor/connection_counters.h>
 #include <network_traffic_interceptor/network_interceptor.h>
 #include <network_traffic_interceptor/statistics.h>

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "host/service_locator.h"
+#include "host/services/service_locator.h"
 #include "qor/exception.h"
 #include "tests/fakes/check_record.h"
 #include "tests/fakes/fake_allocator.h"

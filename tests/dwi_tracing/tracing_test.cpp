@@ -7,7 +7,7 @@
 #include <string>
 
 #include "dwi_tracing/check.h"
-#include "host/service_locator.h"
+#include "host/services/service_locator.h"
 #include "qor/exception.h"
 #include "tests/fakes/recording_tracer.h"
 

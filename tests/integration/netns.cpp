@@ -15,7 +15,7 @@
 #include <sstream>
 #include <thread>
 
-#include "host/process.h"
+#include "host/services/process.h"
 
 extern char** environ;
 

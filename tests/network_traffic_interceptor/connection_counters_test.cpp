@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/service_locator.h"
+#include "host/services/service_locator.h"
 #include "network_traffic_interceptor/src/meta_registry.h"
 #include "qor/exception.h"
 #include "qor/serializer.h"

@@ -13,8 +13,8 @@
 #include <set>
 #include <string>
 
-#include "host/module_loader.h"
-#include "host/service_locator.h"
+#include "host/services/module_loader.h"
+#include "host/services/service_locator.h"
 #include "network_traffic_interceptor/network_interceptor.h"
 #include "qor/exception.h"
 #include "tests/fakes/fake_key_value_storage.h"

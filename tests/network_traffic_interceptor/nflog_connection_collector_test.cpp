@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/service_locator.h"
+#include "host/services/service_locator.h"
 #include "qor/exception.h"
 #include "tests/fakes/fake_dynamic_rules.h"
 #include "tests/fakes/fake_nflog_listener_factory.h"

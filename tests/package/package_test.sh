@@ -38,12 +38,15 @@ libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$release/CMakeCache.txt")
 module=$prefix/$libdir/libnetwork_traffic_interceptor.so
 [ "$libdir" = "lib/$(gcc -print-multiarch)" ] || fail "libdir $libdir is not the multiarch directory"
 for f in "$prefix/bin/nti" "$module" "$prefix/share/man/man1/nti.1.gz" \
-  "$prefix/$libdir/libnti_host.a" "$prefix/$libdir/pkgconfig/network_traffic_interceptor.pc" \
+  "$prefix/$libdir/libnti_host_services.a" "$prefix/$libdir/pkgconfig/network_traffic_interceptor.pc" \
   "$prefix/$libdir/cmake/NetworkTrafficInterceptor/NetworkTrafficInterceptorConfig.cmake" \
   "$prefix/include/network_traffic_interceptor/network_traffic_interceptor/network_interceptor.h" \
   "$prefix/include/network_traffic_interceptor/qor/object.h" \
-  "$prefix/include/network_traffic_interceptor/host/host_context.h"; do
+  "$prefix/include/network_traffic_interceptor/host/services/host_context.h"; do
   [ -e "$f" ] || fail "not installed: ${f#"$prefix"/}"
+done
+for f in host/cli host/fixture host/services/process.h; do
+  [ ! -e "$prefix/include/network_traffic_interceptor/$f" ] || fail "installed, not public: $f"
 done
 # Found by name through the loader: lib<name>.so -> SONAME -> the real file.
 soname=$(objdump -p "$module" | awk '/SONAME/ {print $2}')
@@ -154,7 +157,7 @@ so=usr/$libdir/libnetwork_traffic_interceptor.so
 packages=(
   "$name|libc6,libstdc++6,libsystemd0,libmnl0,libsqlite3-0,iptables,iproute2,iputils-ping|usr/bin/nti $so $so.0
    usr/share/man/man1/nti.1.gz usr/share/doc/$name/copyright|usr/include usr/$libdir/pkgconfig"
-  "$name-dev|$name (= $version),libsqlite3-dev,libmnl-dev,libsystemd-dev,libboost[0-9.]*-dev,pkgconf|usr/$libdir/libnti_host.a
+  "$name-dev|$name (= $version),libsqlite3-dev,libmnl-dev,libsystemd-dev,libboost[0-9.]*-dev,pkgconf|usr/$libdir/libnti_host_services.a
    usr/$libdir/cmake/NetworkTrafficInterceptor/NetworkTrafficInterceptorConfig.cmake
    usr/$libdir/pkgconfig/network_traffic_interceptor.pc usr/include/network_traffic_interceptor/qor/object.h
    usr/share/doc/$name-dev/copyright|usr/bin $so"

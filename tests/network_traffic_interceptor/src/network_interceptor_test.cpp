@@ -17,7 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/service_locator.h"
+#include "host/services/service_locator.h"
 #include "tests/fakes/fake_dynamic_rules.h"
 #include "tests/fakes/fake_nfqueue_query.h"
 #include "tests/fakes/fake_packet_callback.h"

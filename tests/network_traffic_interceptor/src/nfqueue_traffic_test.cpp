@@ -17,7 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/service_locator.h"
+#include "host/services/service_locator.h"
 #include "network_traffic_interceptor/src/network_interceptor.h"
 #include "network_traffic_interceptor/src/nfqueue_interceptor.h"
 #include "tests/fakes/fake_nfqueue_query.h"

@@ -1,0 +1,101 @@
+#include "host/services/exit_signals.h"
+
+#include <pthread.h>
+#include <sys/signalfd.h>
+#include <chrono>
+#include <csignal>
+#include <exception>
+#include <mutex>
+#include <utility>
+
+namespace nti::host {
+
+int OpenExitSignalFd() {
+    // A shell starts background jobs with SIGINT and SIGQUIT ignored; an
+    // ignored signal never reaches the descriptor.
+    constexpr int kEnding[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signo : kEnding) {
+        std::signal(signo, SIG_DFL);
+        sigaddset(&signals, signo);
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
+        return -1;
+    }
+    return ::signalfd(-1, &signals, SFD_CLOEXEC);
+}
+
+const char* ExitSignalName(unsigned signo) {
+    switch (signo) {
+        case SIGINT:
+            return "SIGINT";
+        case SIGTERM:
+            return "SIGTERM";
+        case SIGHUP:
+            return "SIGHUP";
+        case SIGQUIT:
+            return "SIGQUIT";
+        default:
+            return "signal";
+    }
+}
+
+namespace {
+
+struct Cleanups {
+    // Timed: a thread that terminates while another holds the lock must not hang.
+    std::timed_mutex mutex;
+    std::list<std::function<void()>> entries;
+};
+
+Cleanups& Registry() {
+    static Cleanups* cleanups = new Cleanups;  // never destroyed: used up to the last exit path
+    return *cleanups;
+}
+
+std::terminate_handler g_previousTerminate = nullptr;
+
+[[noreturn]] void TerminateWithCleanup() {
+    RunExitCleanups();
+    if (g_previousTerminate != nullptr) {
+        g_previousTerminate();
+    }
+    std::abort();
+}
+
+}  // namespace
+
+ExitCleanup::ExitCleanup(std::function<void()> undo) {
+    std::lock_guard lock(Registry().mutex);
+    m_entry = Registry().entries.insert(Registry().entries.end(), std::move(undo));
+}
+
+ExitCleanup::~ExitCleanup() {
+    std::lock_guard lock(Registry().mutex);
+    Registry().entries.erase(m_entry);
+}
+
+void RunExitCleanups() noexcept {
+    std::unique_lock lock(Registry().mutex, std::chrono::seconds(2));
+    if (!lock.owns_lock()) {
+        return;
+    }
+    for (std::function<void()>& undo : Registry().entries) {
+        if (undo) {
+            try {
+                std::exchange(undo, nullptr)();
+            } catch (...) {
+                // Nothing more can be done on the way out.
+            }
+        }
+    }
+}
+
+void InstallTerminateCleanup() {
+    static std::once_flag once;
+    std::call_once(once, [] { g_previousTerminate = std::set_terminate(TerminateWithCleanup); });
+}
+
+}  // namespace nti::host

@@ -1,0 +1,136 @@
+#include "host/services/host_context.h"
+
+#include <unistd.h>
+
+#include "host/services/host_services.h"
+#include "host/services/journal_tracer.h"
+#include "host/services/key_value_storage.h"
+#include "host/services/nflog_listener.h"
+#include "host/services/nft_rules.h"
+#include "host/services/tracer_sink.h"
+#include "qor/exception.h"
+
+namespace nti::host {
+
+HostContext::~HostContext() {
+    Shutdown();
+}
+
+FirewallChoice ChooseFirewall(const std::string& wanted, bool queues) {
+    FirewallChoice choice;
+    if (wanted == "iptables") {
+        return choice;
+    }
+    const NftSupport nft = ProbeNftables();
+    const bool fits = nft.ownedTables && nft.log && (nft.queue || !queues);
+    const std::string& why = nft.why;
+    if (wanted == "nft") {
+        choice.nftables = true;
+        if (!fits) {
+            choice.error = "nftables cannot hold the rules here: " + why;
+        }
+    } else if (fits) {
+        choice.nftables = true;
+    } else {
+        choice.note = "nftables: " + why;
+    }
+    return choice;
+}
+
+qor::result_t HostContext::Open(const CommonOptions& options) {
+    m_firewallChoice = options.firewall;
+    try {
+        m_locator = qor::object::Create<ServiceLocator>();
+        if (options.traceJournal) {
+            m_tracer = qor::object::Create<JournalTracer>(options.traceLevel, STDERR_FILENO);
+        } else if (options.traceFile.empty()) {
+            m_tracer = qor::object::Create<LineTracer>(STDERR_FILENO, options.traceLevel);
+        } else {
+            m_tracer = OpenFileTracer(options.traceFile, options.traceLevel);
+        }
+        m_locator->Register(m_tracer.Get());
+        m_timer = qor::object::Create<Timer>();
+        m_locator->Register<qor::ITimer>(m_timer.Get());
+        m_locator->Register<dwi::firewall::INflogListenerFactory>(
+            qor::object::Create<NflogListenerFactory>(m_tracer.Get()).Get());
+        m_locator->Register<dwi::firewall::IIptablesInfoProvider>(
+            qor::object::Create<IptablesInfoProvider>(options.ip6tables).Get());
+        m_locator->Register<dwi::firewall::IStartupDataProvider>(
+            qor::object::Create<StartupDataProvider>(
+                dwi::firewall::StartupData{options.nflogBypassMark})
+                .Get());
+    } catch (const std::exception& e) {
+        m_error = e.what();
+        return qor::CurrentExceptionToResult(nullptr, "");
+    }
+    const qor::result_t loaded = m_module.Load(options.module);
+    if (!QOR_SUCCEEDED(loaded)) {
+        m_error = m_module.Error();
+        return loaded;
+    }
+    try {
+        m_metaInfo = RegisterHostServices(
+            *m_locator, m_module, options.stateDir.empty() ? DefaultStateDir() : options.stateDir);
+    } catch (const std::exception& e) {
+        m_error = e.what();
+        return qor::CurrentExceptionToResult(nullptr, "");
+    }
+    return loaded;
+}
+
+qor::result_t HostContext::StartFirewall(const FirewallSettings& settings) {
+    try {
+        const FirewallChoice choice = ChooseFirewall(m_firewallChoice, settings.queues);
+        if (!choice.error.empty()) {
+            m_error = choice.error;
+            return qor::errors::kUnspecified;
+        }
+        qor::RefPtr<RulesService> firewall;
+        if (choice.nftables) {
+            firewall = qor::object::Create<NftRules>(settings.failClosed, m_tracer);
+        } else {
+            FirewallOptions options;
+            options.failClosed = settings.failClosed;
+            firewall = qor::object::Create<DynamicRules>(options, m_tracer);
+        }
+        if (const qor::result_t r = firewall->Initialize(); !QOR_SUCCEEDED(r)) {
+            m_error = choice.nftables
+                          ? "cannot create the nftables table"
+                          : "cannot set up the firewall chains (is iptables-restore there?)";
+            return r;
+        }
+        m_queues = qor::object::Create<NfqueueQuery>(settings.queueFirst, settings.queueLast);
+        m_firewall = std::move(firewall);
+        m_locator->Register(m_queues.Get());
+        m_locator->Register(m_firewall.Get());
+        return qor::errors::kOk;
+    } catch (const std::exception& e) {
+        m_error = e.what();
+        return qor::CurrentExceptionToResult(nullptr, "");
+    }
+}
+
+qor::result_t HostContext::CreateObject(std::uint32_t clsid, qor::IObject** out) {
+    qor::CreationContext context;
+    context.locator = m_locator.Get();
+    return m_module.CreateObject(clsid, context, out);
+}
+
+qor::result_t HostContext::Shutdown() {
+    if (m_locator) {
+        m_locator->Clear();
+    }
+    m_queues = nullptr;
+    m_firewall = nullptr;
+    if (m_timer) {
+        m_timer->Shutdown();  // drops runnables of the module before it goes
+    }
+    // The module's registry must go before the module may unload.
+    if (m_metaInfo) {
+        m_metaInfo->DropRegistries();
+        m_metaInfo.Reset();
+    }
+    return m_module.Unload();
+}
+
+}  // namespace nti::host

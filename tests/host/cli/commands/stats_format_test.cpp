@@ -1,0 +1,316 @@
+#include "host/cli/commands/stats_format.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "host/cli/commands/intercept_options.h"
+#include "host/services/duration.h"
+#include "host/services/json_records.h"
+
+namespace nti::host {
+namespace {
+
+using system_interceptors::net::statistics::ConnectionCounter;
+using system_interceptors::net::statistics::IntervalCounters;
+using system_interceptors::net::statistics::ip_t;
+using system_interceptors::net::statistics::PeriodAlignment;
+
+constexpr std::uint64_t kUnixEpochTicks = 116'444'736'000'000'000;
+
+TEST(StatsOptionsTest, DurationsWithUnits) {
+    using std::chrono::milliseconds;
+    const std::pair<const char*, std::optional<milliseconds>> cases[] = {
+        {"5", milliseconds(5000)},
+        {"5s", milliseconds(5000)},
+        {"250ms", milliseconds(250)},
+        {"1m", milliseconds(60000)},
+        {"2h", milliseconds(7200000)},
+        {"1.5", milliseconds(1500)},
+        {"0.25s", milliseconds(250)},
+        {"0", milliseconds(0)},
+        {"8760h", milliseconds(31536000000)},
+        {"8761h", std::nullopt},
+        {"", std::nullopt},
+        {"ms", std::nullopt},
+        {"-5", std::nullopt},
+        {"5 s", std::nullopt},
+        {"1.", std::nullopt},
+        {".5", std::nullopt},
+        {"1.2.3", std::nullopt},
+        {"1e3", std::nullopt},
+        {"inf", std::nullopt},
+        {"5d", std::nullopt},
+        {"5S", std::nullopt}};
+    for (const auto& [text, expected] : cases) {
+        EXPECT_EQ(ParseDuration(text), expected) << '"' << text << '"';
+    }
+    EXPECT_EQ(ParseAlignment("epoch"), PeriodAlignment::EpochStartDate);
+    EXPECT_EQ(ParseAlignment("registration"), PeriodAlignment::CollectorRegistration);
+    EXPECT_FALSE(ParseAlignment("Epoch"));
+    EXPECT_FALSE(ParseAlignment(""));
+}
+
+TEST(JsonRecordsTest, TimesAreUtcWithDateAndMicroseconds) {
+    EXPECT_EQ(TicksToIso8601(kUnixEpochTicks), "1970-01-01T00:00:00.000000Z");
+    // 2026-11-21T21:03:21.123456Z is 1795295001.123456 s after 1970.
+    EXPECT_EQ(TicksToIso8601(kUnixEpochTicks + 17952950011234567ull),
+              "2026-11-21T21:03:21.123456Z");
+    EXPECT_EQ(TicksToIso8601(0), "1970-01-01T00:00:00.000000Z");  // before 1970: clamped
+    EXPECT_EQ(TimeToIso8601(std::chrono::system_clock::time_point(
+                  std::chrono::microseconds(1795295001123456))),
+              "2026-11-21T21:03:21.123456Z");
+}
+
+ip_t V4(std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d) {
+    ip_t ip;
+    ip.family = 4;
+    ip.v4.bytes = {a, b, c, d};
+    return ip;
+}
+
+ConnectionCounter Udp(std::uint16_t localPort, std::uint64_t sent, std::uint64_t received) {
+    ConnectionCounter c;
+    c.localIp = V4(198, 18, 0, 1);
+    c.localPort = localPort;
+    c.remoteIp = V4(198, 18, 0, 2);
+    c.remotePort = 53;
+    c.ipProtocol = 17;
+    c.etherType = 0x0800;
+    c.packetsSent = 1;
+    c.bytesSent = sent;
+    c.packetsReceived = 1;
+    c.bytesReceived = received;
+    return c;
+}
+
+TEST(StatsFormatTest, SortedByTotalBytesThenEndpoints) {
+    const std::vector<ConnectionCounter> counters{Udp(3, 10, 10), Udp(2, 5, 100), Udp(1, 20, 0),
+                                                  Udp(4, 0, 105)};
+    std::vector<std::uint16_t> ports;
+    for (const auto& c : SortedByBytes(counters)) {
+        ports.push_back(*c.localPort);
+    }
+    EXPECT_EQ(ports, (std::vector<std::uint16_t>{2, 4, 1, 3}));
+}
+
+// DocumentedExamples reads the ```json blocks of docs/json.md in order.
+std::vector<JsonRecord> DocumentedExamples() {
+    std::ifstream in(NTI_SOURCE_DIR "/docs/json.md");
+    std::vector<JsonRecord> blocks;
+    std::string line;
+    std::string block;
+    bool inside = false;
+    while (std::getline(in, line)) {
+        if (line == "```json") {
+            inside = true;
+            block.clear();
+        } else if (inside && line == "```") {
+            inside = false;
+            blocks.push_back(JsonRecord::parse(block));
+        } else if (inside) {
+            block += line + '\n';
+        }
+    }
+    return blocks;
+}
+
+qor::mac48_address_t Mac(std::uint8_t last) {
+    return qor::mac48_address_t{{0x02, 0, 0, 0, 0, last}};
+}
+
+ip_t Fd00(std::uint8_t last) {
+    return ip_t{6, {}, {{0xfd, 0, 0x01, 0x98, 0, 0x18, 0, 0, 0, 0, 0, 0, 0, 0, 0, last}}};
+}
+
+// Udp4Packet is 198.18.0.2:40000 -> 198.18.0.1:5000 with a 2-byte payload.
+std::vector<std::uint8_t> Udp4Packet() {
+    return {0x45, 0,   0,  30, 0, 1,    0,    0,    64,   17, 0,  0, 198, 18,  0,
+            2,    198, 18, 0,  1, 0x9c, 0x40, 0x13, 0x88, 0,  10, 0, 0,   'h', 'i'};
+}
+
+// The documented examples are what the writer makes of the same records,
+// members in the same order; JsonLine keeps each on one line.
+TEST(JsonRecordsTest, DocumentedExamplesAreWhatTheWriterWrites) {
+    const std::uint64_t begin = kUnixEpochTicks + 17953009660520000ull;  // 2026-11-21T22:42:46.052Z
+    IntervalCounters interval{begin, begin + 10'000'000, {}};
+    ConnectionCounter udp;
+    udp.etherType = 0x0800;
+    udp.ipProtocol = 17;
+    udp.localIp = V4(198, 18, 0, 1);
+    udp.localPort = 7001;
+    udp.localMac = Mac(1);
+    udp.remoteIp = V4(198, 18, 0, 2);
+    udp.remotePort = 38984;
+    udp.remoteMac = Mac(2);
+    udp.packetsReceived = 10;
+    udp.bytesReceived = 920;
+    ConnectionCounter ping;
+    ping.etherType = 0x86DD;
+    ping.ipProtocol = 58;
+    ping.localIp = Fd00(1);
+    ping.remoteIp = Fd00(2);
+    ping.packetsSent = 3;
+    ping.bytesSent = 312;
+    interval.counters = {udp, ping};
+
+    std::vector<std::uint8_t> bytes = Udp4Packet();
+    dwi::network_interceptor::Packet packet;
+    packet.id = 1;
+    packet.queue = 1;
+    packet.payloadBegin = bytes.data();
+    packet.payloadEnd = bytes.data() + bytes.size();
+    const PacketContext context{
+        std::chrono::system_clock::time_point(std::chrono::microseconds(1795300862113456)), 1000,
+        "veth-dut", ""};
+
+    const std::vector<JsonRecord> written{
+        IntervalJson(1, interval),
+        PacketJson(packet, dwi::network_interceptor::Verdict::ALLOW, context)};
+    const std::vector<JsonRecord> documented = DocumentedExamples();
+    ASSERT_EQ(documented.size(), written.size());
+    for (std::size_t i = 0; i < written.size(); ++i) {
+        EXPECT_EQ(JsonLine(documented[i]), JsonLine(written[i]));
+        EXPECT_EQ(JsonLine(written[i]).find('\n'), JsonLine(written[i]).size() - 1);
+    }
+}
+
+// Interface names and domains are bytes from the system: whatever they hold,
+// the line parses back to them (bytes that are not UTF-8 as U+FFFD).
+TEST(JsonRecordsTest, EveryStringIsEscaped) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"eq\"\\", "eq\"\\"},
+        {"tab\tnl\n\x01", "tab\tnl\n\x01"},
+        {"b\xc3\xbc", "b\xc3\xbc"},
+        {"bad\xff", "bad\xef\xbf\xbd"},
+    };
+    std::vector<std::uint8_t> bytes = Udp4Packet();
+    dwi::network_interceptor::Packet packet;
+    packet.payloadBegin = bytes.data();
+    packet.payloadEnd = bytes.data() + bytes.size();
+    for (const auto& [name, read] : cases) {
+        const std::string packetLine = JsonLine(
+            PacketJson(packet, dwi::network_interceptor::Verdict::DROP, {{}, -1, name, name}));
+        EXPECT_EQ(JsonRecord::parse(packetLine)["indev"], read) << packetLine;
+        ConnectionCounter c;
+        c.domain = name;
+        const std::string intervalLine = JsonLine(IntervalJson(1, {0, 0, {c}}));
+        EXPECT_EQ(JsonRecord::parse(intervalLine)["connections"][0]["domain"], read)
+            << intervalLine;
+    }
+}
+
+// The module counts a connection's received packets under a key with the
+// MACs and its sent ones under a key without: the table shows one row.
+IntervalCounters OneUdpExchangeAndAPing() {
+    ConnectionCounter received = Udp(7001, 0, 0);
+    received.remotePort = 38984;
+    received.localMac = Mac(1);
+    received.remoteMac = Mac(2);
+    received.packetsSent = 0;
+    received.packetsReceived = 10;
+    received.bytesReceived = 920;
+    ConnectionCounter sent = Udp(7001, 0, 0);
+    sent.remotePort = 38984;
+    sent.packetsSent = 10;
+    sent.bytesSent = 920;
+    sent.packetsReceived = 0;
+    ConnectionCounter ping;
+    ping.etherType = 0x86DD;
+    ping.ipProtocol = 58;
+    ping.localIp = Fd00(1);
+    ping.localPort = 0;  // ICMP has no ports: a zero must not show
+    ping.remoteIp = Fd00(2);
+    ping.remotePort = 0;
+    ping.packetsSent = 3;
+    ping.bytesSent = 312;
+    ping.gatewayIp = V4(198, 18, 0, 254);
+    return {kUnixEpochTicks, kUnixEpochTicks + 10'000'000, {ping, received, sent}};
+}
+
+TEST(StatsFormatTest, OneRowPerConnectionLargestFirst) {
+    const struct {
+        const char* name;
+        IntervalHeader header;
+        IntervalCounters interval;
+        bool wide;
+        const char* table;
+    } cases[] = {
+        {"plain",
+         {1, false},
+         OneUdpExchangeAndAPing(),
+         false,
+         "collector 1 interval 1970-01-01T00:00:00.000000Z .. 1970-01-01T00:00:01.000000Z: 2 "
+         "connections\n"
+         "PROTO      LOCAL             REMOTE            PKTS_OUT  BYTES_OUT  PKTS_IN  BYTES_IN  "
+         "GATEWAY\n"
+         "udp        198.18.0.1:7001   198.18.0.2:38984        10        920       10       920  "
+         "-\n"
+         "ipv6-icmp  [fd00:198:18::1]  [fd00:198:18::2]         3        312        0         0  "
+         "198.18.0.254\n"},
+        {"wide",
+         {1, false},
+         OneUdpExchangeAndAPing(),
+         true,
+         "collector 1 interval 1970-01-01T00:00:00.000000Z .. 1970-01-01T00:00:01.000000Z: 2 "
+         "connections\n"
+         "PROTO      LOCAL             REMOTE            LOCAL_MAC          REMOTE_MAC         "
+         "PKTS_OUT  BYTES_OUT  PKTS_IN  BYTES_IN  GATEWAY\n"
+         "udp        198.18.0.1:7001   198.18.0.2:38984  02:00:00:00:00:01  02:00:00:00:00:02  "
+         "      10        920       10       920  -\n"
+         "ipv6-icmp  [fd00:198:18::1]  [fd00:198:18::2]  -                  -                  "
+         "       3        312        0         0  198.18.0.254\n"},
+        {"restored, empty",
+         {2, true},
+         {},
+         false,
+         "collector 2 interval 1970-01-01T00:00:00.000000Z .. 1970-01-01T00:00:00.000000Z (saved "
+         "earlier): 0 connections\n"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(FormatTable(c.header, c.interval, c.wide), c.table) << c.name;
+    }
+}
+
+TEST(StatsFormatTest, FiltersSelectByProtocolAddressAndInterface) {
+    const std::vector<ConnectionCounter> counters = OneUdpExchangeAndAPing().counters;
+    const InterfaceIdentity byMac{{}, Mac(1)};
+    const InterfaceIdentity byAddress{{V4(198, 18, 0, 1)}, Mac(9)};
+    const InterfaceIdentity gone;
+    const struct {
+        const char* name;
+        std::optional<std::uint8_t> protocol;
+        const char* address;
+        const InterfaceIdentity* interface;
+        std::vector<std::uint64_t> bytesSent;  // of the counters kept, in order
+    } cases[] = {
+        {"none", std::nullopt, nullptr, nullptr, {312, 0, 920}},
+        {"udp", 17, nullptr, nullptr, {0, 920}},
+        {"icmpv6", 58, nullptr, nullptr, {312}},
+        {"remote v6 host", std::nullopt, "fd00:198:18::2", nullptr, {312}},
+        {"v4 network", std::nullopt, "198.18.0.0/15", nullptr, {0, 920}},
+        {"other network", std::nullopt, "198.19.0.0/16", nullptr, {}},
+        {"udp in other network", 17, "fd00:198:18::/64", nullptr, {}},
+        {"interface by MAC", std::nullopt, nullptr, &byMac, {0}},
+        {"interface by address", std::nullopt, nullptr, &byAddress, {0, 920}},
+        {"interface gone", std::nullopt, nullptr, &gone, {}},
+    };
+    for (const auto& c : cases) {
+        StatsFilter filter;
+        filter.protocol = c.protocol;
+        if (c.address != nullptr) {
+            filter.address = ParseNetwork(c.address);
+        }
+        if (c.interface != nullptr) {
+            filter.interface = *c.interface;
+        }
+        std::vector<std::uint64_t> kept;
+        for (const auto& counter : Filtered(counters, filter)) {
+            kept.push_back(counter.bytesSent);
+        }
+        EXPECT_EQ(kept, c.bytesSent) << c.name;
+    }
+}
+
+}  // namespace
+}  // namespace nti::host

@@ -1,0 +1,227 @@
+#include "host/services/binary_serializer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "host/services/allocator.h"
+#include "network_traffic_interceptor/src/statistics_meta.h"
+#include "tests/host/statistics_samples.h"
+
+namespace nti::host {
+namespace {
+
+using dwi::network_interceptor::FindStatisticsType;
+namespace stats = system_interceptors::net::statistics;
+namespace data = dwi::network_interceptor::connection_counters_data;
+
+class BinarySerializerTest : public ::testing::Test {
+protected:
+    template <class T>
+    std::vector<std::uint8_t> Encode(T& record, std::uint32_t typeId) {
+        void* ptr = nullptr;
+        std::size_t len = 0;
+        const qor::AnyRef ref{&record, FindStatisticsType(typeId)};
+        EXPECT_EQ(m_serializer->Serialize(ref, m_allocator.Get(), &ptr, &len, 0), 0);
+        std::vector<std::uint8_t> bytes(static_cast<std::uint8_t*>(ptr),
+                                        static_cast<std::uint8_t*>(ptr) + len);
+        m_allocator->Free(ptr);
+        return bytes;
+    }
+    template <class T>
+    qor::result_t Decode(const std::vector<std::uint8_t>& bytes, T& record, std::uint32_t typeId) {
+        return m_serializer->Deserialize(
+            bytes.data(), qor::AnyRef{&record, FindStatisticsType(typeId)}, bytes.size(), 0);
+    }
+
+    qor::object::ImplPtr<BinarySerializer> m_serializer = qor::object::Create<BinarySerializer>();
+    qor::object::ImplPtr<MallocAllocator> m_allocator = qor::object::Create<MallocAllocator>();
+};
+
+TEST_F(BinarySerializerTest, EveryRecordTypeRoundTrips) {
+    auto collectors = test::SampleCollectors();
+    data::Collectors collectorsBack;
+    ASSERT_EQ(Decode(Encode(collectors, data::kCollectorsTypeId), collectorsBack,
+                     data::kCollectorsTypeId),
+              0);
+    EXPECT_EQ(collectorsBack, collectors);
+
+    for (auto counter : {test::FullCounter(), test::SparseCounter(), stats::ConnectionCounter{}}) {
+        stats::ConnectionCounter back;
+        back.localPort = 1;  // stale values are replaced
+        back.payloadPrefix = {9, 9};
+        ASSERT_EQ(Decode(Encode(counter, stats::kConnectionCounterTypeId), back,
+                         stats::kConnectionCounterTypeId),
+                  0);
+        EXPECT_EQ(back, counter);
+    }
+
+    auto interval = collectors.collectors[0].readyCounters[0];
+    stats::IntervalCounters intervalBack;
+    ASSERT_EQ(Decode(Encode(interval, stats::kIntervalCountersTypeId), intervalBack,
+                     stats::kIntervalCountersTypeId),
+              0);
+    EXPECT_EQ(intervalBack, interval);
+
+    data::Collectors none;
+    data::Collectors noneBack = test::SampleCollectors();
+    ASSERT_EQ(Decode(Encode(none, data::kCollectorsTypeId), noneBack, data::kCollectorsTypeId), 0);
+    EXPECT_TRUE(noneBack.collectors.empty());
+}
+
+TEST_F(BinarySerializerTest, NestedTypesRoundTripOnTheirOwn) {
+    auto ip = test::Ipv6Sample();
+    stats::ip_t ipBack;
+    ASSERT_EQ(Decode(Encode(ip, stats::kIpTypeId), ipBack, stats::kIpTypeId), 0);
+    EXPECT_EQ(ipBack, ip);
+    stats::ipv4_t v4{{10, 0, 0, 1}};
+    stats::ipv4_t v4Back;
+    ASSERT_EQ(Decode(Encode(v4, stats::kIpv4TypeId), v4Back, stats::kIpv4TypeId), 0);
+    EXPECT_EQ(v4Back, v4);
+}
+
+TEST_F(BinarySerializerTest, WritesTheVersionedSelfDescribingForm) {
+    data::Collectors none;
+    // [ "nti.bin", 1, 0x55afdee1, { "collectors": [] } ]
+    const std::vector<std::uint8_t> expected = {
+        0x84, 0x67, 'n',  't', 'i', '.', 'b', 'i', 'n', 0x01, 0x1a, 0x55, 0xaf, 0xde,
+        0xe1, 0xa1, 0x6a, 'c', 'o', 'l', 'l', 'e', 'c', 't',  'o',  'r',  's',  0x80};
+    EXPECT_EQ(Encode(none, data::kCollectorsTypeId), expected);
+
+    auto ip = test::Ipv4(1, 2, 3, 4);
+    const std::vector<std::uint8_t> ipExpected = {0x84, 0x67, 'n',  't',  'i',  '.',  'b',
+                                                  'i',  'n',  0x01, 0x1a, 0xb1, 0x55, 0x00,
+                                                  0x54, 0x44, 1,    2,    3,    4};
+    EXPECT_EQ(Encode(ip, stats::kIpTypeId), ipExpected);
+}
+
+TEST_F(BinarySerializerTest, DamagedOrForeignInputFails) {
+    const auto good = [&] {
+        auto collectors = test::SampleCollectors();
+        return Encode(collectors, data::kCollectorsTypeId);
+    }();
+    struct Case {
+        const char* name;
+        std::vector<std::uint8_t> bytes;
+        qor::result_t result;
+    };
+    auto with = [&](std::size_t at, std::uint8_t value) {
+        auto bytes = good;
+        bytes[at] = value;
+        return bytes;
+    };
+    auto trailing = good;
+    trailing.push_back(0x00);
+    std::vector<Case> cases = {
+        {"empty", {}, qor::errors::kInvalidSize},
+        {"not an array", {0x01}, qor::errors::kInvalidType},
+        {"short header",
+         {0x83, 0x67, 'n', 't', 'i', '.', 'b', 'i', 'n', 0x01, 0x00},
+         qor::errors::kInvalidSignature},
+        {"foreign format", with(3, 'X'), qor::errors::kInvalidSignature},
+        {"future version", with(9, 0x02), qor::errors::kInvalidVersion},
+        {"other type id", with(14, 0xe2), qor::errors::kInvalidType},
+        {"trailing byte", trailing, qor::errors::kInvalidSize},
+        {"field renamed", with(17, 'C'), qor::errors::kInvalidType},
+        {"indefinite array",
+         {0x84, 0x67, 'n', 't', 'i', '.', 'b', 'i', 'n', 0x01, 0x1a, 0x55, 0xaf, 0xde, 0xe1,
+          0xa1, 0x6a, 'c', 'o', 'l', 'l', 'e', 'c', 't', 'o',  'r',  's',  0x9f, 0xff},
+         qor::errors::kInvalidType},
+        {"huge vector count",
+         {0x84, 0x67, 'n',  't',  'i',  '.',  'b',  'i',  'n',  0x01, 0x1a, 0x55,
+          0xaf, 0xde, 0xe1, 0xa1, 0x6a, 'c',  'o',  'l',  'l',  'e',  'c',  't',
+          'o',  'r',  's',  0x9b, 0x0f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff},
+         qor::errors::kInvalidSize},
+        {"huge string length",
+         {0x84, 0x67, 'n',  't',  'i',  '.',  'b',  'i',  'n',  0x01, 0x1a, 0x55, 0xaf,
+          0xde, 0xe1, 0xa1, 0x7b, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff},
+         qor::errors::kInvalidSize},
+    };
+    for (std::size_t cut : {good.size() - 1, good.size() / 2, std::size_t{20}, std::size_t{1}}) {
+        cases.push_back({"truncated", std::vector<std::uint8_t>(good.begin(), good.begin() + cut),
+                         qor::errors::kInvalidSize});
+    }
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        data::Collectors back;
+        EXPECT_EQ(Decode(c.bytes, back, data::kCollectorsTypeId), c.result);
+    }
+}
+
+TEST_F(BinarySerializerTest, EveryBitFlipFailsOrDecodesCleanly) {
+    auto collectors = test::SampleCollectors();
+    const auto good = Encode(collectors, data::kCollectorsTypeId);
+    int failures = 0;
+    for (std::size_t i = 0; i < good.size(); ++i) {
+        for (int bit = 0; bit < 8; ++bit) {
+            auto bytes = good;
+            bytes[i] ^= static_cast<std::uint8_t>(1u << bit);
+            data::Collectors back;
+            const qor::result_t result = Decode(bytes, back, data::kCollectorsTypeId);
+            if (QOR_SUCCEEDED(result)) {
+                EXPECT_EQ(result, 0);  // a flip inside a value can still be well formed
+            } else {
+                ++failures;
+            }
+        }
+    }
+    EXPECT_GT(failures, 0);
+}
+
+TEST_F(BinarySerializerTest, ValuesOutOfRangeOrOfTheWrongKindFail) {
+    auto counter = stats::ConnectionCounter{};
+    const auto good = Encode(counter, stats::kConnectionCounterTypeId);
+    // etherType is the 15th field; find its value (uint16 0) after its key.
+    const std::vector<std::uint8_t> key = {0x69, 'e', 't', 'h', 'e', 'r', 'T', 'y', 'p', 'e'};
+    const auto at = std::search(good.begin(), good.end(), key.begin(), key.end()) - good.begin() +
+                    static_cast<std::ptrdiff_t>(key.size());
+    ASSERT_EQ(good[at], 0x00);
+    struct Case {
+        const char* name;
+        std::vector<std::uint8_t> value;
+        qor::result_t result;
+    };
+    const Case cases[] = {
+        {"uint16 overflow", {0x1a, 0x00, 0x01, 0x00, 0x00}, qor::errors::kOutOfRange},
+        {"negative", {0x20}, qor::errors::kInvalidType},
+        {"text for number", {0x60}, qor::errors::kInvalidType},
+        {"float", {0xf9, 0x00, 0x00}, qor::errors::kInvalidType},
+        {"tagged", {0xc1, 0x00}, qor::errors::kInvalidType},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto bytes = good;
+        bytes.erase(bytes.begin() + at);
+        bytes.insert(bytes.begin() + at, c.value.begin(), c.value.end());
+        stats::ConnectionCounter back;
+        EXPECT_EQ(Decode(bytes, back, stats::kConnectionCounterTypeId), c.result);
+    }
+}
+
+TEST_F(BinarySerializerTest, BadArgumentsAndAddressesFail) {
+    stats::ip_t ip;
+    ip.family = 5;
+    void* ptr = nullptr;
+    std::size_t len = 0;
+    EXPECT_EQ(m_serializer->Serialize(qor::AnyRef{&ip, FindStatisticsType(stats::kIpTypeId)},
+                                      m_allocator.Get(), &ptr, &len, 0),
+              qor::errors::kInvalidArgument);
+    EXPECT_EQ(ptr, nullptr);
+    EXPECT_EQ(m_serializer->Serialize(qor::AnyRef{}, m_allocator.Get(), &ptr, &len, 0),
+              qor::errors::kInvalidArgument);
+    ip.family = 4;
+    EXPECT_EQ(m_serializer->Serialize(qor::AnyRef{&ip, FindStatisticsType(stats::kIpTypeId)},
+                                      m_allocator.Get(), &ptr, &len, 1),
+              qor::errors::kNotSupported);
+    const std::vector<std::uint8_t> fiveBytes = {0x84, 0x67, 'n',  't',  'i',  '.',  'b',
+                                                 'i',  'n',  0x01, 0x1a, 0xb1, 0x55, 0x00,
+                                                 0x54, 0x45, 1,    2,    3,    4,    5};
+    EXPECT_EQ(Decode(fiveBytes, ip, stats::kIpTypeId), qor::errors::kInvalidSize);
+    EXPECT_EQ(m_serializer->Deserialize(
+                  nullptr, qor::AnyRef{&ip, FindStatisticsType(stats::kIpTypeId)}, 4, 0),
+              qor::errors::kInvalidArgument);
+}
+
+}  // namespace
+}  // namespace nti::host

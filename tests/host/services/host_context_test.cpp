@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "host/services/host_context.h"
+#include "host/services/iptables_info.h"
+
+namespace nti::host {
+namespace {
+
+TEST(IptablesInfoProviderTest, FixedSettingsAndDetection) {
+    struct Case {
+        std::optional<bool> setting;
+        std::uint32_t expected;
+    };
+    const Case cases[] = {{true, 1}, {false, 0}, {std::nullopt, DetectIp6tables() ? 1u : 0u}};
+    for (const auto& c : cases) {
+        auto provider = qor::object::Create<IptablesInfoProvider>(c.setting);
+        std::uint32_t info = 0xFFFFFFFF;
+        EXPECT_EQ(provider->GetIptablesInfo(&info), 0);
+        EXPECT_EQ(info, c.expected);
+        EXPECT_EQ(provider->GetIptablesInfo(nullptr), qor::errors::kInvalidArgument);
+    }
+}
+
+TEST(HostContextTest, OffersTheStatisticsServicesThroughItsLocator) {
+    const char* module = std::getenv("NTI_MODULE");
+    if (module == nullptr) {
+        GTEST_SKIP() << "NTI_MODULE not set (run through ctest)";
+    }
+    CommonOptions options;
+    options.module = module;
+    options.ip6tables = false;
+    options.nflogBypassMark = 0x1234;
+    HostContext host;
+    ASSERT_EQ(host.Open(options), 0) << host.Error();
+
+    for (const qor::iid_t iid : {qor::ITimer::IID, dwi::firewall::INflogListenerFactory::IID,
+                                 dwi::firewall::IIptablesInfoProvider::IID,
+                                 dwi::firewall::IStartupDataProvider::IID, qor::ITracer::IID}) {
+        qor::RefPtr<qor::IObject> service;
+        EXPECT_EQ(host.Locator().GetInterface(iid, 0, service.RefVoid()), 0) << std::hex << iid;
+    }
+    qor::RefPtr<dwi::firewall::IStartupDataProvider> startup;
+    ASSERT_EQ(
+        host.Locator().GetInterface(dwi::firewall::IStartupDataProvider::IID, 0, startup.RefVoid()),
+        0);
+    dwi::firewall::StartupData data;
+    EXPECT_EQ(startup->GetStartupData(&data), 0);
+    EXPECT_EQ(data.nflogBypassMark, 0x1234u);
+    qor::RefPtr<dwi::firewall::IIptablesInfoProvider> iptables;
+    ASSERT_EQ(host.Locator().GetInterface(dwi::firewall::IIptablesInfoProvider::IID, 0,
+                                          iptables.RefVoid()),
+              0);
+    std::uint32_t info = 1;
+    EXPECT_EQ(iptables->GetIptablesInfo(&info), 0);
+    EXPECT_EQ(info, 0u);
+    startup.Reset();
+    iptables.Reset();
+    EXPECT_EQ(host.Shutdown(), 0);  // nothing of the module is held
+}
+
+}  // namespace
+}  // namespace nti::host

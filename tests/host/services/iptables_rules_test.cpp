@@ -1,0 +1,246 @@
+// DynamicRules against the real iptables, each test in a network namespace
+// of its own (the test process leaves its namespace by unshare).
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "host/services/firewall_rules.h"
+#include "host/services/process.h"
+
+namespace nti::host {
+namespace {
+
+using dwi::firewall::NflogRule;
+using dwi::firewall::QueueRule;
+
+std::string Save(const char* program) {
+    ProcessOutput out;
+    EXPECT_EQ(RunProcess({program, "-t", "filter"}, {}, out), 0);
+    EXPECT_EQ(out.exitCode, 0) << out.err;
+    return out.out;
+}
+
+// Lines of the save output in our chains and jumps, in order.
+std::vector<std::string> OurLines(const char* program) {
+    std::vector<std::string> lines;
+    std::istringstream in(Save(program));
+    for (std::string line; std::getline(in, line);) {
+        if (line.find("NTI_") != std::string::npos) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+void Restore(const char* program, const std::string& script) {
+    ProcessOutput out;
+    ASSERT_EQ(RunProcess({program, "--noflush"}, script, out), 0);
+    ASSERT_EQ(out.exitCode, 0) << out.err;
+}
+
+pid_t DeadPid() {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::_exit(0);
+    }
+    ::waitpid(pid, nullptr, 0);
+    return pid;
+}
+
+class DynamicRulesNetnsTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(::unshare(CLONE_NEWNET), 0) << "needs CAP_SYS_ADMIN"; }
+
+    static QueueRule Udp(std::uint32_t direction, std::uint16_t queue, std::uint16_t port) {
+        QueueRule r;
+        r.direction = direction;
+        r.queueNumber = queue;
+        r.protocol = 17;
+        r.localPorts = {port, port};
+        return r;
+    }
+    static NflogRule Log(std::uint8_t chain, const char* name) {
+        NflogRule r;
+        r.name = name;
+        r.chain = chain;
+        r.nflogGroup = 10000;
+        r.bypassMark = 0x10;
+        r.bypassMarkSet = true;
+        return r;
+    }
+    qor::object::ImplPtr<DynamicRules> Make(FirewallOptions options = {}) {
+        auto rules = qor::object::Create<DynamicRules>(std::move(options), nullptr);
+        EXPECT_EQ(rules->Initialize(), 0);
+        return rules;
+    }
+    const std::string m_me = std::to_string(::getpid());
+};
+
+TEST_F(DynamicRulesNetnsTest, ChainsLiveWhileAnyRunHasARuleInThem) {
+    auto first = Make();
+    auto second = Make();
+    const std::vector<std::string> expected = {":NTI_FWD - [0:0]",      ":NTI_IN - [0:0]",
+                                               ":NTI_OUT - [0:0]",      "-A INPUT -j NTI_IN",
+                                               "-A FORWARD -j NTI_FWD", "-A OUTPUT -j NTI_OUT"};
+    EXPECT_EQ(OurLines("iptables-save"), expected);
+    EXPECT_EQ(OurLines("ip6tables-save"), expected);
+
+    ASSERT_EQ(second->AddRules({Udp(0, 7, 9)}, "x"), 0);
+    first = nullptr;
+    const std::string rule =
+        "-A NTI_IN -p udp -m udp --dport 9 -m comment --comment \"nti:" + m_me +
+        ":x\" -j NFQUEUE --queue-num 7 --queue-bypass";
+    const std::vector<std::string> inOnly = {":NTI_IN - [0:0]", "-A INPUT -j NTI_IN", rule};
+    EXPECT_EQ(OurLines("iptables-save"), inOnly);
+    EXPECT_EQ(OurLines("ip6tables-save"), inOnly);
+    // The chains the first run removed come back for the next rule.
+    ASSERT_EQ(second->AddRules({Udp(dwi::firewall::kOutbound, 7, 9)}, "x"), 0);
+    EXPECT_EQ(OurLines("iptables-save").size(), 8u);
+    second = nullptr;
+    EXPECT_EQ(OurLines("iptables-save"), std::vector<std::string>{});
+    EXPECT_EQ(OurLines("ip6tables-save"), std::vector<std::string>{});
+}
+
+TEST_F(DynamicRulesNetnsTest, AddsAndRemovesExactlyTheNamedRecords) {
+    auto rules = Make();
+    const dwi::firewall::Rules a = {Udp(0, 1000, 53), Log(dwi::firewall::kChainInput, "log_in")};
+    const dwi::firewall::Rules b = {Udp(dwi::firewall::kOutbound, 1001, 53)};
+    ASSERT_EQ(rules->AddRules(a, "svc_a"), 0);
+    ASSERT_EQ(rules->AddRules(b, "svc_b"), 0);
+    const std::string c = "\"nti:" + m_me;
+    const std::vector<std::string> both = {
+        "-A INPUT -j NTI_IN",
+        "-A FORWARD -j NTI_FWD",
+        "-A OUTPUT -j NTI_OUT",
+        "-A NTI_IN -m mark ! --mark 0x10 -m comment --comment " + c +
+            ":svc_a:log_in\" -j NFLOG --nflog-group 10000",
+        "-A NTI_IN -p udp -m udp --dport 53 -m comment --comment " + c +
+            ":svc_a\" -j NFQUEUE --queue-num 1000 --queue-bypass",
+        "-A NTI_OUT -p udp -m udp --sport 53 -m comment --comment " + c +
+            ":svc_b\" -j NFQUEUE --queue-num 1001 --queue-bypass"};
+    auto withoutChains = [](std::vector<std::string> lines) {
+        std::erase_if(lines, [](const std::string& l) { return l.starts_with(":"); });
+        return lines;
+    };
+    EXPECT_EQ(withoutChains(OurLines("iptables-save")), both);
+    EXPECT_EQ(withoutChains(OurLines("ip6tables-save")), both);
+    EXPECT_EQ(rules->InstalledCount(), 3u);
+
+    // Only the queue rule of svc_a goes; the same record again is not there.
+    ASSERT_EQ(rules->RemoveRules({a[0]}), 0);
+    EXPECT_EQ(rules->RemoveRules({a[0]}), qor::errors::kFalse);
+    std::vector<std::string> left = both;
+    left.erase(left.begin() + 4);
+    EXPECT_EQ(withoutChains(OurLines("iptables-save")), left);
+    EXPECT_EQ(withoutChains(OurLines("ip6tables-save")), left);
+
+    // Destruction removes what is still installed, then the chains and jumps.
+    rules = nullptr;
+    EXPECT_EQ(OurLines("iptables-save"), std::vector<std::string>{});
+    EXPECT_EQ(OurLines("ip6tables-save"), std::vector<std::string>{});
+}
+
+TEST_F(DynamicRulesNetnsTest, IdenticalRecordsOfTwoCallsAreRemovedOneAtATime) {
+    auto rules = Make();
+    const dwi::firewall::Rules r = {Udp(0, 7, 9)};
+    ASSERT_EQ(rules->AddRules(r, "x"), 0);
+    ASSERT_EQ(rules->AddRules(r, "x"), 0);
+    ASSERT_EQ(rules->RemoveRules(r), 0);
+    EXPECT_EQ(rules->InstalledCount(), 1u);
+    const auto lines = OurLines("iptables-save");
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& l) { return l.starts_with("-A NTI_IN"); }),
+              1);
+}
+
+TEST_F(DynamicRulesNetnsTest, FailedIpv6RunTakesIpv4RulesBackOut) {
+    FirewallOptions options;
+    auto rules = Make();
+    options.ipv6Restore = "false";
+    auto failing = qor::object::Create<DynamicRules>(options, nullptr);
+    EXPECT_EQ(failing->AddRules({Udp(0, 7, 9)}, "x"), qor::errors::kUnspecified);
+    EXPECT_EQ(failing->InstalledCount(), 0u);
+    EXPECT_EQ(OurLines("iptables-save").size(), 6u);
+    // IPv4-only records never run the IPv6 program.
+    NflogRule v4 = Log(dwi::firewall::kChainForward, "fwd");
+    v4.ipVersion = 4;
+    EXPECT_EQ(failing->AddRules({v4}, "x"), 0);
+    EXPECT_EQ(OurLines("iptables-save").size(), 7u);
+}
+
+TEST_F(DynamicRulesNetnsTest, InvalidInputInstallsNothing) {
+    auto rules = Make();
+    QueueRule portsWithoutProtocol;
+    portsWithoutProtocol.localPorts = {1, 1};
+    EXPECT_EQ(rules->AddRules({Udp(0, 1, 1), portsWithoutProtocol}, "x"),
+              qor::errors::kInvalidArgument);
+    EXPECT_EQ(rules->AddRules({Udp(0, 1, 1)}, "bad tag"), qor::errors::kInvalidArgument);
+    EXPECT_EQ(rules->AddRules({Udp(0, 1, 1)}, nullptr), qor::errors::kInvalidArgument);
+    EXPECT_EQ(rules->AddRules({Log(dwi::firewall::kChainInput, "a b")}, "x"),
+              qor::errors::kInvalidArgument);
+    EXPECT_EQ(rules->InstalledCount(), 0u);
+    EXPECT_EQ(OurLines("iptables-save").size(), 6u);
+}
+
+TEST_F(DynamicRulesNetnsTest, RuleDeletedBehindItsBackDoesNotKeepOthers) {
+    auto rules = Make();
+    const dwi::firewall::Rules r = {Udp(0, 7, 9), Udp(0, 7, 10)};
+    ASSERT_EQ(rules->AddRules(r, "x"), 0);
+    Restore("iptables-restore",
+            "*filter\n-D NTI_IN -p udp -m udp --dport 9 -m comment --comment \"nti:" + m_me +
+                ":x\" -j NFQUEUE --queue-num 7 --queue-bypass\nCOMMIT\n");
+    EXPECT_EQ(rules->RemoveRules(r), qor::errors::kUnspecified);
+    EXPECT_EQ(OurLines("iptables-save").size(), 6u);
+    EXPECT_EQ(OurLines("ip6tables-save").size(), 6u);
+    EXPECT_EQ(rules->InstalledCount(), 0u);
+}
+
+TEST_F(DynamicRulesNetnsTest, InitializeSweepsRulesOfEndedRunsOnly) {
+    auto rules = Make();
+    const std::string dead = std::to_string(DeadPid());
+    const std::string script = "*filter\n-A NTI_IN -m comment --comment \"nti:" + dead +
+                               ":old\" -j NFQUEUE --queue-num 5\n"
+                               "-A NTI_OUT -m comment --comment \"nti:1:init\" -j ACCEPT\n"
+                               "-A NTI_OUT -m comment --comment \"foreign\" -j ACCEPT\nCOMMIT\n";
+    Restore("iptables-restore", script);
+    Restore("ip6tables-restore", script);
+    ASSERT_EQ(rules->AddRules({Udp(0, 1, 1)}, "mine"), 0);
+
+    auto next = Make();
+    for (const char* save : {"iptables-save", "ip6tables-save"}) {
+        SCOPED_TRACE(save);
+        const std::string text = Save(save);
+        EXPECT_EQ(text.find(":old"), std::string::npos);
+        EXPECT_NE(text.find("nti:1:init"), std::string::npos);
+        EXPECT_NE(text.find("foreign"), std::string::npos);
+        EXPECT_NE(text.find("nti:" + m_me + ":mine"), std::string::npos);
+    }
+}
+
+TEST_F(DynamicRulesNetnsTest, ExceptionEscapingAThreadRemovesRulesAndChainsBeforeTheAbort) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        InstallTerminateCleanup();
+        auto rules = qor::object::Create<DynamicRules>(FirewallOptions{}, nullptr);
+        if (rules->Initialize() != 0 || rules->AddRules({Udp(0, 7, 9)}, "x") != 0) {
+            ::_exit(3);
+        }
+        std::thread([] { throw std::runtime_error("escaped"); }).join();
+        ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+    EXPECT_EQ(OurLines("iptables-save"), std::vector<std::string>{});
+    EXPECT_EQ(OurLines("ip6tables-save"), std::vector<std::string>{});
+}
+
+}  // namespace
+}  // namespace nti::host
