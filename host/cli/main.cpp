@@ -5,8 +5,9 @@
 #include <map>
 
 #include "host/cli/commands/commands.h"
-#include "host/services/exit_signals.h"
+#include "host/cli/exit_signals.h"
 #include "host/cli/man_page.h"
+#include "host/services/exit_cleanup.h"
 
 namespace {
 

@@ -2,11 +2,15 @@
 
 #include <unistd.h>
 
-#include "host/services/host_services.h"
+#include "host/services/allocator.h"
+#include "host/services/binary_serializer.h"
+#include "host/services/iptables_info_provider.h"
+#include "host/services/iptables_rules.h"
 #include "host/services/journal_tracer.h"
 #include "host/services/key_value_storage.h"
 #include "host/services/nflog_listener.h"
 #include "host/services/nft_rules.h"
+#include "host/services/storage_serializer.h"
 #include "host/services/tracer_sink.h"
 #include "qor/exception.h"
 
@@ -40,25 +44,7 @@ FirewallChoice ChooseFirewall(const std::string& wanted, bool queues) {
 qor::result_t HostContext::Open(const CommonOptions& options) {
     m_firewallChoice = options.firewall;
     try {
-        m_locator = qor::object::Create<ServiceLocator>();
-        if (options.traceJournal) {
-            m_tracer = qor::object::Create<JournalTracer>(options.traceLevel, STDERR_FILENO);
-        } else if (options.traceFile.empty()) {
-            m_tracer = qor::object::Create<LineTracer>(STDERR_FILENO, options.traceLevel);
-        } else {
-            m_tracer = OpenFileTracer(options.traceFile, options.traceLevel);
-        }
-        m_locator->Register(m_tracer.Get());
-        m_timer = qor::object::Create<Timer>();
-        m_locator->Register<qor::ITimer>(m_timer.Get());
-        m_locator->Register<dwi::firewall::INflogListenerFactory>(
-            qor::object::Create<NflogListenerFactory>(m_tracer.Get()).Get());
-        m_locator->Register<dwi::firewall::IIptablesInfoProvider>(
-            qor::object::Create<IptablesInfoProvider>(options.ip6tables).Get());
-        m_locator->Register<dwi::firewall::IStartupDataProvider>(
-            qor::object::Create<StartupDataProvider>(
-                dwi::firewall::StartupData{options.nflogBypassMark})
-                .Get());
+        RegisterServices(options);
     } catch (const std::exception& e) {
         m_error = e.what();
         return qor::CurrentExceptionToResult(nullptr, "");
@@ -68,14 +54,42 @@ qor::result_t HostContext::Open(const CommonOptions& options) {
         m_error = m_module.Error();
         return loaded;
     }
-    try {
-        m_metaInfo = RegisterHostServices(
-            *m_locator, m_module, options.stateDir.empty() ? DefaultStateDir() : options.stateDir);
-    } catch (const std::exception& e) {
-        m_error = e.what();
-        return qor::CurrentExceptionToResult(nullptr, "");
-    }
+    m_metaInfo->AttachModule(&m_module, m_locator.Get());
     return loaded;
+}
+
+void HostContext::RegisterServices(const CommonOptions& options) {
+    m_locator = qor::object::Create<ServiceLocator>();
+    if (options.traceJournal) {
+        m_tracer = qor::object::Create<JournalTracer>(options.traceLevel, STDERR_FILENO);
+    } else if (options.traceFile.empty()) {
+        m_tracer = qor::object::Create<LineTracer>(STDERR_FILENO, options.traceLevel);
+    } else {
+        m_tracer = OpenFileTracer(options.traceFile, options.traceLevel);
+    }
+    m_locator->Register(m_tracer.Get());
+    m_timer = qor::object::Create<Timer>();
+    m_locator->Register<qor::ITimer>(m_timer.Get());
+    m_locator->Register<dwi::firewall::INflogListenerFactory>(
+        qor::object::Create<NflogListenerFactory>(m_tracer.Get()).Get());
+    m_locator->Register<dwi::firewall::IIptablesInfoProvider>(
+        qor::object::Create<IptablesInfoProvider>(options.ip6tables).Get());
+    m_locator->Register<dwi::firewall::IStartupDataProvider>(
+        qor::object::Create<StartupDataProvider>(
+            dwi::firewall::StartupData{options.nflogBypassMark})
+            .Get());
+    m_locator->Register<qor::IAllocator>(qor::object::Create<MallocAllocator>().Get());
+    m_locator->Register<qor::IBinarySerializer>(qor::object::Create<BinarySerializer>().Get());
+    m_locator->Register<qor::IStorageSerializer2>(qor::object::Create<StorageSerializer>().Get());
+    m_locator->Register<qor::IStorageFactory>(qor::object::Create<StorageFactory>().Get());
+    // The database is opened on first use.
+    m_locator->Register<app_core::component::IKeyValueStorage>(
+        qor::object::Create<SqliteKeyValueStorage>(options.stateDir.empty() ? DefaultStateDir()
+                                                                            : options.stateDir)
+            .Get());
+    // Answers the module's types once it is loaded and attached.
+    m_metaInfo = qor::object::Create<MetaInfoProvider>();
+    m_locator->Register<qor::IMetaInfoProvider>(m_metaInfo.Get());
 }
 
 qor::result_t HostContext::StartFirewall(const FirewallSettings& settings) {
@@ -91,7 +105,7 @@ qor::result_t HostContext::StartFirewall(const FirewallSettings& settings) {
         } else {
             FirewallOptions options;
             options.failClosed = settings.failClosed;
-            firewall = qor::object::Create<DynamicRules>(options, m_tracer);
+            firewall = qor::object::Create<IptablesRules>(options, m_tracer);
         }
         if (const qor::result_t r = firewall->Initialize(); !QOR_SUCCEEDED(r)) {
             m_error = choice.nftables

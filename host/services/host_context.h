@@ -6,12 +6,12 @@
 #include <optional>
 #include <string>
 
-#include "host/services/firewall_rules.h"
-#include "host/services/iptables_info.h"
 #include "host/services/meta_info_provider.h"
 #include "host/services/module_loader.h"
 #include "host/services/nfqueue_query.h"
+#include "host/services/rules_service.h"
 #include "host/services/service_locator.h"
+#include "host/services/startup_data_provider.h"
 #include "host/services/timer.h"
 #include "qor/object.h"
 #include "qor/trace/tracer.h"
@@ -61,10 +61,8 @@ public:
     HostContext& operator=(const HostContext&) = delete;
     ~HostContext();
 
-    // Open installs the tracer and the host services (timer, NFLOG listener
-    // factory, iptables and startup data providers), loads the module and
-    // registers the storage services (RegisterHostServices). Returns 0 or a
-    // failure code with a message in Error().
+    // Open registers the tracer and the host services (RegisterServices) and
+    // loads the module. Returns 0 or a failure code with a message in Error().
     qor::result_t Open(const CommonOptions& options);
 
     // StartFirewall creates the queue number and firewall rules services,
@@ -89,6 +87,11 @@ public:
     qor::result_t Shutdown();
 
 private:
+    // RegisterServices puts the tracer and every host service the module finds
+    // through the locator into a new locator, all but the firewall services
+    // StartFirewall adds; throws on failure.
+    void RegisterServices(const CommonOptions& options);
+
     qor::RefPtr<ServiceLocator> m_locator;
     qor::RefPtr<qor::ITracer> m_tracer;
     qor::object::ImplPtr<NfqueueQuery> m_queues;

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <ctime>
 
-#include "host/services/packet_summary.h"
 #include "host/services/ip_protocol.h"
+#include "host/services/packet_summary.h"
 
 namespace nti::host {
 

@@ -11,7 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "host/services/firewall_rules.h"
+#include "host/services/rule_text.h"
+#include "host/services/rules_service.h"
+#include "qor/trace/tracer.h"
 
 struct nft_ctx;
 

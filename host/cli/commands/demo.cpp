@@ -27,9 +27,9 @@
 
 #include "host/cli/commands/commands.h"
 #include "host/cli/commands/stats_format.h"
+#include "host/fixture/netns.h"
 #include "host/fixture/traffic.h"
 #include "host/services/ip_protocol.h"
-#include "host/fixture/netns.h"
 #include "host/services/process.h"
 #include "network_traffic_interceptor/connection_counters.h"
 #include "network_traffic_interceptor/network_interceptor.h"

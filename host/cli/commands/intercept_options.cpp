@@ -5,7 +5,7 @@
 #include <charconv>
 
 #include "host/services/packet_summary.h"
-#include "host/services/firewall_rules.h"
+#include "host/services/rule_text.h"
 
 namespace nti::host {
 namespace {

@@ -8,9 +8,9 @@
 
 #include "host/cli/commands/commands.h"
 #include "host/cli/commands/stats_format.h"
-#include "host/services/json_records.h"
 #include "host/cli/service/history_store.h"
 #include "host/cli/service/service_config.h"
+#include "host/services/json_records.h"
 
 namespace nti::host {
 

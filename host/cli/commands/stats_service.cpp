@@ -13,7 +13,7 @@
 
 #include "dwi_tracing/tracing.h"
 #include "host/cli/commands/commands.h"
-#include "host/services/exit_signals.h"
+#include "host/cli/exit_signals.h"
 #include "host/cli/service/history_store.h"
 #include "host/cli/service/ipfix_sink.h"
 #include "host/cli/service/service_config.h"

@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "host/cli/commands/stats_format.h"
-#include "host/services/json_records.h"
 #include "host/cli/service/interval_sink.h"
+#include "host/services/json_records.h"
 
 namespace nti::host {
 namespace {

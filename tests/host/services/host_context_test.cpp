@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "host/services/host_context.h"
-#include "host/services/iptables_info.h"
+#include "host/services/iptables_info_provider.h"
 
 namespace nti::host {
 namespace {

@@ -1,4 +1,4 @@
-// DynamicRules against the real iptables, each test in a network namespace
+// IptablesRules against the real iptables, each test in a network namespace
 // of its own (the test process leaves its namespace by unshare).
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "host/services/firewall_rules.h"
+#include "host/services/iptables_rules.h"
 #include "host/services/process.h"
 
 namespace nti::host {
@@ -75,8 +75,8 @@ protected:
         r.bypassMarkSet = true;
         return r;
     }
-    qor::object::ImplPtr<DynamicRules> Make(FirewallOptions options = {}) {
-        auto rules = qor::object::Create<DynamicRules>(std::move(options), nullptr);
+    qor::object::ImplPtr<IptablesRules> Make(FirewallOptions options = {}) {
+        auto rules = qor::object::Create<IptablesRules>(std::move(options), nullptr);
         EXPECT_EQ(rules->Initialize(), 0);
         return rules;
     }
@@ -164,7 +164,7 @@ TEST_F(DynamicRulesNetnsTest, FailedIpv6RunTakesIpv4RulesBackOut) {
     FirewallOptions options;
     auto rules = Make();
     options.ipv6Restore = "false";
-    auto failing = qor::object::Create<DynamicRules>(options, nullptr);
+    auto failing = qor::object::Create<IptablesRules>(options, nullptr);
     EXPECT_EQ(failing->AddRules({Udp(0, 7, 9)}, "x"), qor::errors::kUnspecified);
     EXPECT_EQ(failing->InstalledCount(), 0u);
     EXPECT_EQ(OurLines("iptables-save").size(), 6u);
@@ -228,7 +228,7 @@ TEST_F(DynamicRulesNetnsTest, ExceptionEscapingAThreadRemovesRulesAndChainsBefor
     const pid_t child = ::fork();
     if (child == 0) {
         InstallTerminateCleanup();
-        auto rules = qor::object::Create<DynamicRules>(FirewallOptions{}, nullptr);
+        auto rules = qor::object::Create<IptablesRules>(FirewallOptions{}, nullptr);
         if (rules->Initialize() != 0 || rules->AddRules({Udp(0, 7, 9)}, "x") != 0) {
             ::_exit(3);
         }

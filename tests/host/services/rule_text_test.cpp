@@ -1,4 +1,4 @@
-#include "host/services/firewall_rules.h"
+#include "host/services/rule_text.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "host/services/host_services.h"
+#include "host/services/host_context.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <string>
 
 #include "dwi_common/blob_tools.h"
-#include "host/services/host_context.h"
 #include "qor/rtl/objclient.h"
 #include "qor/serializer.h"
 #include "qor/storage.h"

@@ -1,5 +1,5 @@
-// Host providers of the statistics service's firewall settings: whether
-// ip6tables is there, and the mark that exempts packets from NFLOG.
+// The host's answer to whether ip6tables is there, for the statistics
+// service's firewall rules.
 #pragma once
 
 #include <cstdint>
@@ -10,11 +10,6 @@
 #include "qor/object.h"
 
 namespace nti::host {
-
-// Packets carrying this mark are not logged. "NTI\0": a value other
-// software is unlikely to set. 0 is no "off" switch: the rules would then
-// exempt every unmarked packet.
-inline constexpr std::uint32_t kDefaultNflogBypassMark = 0x4e544900;
 
 // DetectIp6tables is true when an ip6tables program is on PATH and the kernel
 // has IPv6 (/proc/net/if_inet6).
@@ -31,16 +26,6 @@ public:
 private:
     std::once_flag m_detected;
     std::optional<bool> m_ip6tables;
-};
-
-// StartupDataProvider hands out the values fixed at start.
-class StartupDataProvider : public qor::object::Ifaces<dwi::firewall::IStartupDataProvider> {
-public:
-    explicit StartupDataProvider(const dwi::firewall::StartupData& data) : m_data(data) {}
-    qor::result_t GetStartupData(dwi::firewall::StartupData* data) noexcept override;
-
-private:
-    dwi::firewall::StartupData m_data;
 };
 
 }  // namespace nti::host

@@ -1,4 +1,4 @@
-#include "host/services/iptables_info.h"
+#include "host/services/iptables_info_provider.h"
 
 #include <unistd.h>
 
@@ -27,14 +27,6 @@ qor::result_t IptablesInfoProvider::GetIptablesInfo(std::uint32_t* info) noexcep
         return qor::errors::kUnspecified;
     }
     *info = *m_ip6tables ? 1u : 0u;
-    return qor::errors::kOk;
-}
-
-qor::result_t StartupDataProvider::GetStartupData(dwi::firewall::StartupData* data) noexcept {
-    if (data == nullptr) {
-        return qor::errors::kInvalidArgument;
-    }
-    *data = m_data;
     return qor::errors::kOk;
 }
 
