@@ -10,7 +10,6 @@
 #include "host/services/key_value_storage.h"
 #include "host/services/nflog_listener.h"
 #include "host/services/nft_rules.h"
-#include "host/services/storage_serializer.h"
 #include "host/services/tracer_sink.h"
 #include "qor/exception.h"
 
@@ -80,8 +79,6 @@ void HostContext::RegisterServices(const CommonOptions& options) {
             .Get());
     m_locator->Register<qor::IAllocator>(qor::object::Create<MallocAllocator>().Get());
     m_locator->Register<qor::IBinarySerializer>(qor::object::Create<BinarySerializer>().Get());
-    m_locator->Register<qor::IStorageSerializer2>(qor::object::Create<StorageSerializer>().Get());
-    m_locator->Register<qor::IStorageFactory>(qor::object::Create<StorageFactory>().Get());
     // The database is opened on first use.
     m_locator->Register<app_core::component::IKeyValueStorage>(
         qor::object::Create<SqliteKeyValueStorage>(options.stateDir.empty() ? DefaultStateDir()

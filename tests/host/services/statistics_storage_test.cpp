@@ -68,8 +68,6 @@ TEST_F(StatisticsStorageTest, EveryServiceIsRegistered) {
     auto* sl = &host.Locator();
     EXPECT_NO_THROW(qor::GetMandatoryInterface<qor::IAllocator>(sl));
     EXPECT_NO_THROW(qor::GetMandatoryInterface<qor::IBinarySerializer>(sl));
-    EXPECT_NO_THROW(qor::GetMandatoryInterface<qor::IStorageSerializer2>(sl));
-    EXPECT_NO_THROW(qor::GetMandatoryInterface<qor::IStorageFactory>(sl));
     EXPECT_NO_THROW(qor::GetMandatoryInterface<qor::IMetaInfoProvider>(sl));
     EXPECT_NO_THROW(qor::GetMandatoryInterface<app_core::component::IKeyValueStorage>(sl));
     // Nothing is written before the storage is used.
