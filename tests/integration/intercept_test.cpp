@@ -11,12 +11,18 @@
 #include <set>
 #include <thread>
 
-#include "tests/integration/netns.h"
+#include "host/fixture/netns.h"
+#include "host/fixture/program.h"
+#include "host/fixture/traffic.h"
 
 namespace nti::test {
 namespace {
 
 using namespace std::chrono_literals;
+using host::NetnsPair;
+using host::Program;
+using host::RunIn;
+using host::UdpSocket;
 using Clock = std::chrono::steady_clock;
 
 // Count counts the lines holding every one of `parts`.

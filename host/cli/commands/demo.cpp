@@ -27,6 +27,7 @@
 
 #include "host/cli/commands/commands.h"
 #include "host/cli/commands/stats_format.h"
+#include "host/cli/net_admin.h"
 #include "host/fixture/netns.h"
 #include "host/fixture/traffic.h"
 #include "host/services/ip_protocol.h"
@@ -165,19 +166,14 @@ bool SetUpTopology(NetworkNamespace& peer, NetworkNamespace& dut, std::string& e
     if (!peer.Create("nti-demo-peer-" + pid, error) || !dut.Create("nti-demo-dut-" + pid, error)) {
         return false;
     }
-    const std::vector<std::vector<std::string>> steps = {
-        {"ip", "link", "add", "veth-dut", "netns", dut.Name(), "type", "veth", "peer", "name",
-         "veth-peer", "netns", peer.Name()},
-        {"ip", "-n", dut.Name(), "addr", "add", "198.18.0.1/30", "dev", "veth-dut"},
-        {"ip", "-n", peer.Name(), "addr", "add", "198.18.0.2/30", "dev", "veth-peer"},
-        {"ip", "-n", dut.Name(), "addr", "add", "fd00:198:18::1/64", "dev", "veth-dut", "nodad"},
-        {"ip", "-n", peer.Name(), "addr", "add", "fd00:198:18::2/64", "dev", "veth-peer", "nodad"},
-        {"ip", "-n", dut.Name(), "link", "set", "veth-dut", "up"},
-        {"ip", "-n", peer.Name(), "link", "set", "veth-peer", "up"},
-        {"ip", "-n", dut.Name(), "route", "add", "default", "via", "198.18.0.2"},
-        {"ip", "-n", dut.Name(), "-6", "route", "add", "default", "via", "fd00:198:18::2"},
+    if (!JoinByVeth(dut, "veth-dut", peer, "veth-peer", error)) {
+        return false;
+    }
+    const std::vector<std::vector<std::string>> routes = {
+        {"ip", "-n", dut.Name(), "route", "add", "default", "via", kSecondEnd4},
+        {"ip", "-n", dut.Name(), "-6", "route", "add", "default", "via", kSecondEnd6},
     };
-    for (const auto& step : steps) {
+    for (const auto& step : routes) {
         std::string output;
         if (RunCommand(step, &output) != 0) {
             error = "setup step failed: " + step[3] + " ...: " + output;

@@ -22,7 +22,7 @@
 #include "host/cli/commands/intercept_options.h"
 #include "host/cli/commands/option_checks.h"
 #include "host/cli/exit_signals.h"
-#include "host/fixture/netns.h"
+#include "host/cli/net_admin.h"
 #include "host/services/duration.h"
 #include "host/services/json_records.h"
 #include "host/services/packet_summary.h"
