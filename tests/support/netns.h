@@ -1,6 +1,7 @@
-// Network namespaces for tests that touch the real kernel. Everything a test
-// builds (interfaces, routes, firewall rules) lives inside a namespace it
-// made and goes away with it; the machine's own namespace is never changed.
+// Network namespaces for tests that touch the real kernel, on the fixture
+// library. Everything a test builds (interfaces, routes, firewall rules)
+// lives inside a namespace it made and goes away with it; the machine's own
+// namespace is never changed.
 #pragma once
 
 #include <fcntl.h>
@@ -18,60 +19,45 @@
 #include <utility>
 #include <vector>
 
+#include "host/fixture/netns.h"
+
 namespace nti::test {
 
 // Shell runs `command` with /bin/sh, returns its exit status (-1 when it did
 // not exit normally) and, with `output`, its stdout and stderr.
 inline int Shell(const std::string& command, std::string* output = nullptr) {
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        return -1;
-    }
-    std::string text;
-    std::array<char, 4096> chunk;
-    while (const std::size_t n = fread(chunk.data(), 1, chunk.size(), pipe)) {
-        text.append(chunk.data(), n);
-    }
-    const int status = pclose(pipe);
-    if (output != nullptr) {
-        *output = std::move(text);
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return host::RunCommand({"sh", "-c", command}, output);
 }
 
-// NetNs is a named namespace "nti-<purpose>-<pid>", deleted with the object.
+// NetNs is a named namespace "nti-<purpose>-<pid>" with its loopback up,
+// deleted with the object; throws when it cannot be made.
 class NetNs {
 public:
-    explicit NetNs(std::string_view purpose)
-        : m_name("nti-" + std::string(purpose) + "-" + std::to_string(getpid())) {
-        std::string output;
-        if (Shell("ip netns add " + m_name, &output) != 0) {
-            throw std::runtime_error("ip netns add " + m_name + ": " + output);
+    explicit NetNs(std::string_view purpose) {
+        std::string error;
+        if (!m_ns.Create("nti-" + std::string(purpose) + "-" + std::to_string(getpid()), error)) {
+            throw std::runtime_error(error);
         }
-        Must("ip link set lo up");
     }
-    ~NetNs() { Shell("ip netns del " + m_name); }
-    NetNs(const NetNs&) = delete;
-    NetNs& operator=(const NetNs&) = delete;
 
-    const std::string& Name() const { return m_name; }
-    std::string Path() const { return "/run/netns/" + m_name; }
+    const std::string& Name() const { return m_ns.Name(); }
+    std::string Path() const { return "/run/netns/" + Name(); }
 
-    // Exec runs `command` inside the namespace.
+    // Exec runs `command` with /bin/sh inside the namespace.
     int Exec(const std::string& command, std::string* output = nullptr) const {
-        return Shell("ip netns exec " + m_name + " sh -c '" + command + "'", output);
+        return m_ns.Run({"sh", "-c", command}, output);
     }
     // Must is Exec that throws with the output when the command fails.
     std::string Must(const std::string& command) const {
         std::string output;
         if (Exec(command, &output) != 0) {
-            throw std::runtime_error(m_name + ": " + command + ": " + output);
+            throw std::runtime_error(Name() + ": " + command + ": " + output);
         }
         return output;
     }
 
 private:
-    std::string m_name;
+    host::NetworkNamespace m_ns;
 };
 
 // VethEnd is one side of a veth pair: its namespace, name, MAC and addresses
