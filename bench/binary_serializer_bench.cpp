@@ -1,10 +1,11 @@
 // Speed of the host's binary serialiser on the stored Collectors record.
 #include <benchmark/benchmark.h>
 
+#include "bench/must_succeed.h"
 #include "host/services/allocator.h"
 #include "host/services/binary_serializer.h"
 #include "network_traffic_interceptor/src/statistics_meta.h"
-#include "tests/host/statistics_samples.h"
+#include "tests/support/statistics_samples.h"
 
 namespace {
 
@@ -35,8 +36,9 @@ void BM_Serialize(benchmark::State& state) {
     for (auto _ : state) {
         void* ptr = nullptr;
         std::size_t len = 0;
-        serializer->Serialize(qor::AnyRef{&record, CollectorsType()}, allocator.Get(), &ptr, &len,
-                              0);
+        nti::bench::MustSucceed(serializer->Serialize(qor::AnyRef{&record, CollectorsType()},
+                                                      allocator.Get(), &ptr, &len, 0),
+                                "Serialize");
         allocator->Free(ptr);
         bytes += len;
     }
@@ -50,7 +52,9 @@ void BM_Deserialize(benchmark::State& state) {
     auto allocator = qor::object::Create<nti::host::MallocAllocator>();
     void* ptr = nullptr;
     std::size_t len = 0;
-    serializer->Serialize(qor::AnyRef{&record, CollectorsType()}, allocator.Get(), &ptr, &len, 0);
+    nti::bench::MustSucceed(serializer->Serialize(qor::AnyRef{&record, CollectorsType()},
+                                                  allocator.Get(), &ptr, &len, 0),
+                            "Serialize");
     for (auto _ : state) {
         data::Collectors back;
         benchmark::DoNotOptimize(

@@ -19,8 +19,8 @@ extern "C" {
 #include "dwi_common/mnl_parser.h"
 #include "network_traffic_interceptor/src/nfqueue_attributes.h"
 #include "qor/object.h"
-#include "tests/fakes/nfqueue_message.h"
-#include "tests/fakes/recording_tracer.h"
+#include "tests/support/nfqueue_message.h"
+#include "tests/support/recording_tracer.h"
 
 namespace {
 

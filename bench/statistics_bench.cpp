@@ -16,6 +16,7 @@
 #include <memory>
 #include <vector>
 
+#include "bench/must_succeed.h"
 #include "host/cli/service/history_store.h"
 #include "host/cli/service/ipfix_sink.h"
 #include "host/services/service_locator.h"
@@ -29,7 +30,7 @@
 #include "tests/fakes/fake_nflog_listener_factory.h"
 #include "tests/fakes/fake_startup_data_provider.h"
 #include "tests/fakes/fake_timer.h"
-#include "tests/network_traffic_interceptor/nflog_message.h"
+#include "tests/support/nflog_message.h"
 
 namespace {
 
@@ -43,15 +44,15 @@ using qor::object::ImplPtr;
 // only failures through, as in production.
 struct Host {
     Host() {
-        locator->Register(qor::ITracer::IID, tracer.Get());
-        locator->Register(dwi::firewall::IDynamicRules::IID, firewall.Get());
-        locator->Register(dwi::firewall::INflogListenerFactory::IID, factory.Get());
-        locator->Register(app_core::component::IKeyValueStorage::IID, storage.Get());
-        locator->Register(qor::ITimer::IID, timer.Get());
-        locator->Register(qor::IMetaInfoProvider::IID,
-                          static_cast<qor::IMetaInfoProvider*>(registry.Get()));
-        locator->Register(dwi::firewall::IIptablesInfoProvider::IID, iptables.Get());
-        locator->Register(dwi::firewall::IStartupDataProvider::IID, startup.Get());
+        locator->Add(qor::ITracer::IID, tracer.Get());
+        locator->Add(dwi::firewall::IDynamicRules::IID, firewall.Get());
+        locator->Add(dwi::firewall::INflogListenerFactory::IID, factory.Get());
+        locator->Add(app_core::component::IKeyValueStorage::IID, storage.Get());
+        locator->Add(qor::ITimer::IID, timer.Get());
+        locator->Add(qor::IMetaInfoProvider::IID,
+                     static_cast<qor::IMetaInfoProvider*>(registry.Get()));
+        locator->Add(dwi::firewall::IIptablesInfoProvider::IID, iptables.Get());
+        locator->Add(dwi::firewall::IStartupDataProvider::IID, startup.Get());
     }
 
     ImplPtr<nti::host::ServiceLocator> locator = Create<nti::host::ServiceLocator>();
@@ -129,7 +130,7 @@ void BM_TakeStats(benchmark::State& state) {
         Feed(listener, messages);
         ConnectionMap snapshot;
         const auto start = std::chrono::steady_clock::now();
-        collector->TakeStats(snapshot);
+        nti::bench::MustSucceed(collector->TakeStats(snapshot), "TakeStats");
         const auto stop = std::chrono::steady_clock::now();
         state.SetIterationTime(std::chrono::duration<double>(stop - start).count());
         benchmark::DoNotOptimize(snapshot.size());
@@ -146,8 +147,10 @@ void BM_Harvest100kIntoFourCollectors(benchmark::State& state) {
         dwi::network_interceptor::NetworkInventory(
             [](std::vector<dwi::network::NetworkInterface>&) { return qor::result_t{0}; }));
     for (std::uint32_t id = 1; id <= 4; ++id) {
-        service->RegisterCollector(
-            id, system_interceptors::net::statistics::PeriodAlignment::EpochStartDate, 60000);
+        nti::bench::MustSucceed(
+            service->RegisterCollector(
+                id, system_interceptors::net::statistics::PeriodAlignment::EpochStartDate, 60000),
+            "RegisterCollector");
     }
     qor::IRunnable* first = host.timer->Scheduled()[0].runnable.Get();
     const auto messages = ConnectionMessages(100000);
@@ -159,7 +162,7 @@ void BM_Harvest100kIntoFourCollectors(benchmark::State& state) {
         state.ResumeTiming();
         host.timer->Fire(first);
         state.PauseTiming();
-        service->ReadCounters(1, intervals);
+        nti::bench::MustSucceed(service->ReadCounters(1, intervals), "ReadCounters");
         intervals.clear();
         state.ResumeTiming();
     }
@@ -221,8 +224,10 @@ void BM_Harvest100kIntoSinks(benchmark::State& state) {
         host.locator.Get(), host.tracer.Get(),
         dwi::network_interceptor::NetworkInventory(
             [](std::vector<dwi::network::NetworkInterface>&) { return qor::result_t{0}; }));
-    service->RegisterCollector(
-        1, system_interceptors::net::statistics::PeriodAlignment::EpochStartDate, 60000);
+    nti::bench::MustSucceed(
+        service->RegisterCollector(
+            1, system_interceptors::net::statistics::PeriodAlignment::EpochStartDate, 60000),
+        "RegisterCollector");
     qor::IRunnable* timer = host.timer->Scheduled()[0].runnable.Get();
     const auto messages = ConnectionMessages(100000);
     auto& listener = *host.factory->Listener();
@@ -234,7 +239,7 @@ void BM_Harvest100kIntoSinks(benchmark::State& state) {
         intervals.clear();
         state.ResumeTiming();
         host.timer->Fire(timer);
-        service->ReadCounters(1, intervals);
+        nti::bench::MustSucceed(service->ReadCounters(1, intervals), "ReadCounters");
         for (const auto& interval : intervals) {
             connections = interval.counters.size();
             for (const auto& sink : sinks) {
@@ -269,7 +274,7 @@ void BM_MemoryPerConnection(benchmark::State& state) {
     double perConnection = 0;
     for (auto _ : state) {
         ConnectionMap drained;
-        collector->TakeStats(drained);
+        nti::bench::MustSucceed(collector->TakeStats(drained), "TakeStats");
         drained = ConnectionMap();
         const std::size_t before = mallinfo2().uordblks;
         Feed(listener, messages);

@@ -47,8 +47,9 @@ bool Failed(qor::ITracer* tracer, qor::SourceLocation where, std::string_view ca
 // MakeIo runs `create`, the construction of a memory IO, tracing a failure
 // code as the call `call` and an exception as a failed construction.
 template <class Create>
-qor::result_t MakeIo(qor::ITracer* tracer, qor::SourceLocation where, std::string_view call,
-                     std::string_view message, Create&& create) noexcept {
+[[nodiscard]] qor::result_t MakeIo(qor::ITracer* tracer, qor::SourceLocation where,
+                                   std::string_view call, std::string_view message,
+                                   Create&& create) noexcept {
     qor::result_t result = qor::errors::kOk;
     try {
         result = create();
@@ -68,8 +69,9 @@ struct StorageSession {
 
 // OpenSession opens the storage an IO holds, or starts one whose root is
 // named "root" when the IO is empty, and obtains the storage serialiser.
-qor::result_t OpenSession(qor::ITracer* tracer, qor::IServiceLocator* sl, qor::IIo* io,
-                          std::uint32_t readOnly, StorageSession& session) {
+[[nodiscard]] qor::result_t OpenSession(qor::ITracer* tracer, qor::IServiceLocator* sl,
+                                        qor::IIo* io, std::uint32_t readOnly,
+                                        StorageSession& session) {
     qor::RefPtr<qor::IStorageFactory> factory;
     qor::result_t result = qor::GetInterface(sl, factory.Ref());
     if (Failed(tracer, QOR_HERE, "qor::GetInterface(sl, factory.Ref())", result,

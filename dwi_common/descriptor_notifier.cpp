@@ -60,7 +60,7 @@ enum class OnAgain { kRetry, kSucceed, kFail };
 // Transfer repeats one read or write until it moves data or fails for good.
 // A transfer of 0 bytes is a failure with whatever errno holds.
 template <class Io>
-qor::result_t Transfer(Io io, OnAgain onAgain) noexcept {
+[[nodiscard]] qor::result_t Transfer(Io io, OnAgain onAgain) noexcept {
     for (;;) {
         if (io() > 0) {
             return qor::errors::kOk;

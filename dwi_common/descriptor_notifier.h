@@ -60,10 +60,10 @@ public:
     int GetDescriptor() const noexcept { return m_fds[0]; }
     // Notify adds one to the counter. A full counter is waited out by
     // retrying, as is EINTR; other errno values are returned as result codes.
-    qor::result_t Notify() noexcept;
+    [[nodiscard]] qor::result_t Notify() noexcept;
     // Reset drains the counter. 0 also when nothing was pending (EAGAIN);
     // EINTR retries; other errno values are returned as result codes.
-    qor::result_t Reset() noexcept;
+    [[nodiscard]] qor::result_t Reset() noexcept;
 };
 
 // PipeDescriptorNotifier wakes through one byte per Notify in an anonymous
@@ -85,10 +85,10 @@ public:
     int Descriptor(Pipe which) const noexcept { return m_fds[which]; }
     // Notify writes one byte; EINTR retries, every other errno (EAGAIN
     // included) is returned as a result code.
-    qor::result_t Notify() noexcept;
+    [[nodiscard]] qor::result_t Notify() noexcept;
     // Reset reads one byte. 0 also when nothing was pending (EAGAIN); EINTR
     // retries; other errno values are returned as result codes.
-    qor::result_t Reset() noexcept;
+    [[nodiscard]] qor::result_t Reset() noexcept;
 
     // SetFlags ORs `flags` into the file-status flags (F_SETFL) of one end;
     // the kernel ignores O_CLOEXEC there. Throws DescriptorNotifierError
@@ -117,9 +117,9 @@ public:
     // GetDescriptor is the descriptor to poll for POLLIN.
     int GetDescriptor() const noexcept;
     // Notify wakes the polling side. Returns 0 or the errno's result code.
-    qor::result_t Notify() noexcept;
+    [[nodiscard]] qor::result_t Notify() noexcept;
     // Reset consumes a wake-up; 0 also when nothing was pending.
-    qor::result_t Reset() noexcept;
+    [[nodiscard]] qor::result_t Reset() noexcept;
 
 private:
     // The active member follows detail::EventFdAvailable().

@@ -164,14 +164,14 @@ int MnlParser::HandleMessage(const nlmsghdr* nlh) const noexcept {
         Table table(m_tableMax + 1, nullptr);
         const auto* first =
             static_cast<const char*>(mnl_nlmsg_get_payload_offset(nlh, sizeof(nfgenmsg)));
-        AttributeWalk walk{this, table.data(), first,
-                           reinterpret_cast<const char*>(nlh) + nlh->nlmsg_len};
+        AttributeWalk state{this, table.data(), first,
+                            reinterpret_cast<const char*>(nlh) + nlh->nlmsg_len};
         // libmnl's walk stops quietly at an attribute that overruns the
         // message, lets the last one run into the message's padding, and
         // reads a header from stray bytes at the end. Such a message is
         // broken, not short: the attributes must fill it exactly, and the
         // walk stops before libmnl would read past the message.
-        if (first > walk.end || !NextHeaderFits(first, walk.end) ||
+        if (first > state.end || !NextHeaderFits(first, state.end) ||
             mnl_attr_parse(
                 nlh, sizeof(nfgenmsg),
                 [](const nlattr* attr, void* data) noexcept {
@@ -183,8 +183,8 @@ int MnlParser::HandleMessage(const nlmsghdr* nlh) const noexcept {
                     }
                     return walk->parser->StoreAttribute(walk->table, attr);
                 },
-                &walk) != MNL_CB_OK ||
-            walk.next < walk.end) {
+                &state) != MNL_CB_OK ||
+            state.next < state.end) {
             DWI_BOOL_RECORD(m_tracer, qor::trace_level::kError, QOR_HERE, kAttributeParseCondition)
                 << "Cannot process MNL packet";
             return MNL_CB_ERROR;

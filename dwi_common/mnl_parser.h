@@ -38,7 +38,8 @@ public:
     // errno set for libmnl's own failures, such as an NLMSG_ERROR message or a
     // sequence or port mismatch. A message that the end of the buffer cuts
     // short ends the walk quietly, as libmnl does. Never throws.
-    int Parse(const void* buf, std::size_t numBytes, unsigned int seq, unsigned int portId) const;
+    [[nodiscard]] int Parse(const void* buf, std::size_t numBytes, unsigned int seq,
+                            unsigned int portId) const;
 
     // ParseAttribute is the per-attribute step (libmnl callback convention):
     // stores `attr` in `table` by type unless its type is above the maximum

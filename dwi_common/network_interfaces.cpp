@@ -18,24 +18,32 @@
 #include <set>
 #include <string_view>
 
+#include "dwi_common/mnl_socket.h"
+
 namespace dwi::network {
 namespace {
 
+// At is the T at `offset` bytes past `base`: what rtnetlink's RTNH_DATA and
+// RTNH_NEXT compute, without their casts from char* that clang reports as
+// raising the alignment (the kernel aligns these records to 4).
+template <class T>
+const T* At(const void* base, std::size_t offset) {
+    return static_cast<const T*>(static_cast<const void*>(static_cast<const char*>(base) + offset));
+}
+
 using Address = std::array<std::uint8_t, 16>;
 
-struct MnlSocketClose {
-    void operator()(mnl_socket* s) const { mnl_socket_close(s); }
-};
-using MnlSocketPtr = std::unique_ptr<mnl_socket, MnlSocketClose>;
+using MnlSocketPtr = dwi::tools::MnlSocket;
 
 using MessageHandler = std::function<void(const nlmsghdr*)>;
 
 // Dump sends one NLM_F_DUMP request with a zeroed family header of
 // `headerSize` bytes (its first byte is the family) and hands every answer
 // to `handler`.
-qor::result_t Dump(mnl_socket* socket, std::uint16_t type, std::uint8_t family,
-                   std::size_t headerSize, std::uint32_t seq, const MessageHandler& handler) {
-    std::vector<char> buffer(32 * 1024);  // what the kernel fills per dump read
+[[nodiscard]] qor::result_t Dump(mnl_socket* socket, std::uint16_t type, std::uint8_t family,
+                                 std::size_t headerSize, std::uint32_t seq,
+                                 const MessageHandler& handler) {
+    std::vector<char> buffer(std::size_t{32} * 1024);  // what the kernel fills per dump read
     nlmsghdr* request = mnl_nlmsg_put_header(buffer.data());
     request->nlmsg_type = type;
     request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
@@ -253,7 +261,7 @@ void OnRoute(const nlmsghdr* message, GatewayMap& gateways) {
         const auto* hop = static_cast<const rtnexthop*>(mnl_attr_get_payload(multipath));
         while (remaining >= static_cast<int>(sizeof(rtnexthop)) &&
                hop->rtnh_len >= sizeof(rtnexthop) && hop->rtnh_len <= remaining) {
-            const auto* a = reinterpret_cast<const nlattr*>(RTNH_DATA(hop));
+            const auto* a = At<nlattr>(hop, RTNH_LENGTH(0));
             int left = hop->rtnh_len - static_cast<int>(RTNH_LENGTH(0));
             while (mnl_attr_ok(a, left)) {
                 if (mnl_attr_get_type(a) == RTA_GATEWAY) {
@@ -264,7 +272,7 @@ void OnRoute(const nlmsghdr* message, GatewayMap& gateways) {
                 a = mnl_attr_next(a);
             }
             remaining -= static_cast<int>(RTNH_ALIGN(hop->rtnh_len));
-            hop = RTNH_NEXT(hop);
+            hop = At<rtnexthop>(hop, RTNH_ALIGN(hop->rtnh_len));
         }
     }
 }
@@ -296,7 +304,7 @@ void OnNeighbour(const nlmsghdr* message, NeighbourMap& neighbours) {
 
 }  // namespace
 
-qor::result_t GetNetworkInterfaces(std::vector<NetworkInterface>& out) {
+[[nodiscard]] qor::result_t GetNetworkInterfaces(std::vector<NetworkInterface>& out) {
     try {
         MnlSocketPtr socket(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
         if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {

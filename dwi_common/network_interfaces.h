@@ -34,6 +34,6 @@ struct NetworkInterface {
 // GetNetworkInterfaces lists the interfaces of the calling thread's network
 // namespace with their default gateways (a NETLINK_ROUTE dump restricted to
 // the main table). Returns 0, or a failure code and leaves `out` untouched.
-qor::result_t GetNetworkInterfaces(std::vector<NetworkInterface>& out);
+[[nodiscard]] qor::result_t GetNetworkInterfaces(std::vector<NetworkInterface>& out);
 
 }  // namespace dwi::network

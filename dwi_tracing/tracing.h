@@ -22,13 +22,14 @@ public:
 
     PrefixTracer(ITracer* tracer, std::string_view name);
 
-    result_t BeginRecord(std::uint32_t level, std::uint32_t* position,
-                         TraceBuffer* buffer) noexcept override;
-    result_t CommitRecord(TraceBuffer* buffer, std::uint32_t length) noexcept override;
+    [[nodiscard]] result_t BeginRecord(std::uint32_t level, std::uint32_t* position,
+                                       TraceBuffer* buffer) noexcept override;
+    [[nodiscard]] result_t CommitRecord(TraceBuffer* buffer,
+                                        std::uint32_t length) noexcept override;
     std::uint32_t GetMaxLevel() noexcept override { return m_maxLevel; }
 
-    result_t GetPrefix(const char** prefix, std::uint32_t* length) noexcept override;
-    result_t GetBaseTracer(ITracer** out) noexcept override;
+    [[nodiscard]] result_t GetPrefix(const char** prefix, std::uint32_t* length) noexcept override;
+    [[nodiscard]] result_t GetBaseTracer(ITracer** out) noexcept override;
 
     std::string_view Prefix() const noexcept { return m_prefix; }
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/fakes/nfqueue_message.h"
+#include "tests/support/nfqueue_message.h"
 
 namespace {
 

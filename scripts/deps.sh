@@ -2,7 +2,7 @@
 # Sourced by demo.sh and test.sh.
 NTI_PACKAGES=(
   build-essential cmake ninja-build pkg-config git
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format clang-tidy
   libmnl-dev libboost-dev libcli11-dev libsqlite3-dev libcbor-dev libsystemd-dev
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev libnetfilter-queue-dev libnftables-dev
   libfixbuf-dev nfdump systemd

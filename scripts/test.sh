@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds the release and asan presets and runs every
-# test of both with ctest, then fuzzes every libFuzzer target for a while.
+# Installs what is missing, checks the sources' format, builds the release and
+# asan presets and runs every test of both with ctest, checks the product
+# sources with clang-tidy, then fuzzes every libFuzzer target for a while.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
 nti_install_deps
 jobs=$(nproc)
+echo "== format"
+bash scripts/lint.sh format
 for preset in release asan; do
   echo "== $preset"
   cmake --preset "$preset" >/dev/null
@@ -16,6 +19,10 @@ for preset in release asan; do
     ctest --preset "$preset" -j "$jobs" -LE '^(package|fresh)$'
   else
     ctest --preset "$preset" -j "$jobs" -LE '^fresh$'
+  fi
+  if [ "$preset" = release ]; then
+    echo "== tidy"
+    bash scripts/lint.sh tidy build/release
   fi
 done
 echo "== fuzz"

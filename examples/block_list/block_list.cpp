@@ -47,7 +47,8 @@ class BlockList : public qor::object::Ifaces<IPacketEventCallback> {
 public:
     BlockList(std::vector<Endpoint> list, bool json) : m_list(std::move(list)), m_json(json) {}
 
-    qor::result_t OnPacketReceived(Packet& packet, Verdict& verdict) noexcept override {
+    [[nodiscard]] qor::result_t OnPacketReceived(Packet& packet,
+                                                 Verdict& verdict) noexcept override {
         const auto flow = ParseFlow(packet.payloadBegin, packet.payloadEnd);
         if (!flow) {
             return qor::errors::kOk;

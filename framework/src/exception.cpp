@@ -167,7 +167,7 @@ namespace {
 
 // CodeFromRootProperties applies the property rules to an exception of the
 // root class that is not an Exception.
-result_t CodeFromRootProperties(const exception& e) {
+[[nodiscard]] result_t CodeFromRootProperties(const exception& e) {
     if (const auto* v = e.FindProperty(kPropResult)) {
         if (const auto* r = std::get_if<ResultValue>(v)) {
             return r->value;
@@ -230,7 +230,8 @@ Classified Classify() {
 
 }  // namespace
 
-result_t CurrentExceptionToResult(ITracer* tracer, std::string_view context) noexcept {
+[[nodiscard]] result_t CurrentExceptionToResult(ITracer* tracer,
+                                                std::string_view context) noexcept {
     // Any exception while classifying or tracing ends in std::terminate via
     // noexcept: a conversion must never fail silently.
     Classified c = Classify();

@@ -10,7 +10,7 @@ namespace qor::memory_io::detail {
 namespace {
 
 // Resize keeps the first bytes of `data` and zero-fills what it adds.
-result_t Resize(ByteVector& data, std::size_t size) noexcept {
+[[nodiscard]] result_t Resize(ByteVector& data, std::size_t size) noexcept {
     try {
         std::vector<std::uint8_t> copy(data.begin(), data.end());
         copy.resize(size);

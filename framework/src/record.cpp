@@ -27,7 +27,8 @@ TraceRecord::TraceRecord(ITracer* tracer, std::uint32_t level) noexcept : m_trac
 
 TraceRecord::~TraceRecord() {
     if (m_accepted) {
-        m_tracer->CommitRecord(&m_buf, m_buf.size);
+        // A destructor has nowhere to report a record the tracer refused.
+        static_cast<void>(m_tracer->CommitRecord(&m_buf, m_buf.size));
     }
     if (m_buf.data != m_inline) {
         std::free(m_buf.data);
@@ -151,8 +152,10 @@ TraceRecord& TraceRecord::WriteDouble(double value) noexcept {
         return *this;
     }
     char buf[512];
-    const char* format = (m_flags & kScientific) != 0 ? "%*.*e" : "%*.*f";
-    const int n = std::snprintf(buf, sizeof(buf), format, m_width, m_precision, value);
+    // Two literal formats, so that the compiler checks the arguments of each.
+    const int n = (m_flags & kScientific) != 0
+                      ? std::snprintf(buf, sizeof(buf), "%*.*e", m_width, m_precision, value)
+                      : std::snprintf(buf, sizeof(buf), "%*.*f", m_width, m_precision, value);
     m_width = 0;
     if (n > 0) {
         Write(std::string_view(

@@ -153,7 +153,7 @@ std::string FormatResult(result_t code) {
     return out;
 }
 
-result_t ErrnoToResult(int error) noexcept {
+[[nodiscard]] result_t ErrnoToResult(int error) noexcept {
     const auto value = static_cast<std::uint32_t>(error);
     switch (value) {
         case 0:

@@ -30,8 +30,7 @@ nti::host::ManSections NtiManSections() {
         "reports.";
     s.examples = {
         "nti intercept --direction in --proto udp --local-port 53 --count 10",
-        "nti intercept --direction out --proto tcp --remote-port 443 --verdict drop "
-        "--duration 30s --json",
+        "nti intercept --direction out --proto tcp --remote-port 443 --verdict drop --json",
         "nti stats --period 10s --proto tcp --addr 198.18.0.0/15",
         "nti stats --period 1m --json --state-dir /tmp/nti-state",
         "nti demo",
@@ -41,9 +40,7 @@ nti::host::ManSections NtiManSections() {
     return s;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunNti(int argc, char** argv) {
     using namespace nti::host;
     CLI::App app{
         "nti - load the network traffic interceptor module and use it on this machine:\n"
@@ -142,4 +139,19 @@ int main(int argc, char** argv) {
         return kExitFailure;
     }
     return kExitUsage;
+}
+
+}  // namespace
+
+// An exception while nti sets itself up ends it with the failure status and
+// a message, not with std::terminate's abort.
+int main(int argc, char** argv) {
+    try {
+        return RunNti(argc, argv);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "nti: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "nti: unknown exception\n");
+    }
+    return nti::host::kExitFailure;
 }

@@ -25,7 +25,7 @@ class Encoder {
 public:
     explicit Encoder(cbor::Writer& out) : m_out(out) {}
 
-    result_t Value(const TypeDescriptor& type, const void* object, int depth) {
+    [[nodiscard]] result_t Value(const TypeDescriptor& type, const void* object, int depth) {
         if (depth > BinarySerializer::kMaxDepth) {
             return errors::kInvalidType;
         }
@@ -80,7 +80,7 @@ public:
     }
 
 private:
-    result_t Struct(const TypeDescriptor& type, const void* object, int depth) {
+    [[nodiscard]] result_t Struct(const TypeDescriptor& type, const void* object, int depth) {
         if (!meta_shape::IsValidStruct(type)) {
             return errors::kInvalidType;
         }
@@ -96,7 +96,7 @@ private:
         return errors::kOk;
     }
 
-    result_t Vector(const TypeDescriptor& type, const void* object, int depth) {
+    [[nodiscard]] result_t Vector(const TypeDescriptor& type, const void* object, int depth) {
         if (type.vectorOps == nullptr || type.element == nullptr) {
             return errors::kInvalidType;
         }
@@ -119,7 +119,7 @@ class Decoder {
 public:
     explicit Decoder(cbor::Reader& in) : m_in(in) {}
 
-    result_t Value(const TypeDescriptor& type, void* object, int depth) {
+    [[nodiscard]] result_t Value(const TypeDescriptor& type, void* object, int depth) {
         if (depth > BinarySerializer::kMaxDepth) {
             return errors::kInvalidType;
         }
@@ -172,7 +172,7 @@ public:
     }
 
 private:
-    result_t Struct(const TypeDescriptor& type, void* object, int depth) {
+    [[nodiscard]] result_t Struct(const TypeDescriptor& type, void* object, int depth) {
         if (!meta_shape::IsValidStruct(type)) {
             return errors::kInvalidType;
         }
@@ -201,7 +201,7 @@ private:
         return errors::kOk;
     }
 
-    result_t Vector(const TypeDescriptor& type, void* object, int depth) {
+    [[nodiscard]] result_t Vector(const TypeDescriptor& type, void* object, int depth) {
         if (type.vectorOps == nullptr || type.element == nullptr) {
             return errors::kInvalidType;
         }
@@ -233,7 +233,7 @@ private:
         return errors::kOk;
     }
 
-    result_t Optional(const TypeDescriptor& type, void* object, int depth) {
+    [[nodiscard]] result_t Optional(const TypeDescriptor& type, void* object, int depth) {
         if (type.optionalOps == nullptr || type.element == nullptr) {
             return errors::kInvalidType;
         }

@@ -25,12 +25,13 @@ public:
     static constexpr int kMaxDepth = 32;
 
     // Serialize supports mode 0 only (0x80000042 otherwise).
-    qor::result_t Serialize(const qor::AnyRef& data, qor::IAllocator* alloc, void** ptr,
-                            std::size_t* len, std::uint32_t mode) noexcept override;
+    [[nodiscard]] qor::result_t Serialize(const qor::AnyRef& data, qor::IAllocator* alloc,
+                                          void** ptr, std::size_t* len,
+                                          std::uint32_t mode) noexcept override;
     // Deserialize fills `data` from `blob`; on failure the object keeps what
     // was read up to the fault.
-    qor::result_t Deserialize(const void* blob, const qor::AnyRef& data, std::size_t len,
-                              std::uint32_t mode) noexcept override;
+    [[nodiscard]] qor::result_t Deserialize(const void* blob, const qor::AnyRef& data,
+                                            std::size_t len, std::uint32_t mode) noexcept override;
 };
 
 }  // namespace nti::host

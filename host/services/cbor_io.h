@@ -57,13 +57,13 @@ public:
 
     // Next reads one item: 0x8000005C when the input ends inside it,
     // 0x8000005D when it is malformed.
-    qor::result_t Next(Item& item) noexcept;
+    [[nodiscard]] qor::result_t Next(Item& item) noexcept;
     // Expect is Next that also demands `type` (0x8000005D otherwise).
-    qor::result_t Expect(Item::Type type, Item& item) noexcept;
+    [[nodiscard]] qor::result_t Expect(Item::Type type, Item& item) noexcept;
     // ExpectHeader reads what Writer::Header writes: 0x8000005A for another
     // count or format, 0x8000005B for another version.
-    qor::result_t ExpectHeader(std::size_t count, std::string_view format,
-                               std::uint64_t version) noexcept;
+    [[nodiscard]] qor::result_t ExpectHeader(std::size_t count, std::string_view format,
+                                             std::uint64_t version) noexcept;
     // SkipNull consumes a null item and tells whether there was one.
     bool SkipNull() noexcept;
 

@@ -16,7 +16,8 @@
 namespace nti::host {
 
 HostContext::~HostContext() {
-    Shutdown();
+    // A module that cannot unload yet stays mapped until the process ends.
+    static_cast<void>(Shutdown());
 }
 
 FirewallChoice ChooseFirewall(const std::string& wanted, bool queues) {
@@ -66,27 +67,27 @@ void HostContext::RegisterServices(const CommonOptions& options) {
     } else {
         m_tracer = OpenFileTracer(options.traceFile, options.traceLevel);
     }
-    m_locator->Register(m_tracer.Get());
+    m_locator->Add(m_tracer.Get());
     m_timer = qor::object::Create<Timer>();
-    m_locator->Register<qor::ITimer>(m_timer.Get());
-    m_locator->Register<dwi::firewall::INflogListenerFactory>(
+    m_locator->Add<qor::ITimer>(m_timer.Get());
+    m_locator->Add<dwi::firewall::INflogListenerFactory>(
         qor::object::Create<NflogListenerFactory>(m_tracer.Get()).Get());
-    m_locator->Register<dwi::firewall::IIptablesInfoProvider>(
+    m_locator->Add<dwi::firewall::IIptablesInfoProvider>(
         qor::object::Create<IptablesInfoProvider>(options.ip6tables).Get());
-    m_locator->Register<dwi::firewall::IStartupDataProvider>(
+    m_locator->Add<dwi::firewall::IStartupDataProvider>(
         qor::object::Create<StartupDataProvider>(
             dwi::firewall::StartupData{options.nflogBypassMark})
             .Get());
-    m_locator->Register<qor::IAllocator>(qor::object::Create<MallocAllocator>().Get());
-    m_locator->Register<qor::IBinarySerializer>(qor::object::Create<BinarySerializer>().Get());
+    m_locator->Add<qor::IAllocator>(qor::object::Create<MallocAllocator>().Get());
+    m_locator->Add<qor::IBinarySerializer>(qor::object::Create<BinarySerializer>().Get());
     // The database is opened on first use.
-    m_locator->Register<app_core::component::IKeyValueStorage>(
+    m_locator->Add<app_core::component::IKeyValueStorage>(
         qor::object::Create<SqliteKeyValueStorage>(options.stateDir.empty() ? DefaultStateDir()
                                                                             : options.stateDir)
             .Get());
     // Answers the module's types once it is loaded and attached.
     m_metaInfo = qor::object::Create<MetaInfoProvider>();
-    m_locator->Register<qor::IMetaInfoProvider>(m_metaInfo.Get());
+    m_locator->Add<qor::IMetaInfoProvider>(m_metaInfo.Get());
 }
 
 qor::result_t HostContext::StartFirewall(const FirewallSettings& settings) {
@@ -112,8 +113,8 @@ qor::result_t HostContext::StartFirewall(const FirewallSettings& settings) {
         }
         m_queues = qor::object::Create<NfqueueQuery>(settings.queueFirst, settings.queueLast);
         m_firewall = std::move(firewall);
-        m_locator->Register(m_queues.Get());
-        m_locator->Register(m_firewall.Get());
+        m_locator->Add(m_queues.Get());
+        m_locator->Add(m_firewall.Get());
         return qor::errors::kOk;
     } catch (const std::exception& e) {
         m_error = e.what();

@@ -63,12 +63,12 @@ public:
 
     // Open registers the tracer and the host services (RegisterServices) and
     // loads the module. Returns 0 or a failure code with a message in Error().
-    qor::result_t Open(const CommonOptions& options);
+    [[nodiscard]] qor::result_t Open(const CommonOptions& options);
 
     // StartFirewall creates the queue number and firewall rules services,
     // removes the rules that ended runs left behind and registers both in
     // the locator. Returns 0 or a failure code with a message in Error().
-    qor::result_t StartFirewall(const FirewallSettings& settings);
+    [[nodiscard]] qor::result_t StartFirewall(const FirewallSettings& settings);
     // The services StartFirewall made; null before it.
     NfqueueQuery* Queues() { return m_queues.Get(); }
     RulesService* Firewall() { return m_firewall.Get(); }
@@ -79,12 +79,12 @@ public:
     const std::string& Error() const { return m_error; }
 
     // CreateObject creates class `clsid` of the module through the locator.
-    qor::result_t CreateObject(std::uint32_t clsid, qor::IObject** out);
+    [[nodiscard]] qor::result_t CreateObject(std::uint32_t clsid, qor::IObject** out);
 
     // Shutdown drops the services, stops the timer thread and unloads the
     // module if it allows.
     // Returns the module's unload answer (0 unloaded, 1 objects still live).
-    qor::result_t Shutdown();
+    [[nodiscard]] qor::result_t Shutdown();
 
 private:
     // RegisterServices puts the tracer and every host service the module finds

@@ -21,7 +21,7 @@ class IptablesInfoProvider : public qor::object::Ifaces<dwi::firewall::IIptables
 public:
     explicit IptablesInfoProvider(std::optional<bool> ip6tables = std::nullopt)
         : m_ip6tables(ip6tables) {}
-    qor::result_t GetIptablesInfo(std::uint32_t* info) noexcept override;
+    [[nodiscard]] qor::result_t GetIptablesInfo(std::uint32_t* info) noexcept override;
 
 private:
     std::once_flag m_detected;

@@ -40,7 +40,9 @@ IptablesRules::~IptablesRules() {
 
 void IptablesRules::RemoveEverything() {
     if (!m_installed.empty()) {
-        DeleteInstalled(m_installed);
+        // Restore traces each failure; the rules are forgotten either way, as
+        // nothing better can be done with them on the way out.
+        static_cast<void>(DeleteInstalled(m_installed));
         m_installed.clear();
     }
     RemoveUnusedChains();
@@ -163,7 +165,8 @@ qor::result_t IptablesRules::Install(const dwi::firewall::Rules& rules, const ch
                     undo.push_back(DeleteCommand(*entry.v4));
                 }
             }
-            Restore(IpFamily::kIpv4, undo);
+            // Best effort: Restore traces a failed undo; `r` is what failed first.
+            static_cast<void>(Restore(IpFamily::kIpv4, undo));
             return r;
         }
         m_installed.insert(m_installed.end(), std::make_move_iterator(added.begin()),

@@ -37,17 +37,18 @@ struct FirewallOptions {
 class IptablesRules : public RulesService {
 public:
     IptablesRules(FirewallOptions options, qor::RefPtr<qor::ITracer> tracer);
-    ~IptablesRules();
+    ~IptablesRules() override;
 
     const char* BackendName() const noexcept override { return "iptables"; }
     // Initialize creates the chains and jumps in both families and deletes
     // the rules left behind by runs that have ended.
     [[nodiscard]] qor::result_t Initialize() override;
 
-    qor::result_t Install(const dwi::firewall::Rules& rules, const char* tag) noexcept override;
+    [[nodiscard]] qor::result_t Install(const dwi::firewall::Rules& rules,
+                                        const char* tag) noexcept override;
     // RemoveRules: 1 when some record was not installed (the others are
     // removed), 0x8000004B when a rule could not be deleted.
-    qor::result_t RemoveRules(const dwi::firewall::Rules& rules) noexcept override;
+    [[nodiscard]] qor::result_t RemoveRules(const dwi::firewall::Rules& rules) noexcept override;
 
     std::size_t InstalledCount() const override;
 
@@ -59,11 +60,11 @@ private:
         std::optional<RuleText> v6;
     };
 
-    qor::result_t Restore(IpFamily family, const std::vector<std::string>& commands);
-    qor::result_t SetUpChains();
+    [[nodiscard]] qor::result_t Restore(IpFamily family, const std::vector<std::string>& commands);
+    [[nodiscard]] qor::result_t SetUpChains();
     void RemoveUnusedChains();
     void RemoveEverything();
-    qor::result_t DeleteInstalled(const std::vector<Installed>& gone);
+    [[nodiscard]] qor::result_t DeleteInstalled(const std::vector<Installed>& gone);
 
     FirewallOptions m_options;
     qor::RefPtr<qor::ITracer> m_tracer;

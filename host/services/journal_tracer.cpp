@@ -62,7 +62,9 @@ qor::result_t JournalTracer::Write(std::uint32_t level, std::string_view text) {
         m_inFallback = true;
         const std::string notice = "journal unavailable (" + std::system_category().message(-sent) +
                                    "), traces go here until it takes entries again";
-        WriteAll(m_fallbackFd, FormatTraceLineNow(qor::trace_level::kWarning, notice));
+        // The trace line below reports the same descriptor failing.
+        static_cast<void>(
+            WriteAll(m_fallbackFd, FormatTraceLineNow(qor::trace_level::kWarning, notice)));
     }
     return WriteAll(m_fallbackFd, FormatTraceLineNow(level, text));
 }

@@ -42,7 +42,7 @@ public:
     JournalTracer& operator=(const JournalTracer&) = delete;
 
 protected:
-    qor::result_t Write(std::uint32_t level, std::string_view text) override;
+    [[nodiscard]] qor::result_t Write(std::uint32_t level, std::string_view text) override;
 
 private:
     int m_fallbackFd;

@@ -5,11 +5,14 @@
 #include <cstdio>
 #include <ctime>
 
-#include "host/services/ip_protocol.h"
+#include "dwi_common/ip_protocol.h"
+#include "dwi_common/ip_text.h"
+#include "dwi_common/ticks.h"
 #include "host/services/packet_summary.h"
 
 namespace nti::host {
 
+using dwi::network::ProtocolName;
 using dwi::network_interceptor::Packet;
 using dwi::network_interceptor::Verdict;
 using system_interceptors::net::statistics::ConnectionCounter;
@@ -18,8 +21,7 @@ using system_interceptors::net::statistics::ip_t;
 
 namespace {
 
-constexpr std::uint64_t kTicksPerSecond = 10'000'000;
-constexpr std::uint64_t kUnixEpochTicks = 116'444'736'000'000'000;  // 1601 -> 1970
+using dwi::ticks::kTicksPerSecond;
 
 std::string UtcText(std::time_t seconds, unsigned micros) {
     std::tm utc{};
@@ -51,13 +53,8 @@ void PutIf(JsonRecord& o, const char* name, const std::optional<T>& value, F&& r
 }  // namespace
 
 std::string IpText(const ip_t& ip) {
-    char text[INET6_ADDRSTRLEN] = {};
-    if (ip.family == 4) {
-        inet_ntop(AF_INET, ip.v4.bytes.data(), text, sizeof(text));
-    } else {
-        inet_ntop(AF_INET6, ip.v6.bytes.data(), text, sizeof(text));
-    }
-    return text;
+    return dwi::network::IpText(ip.family == 4 ? 4 : 6,
+                                ip.family == 4 ? ip.v4.bytes.data() : ip.v6.bytes.data());
 }
 
 std::string MacText(const qor::mac48_address_t& mac) {
@@ -69,7 +66,7 @@ std::string MacText(const qor::mac48_address_t& mac) {
 }
 
 std::string TicksToIso8601(std::uint64_t ticks) {
-    const std::uint64_t unixTicks = ticks >= kUnixEpochTicks ? ticks - kUnixEpochTicks : 0;
+    const std::uint64_t unixTicks = dwi::ticks::SinceUnixEpoch(ticks);
     return UtcText(static_cast<std::time_t>(unixTicks / kTicksPerSecond),
                    static_cast<unsigned>(unixTicks % kTicksPerSecond / 10));
 }

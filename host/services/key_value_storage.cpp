@@ -19,7 +19,7 @@ namespace {
 
 namespace errors = qor::errors;
 
-qor::result_t SqliteToResult(int code) noexcept {
+[[nodiscard]] qor::result_t SqliteToResult(int code) noexcept {
     switch (code & 0xFF) {
         case SQLITE_OK:
         case SQLITE_DONE:
@@ -56,8 +56,8 @@ struct StatementDeleter {
 using Statement = std::unique_ptr<sqlite3_stmt, StatementDeleter>;
 
 // Prepare makes a statement over `key`, bound as parameter 1.
-qor::result_t Prepare(sqlite3* db, const char* sql, const char* key,
-                      Statement& statement) noexcept {
+[[nodiscard]] qor::result_t Prepare(sqlite3* db, const char* sql, const char* key,
+                                    Statement& statement) noexcept {
     sqlite3_stmt* raw = nullptr;
     int code = sqlite3_prepare_v2(db, sql, -1, &raw, nullptr);
     statement.reset(raw);
@@ -99,12 +99,17 @@ std::string DefaultStateDir() {
     if (geteuid() == 0) {
         return "/var/lib/nti";
     }
+    // nti never changes its environment: reading it is safe from any thread.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     const char* xdg = std::getenv("XDG_STATE_HOME");
     if (xdg != nullptr && xdg[0] == '/') {
         return std::string(xdg) + "/nti";
     }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     const char* home = std::getenv("HOME");
     if (home == nullptr || home[0] != '/') {
+        // Called while the services are set up, before any other thread runs.
+        // NOLINTNEXTLINE(concurrency-mt-unsafe)
         const passwd* entry = getpwuid(geteuid());
         home = entry != nullptr ? entry->pw_dir : "/tmp";
     }

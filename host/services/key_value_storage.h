@@ -28,23 +28,24 @@ public:
     static constexpr const char* kFileName = "state.db";
 
     explicit SqliteKeyValueStorage(std::string stateDir);
-    ~SqliteKeyValueStorage();
+    ~SqliteKeyValueStorage() override;
     SqliteKeyValueStorage(const SqliteKeyValueStorage&) = delete;
     SqliteKeyValueStorage& operator=(const SqliteKeyValueStorage&) = delete;
 
-    qor::result_t GetValue(const char* key, qor::ByteVector& value) noexcept override;
-    qor::result_t SetValue(const char* key, const qor::ByteVector& value) noexcept override;
-    qor::result_t DeleteValue(const char* key) noexcept override;
+    [[nodiscard]] qor::result_t GetValue(const char* key, qor::ByteVector& value) noexcept override;
+    [[nodiscard]] qor::result_t SetValue(const char* key,
+                                         const qor::ByteVector& value) noexcept override;
+    [[nodiscard]] qor::result_t DeleteValue(const char* key) noexcept override;
 
     const std::string& Path() const noexcept { return m_path; }
 
 private:
     // Open opens the database once; the caller holds m_mutex.
-    qor::result_t Open() noexcept;
+    [[nodiscard]] qor::result_t Open() noexcept;
     // Run prepares `sql` with `key` bound as ?1 on the open database and
     // hands the statement to `use`, all under m_mutex.
     template <class F>
-    qor::result_t Run(const char* key, const char* sql, F&& use) noexcept;
+    [[nodiscard]] qor::result_t Run(const char* key, const char* sql, F&& use) noexcept;
 
     std::mutex m_mutex;
     std::string m_stateDir;

@@ -34,7 +34,8 @@ void MetaInfoProvider::AddAttachedModule() noexcept {
     std::lock_guard lock(m_attachMutex);
     if (const ModuleLoader* module = std::exchange(m_module, nullptr)) {
         try {
-            AddModule(*module, m_locator);
+            // Without the module's registry the lookup answers "Not found".
+            static_cast<void>(AddModule(*module, m_locator));
         } catch (...) {
             // The lookup then answers "Not found".
         }

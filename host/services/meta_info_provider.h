@@ -23,16 +23,17 @@ public:
     // The class id under which modules hand out their registry's factory.
     static constexpr std::uint32_t kRegistryFactoryClassId = 0x436294FA;
 
-    qor::result_t GetTypeInfo(std::uint32_t typeId,
-                              const qor::meta::TypeDescriptor** out) noexcept override;
+    [[nodiscard]] qor::result_t GetTypeInfo(
+        std::uint32_t typeId, const qor::meta::TypeDescriptor** out) noexcept override;
 
     // AddRegistry takes in the registry's top-level types. An id answered
     // already keeps its first descriptor.
-    qor::result_t AddRegistry(qor::IStructMetaInfoRegistry* registry);
+    [[nodiscard]] qor::result_t AddRegistry(qor::IStructMetaInfoRegistry* registry);
 
     // AddModule creates the registry of `module` through its factory
     // (kRegistryFactoryClassId) and adds it.
-    qor::result_t AddModule(const ModuleLoader& module, qor::IServiceLocator* locator);
+    [[nodiscard]] qor::result_t AddModule(const ModuleLoader& module,
+                                          qor::IServiceLocator* locator);
 
     // AttachModule defers AddModule(module, locator) to the first lookup of
     // an unknown id. Both must outlive the provider or DropRegistries.

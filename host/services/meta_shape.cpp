@@ -65,8 +65,8 @@ bool IsUnsigned(Kind kind) noexcept {
            kind == Kind::UInt64;
 }
 
-qor::result_t GetUnsigned(const TypeDescriptor& type, const void* object,
-                          std::uint64_t* value) noexcept {
+[[nodiscard]] qor::result_t GetUnsigned(const TypeDescriptor& type, const void* object,
+                                        std::uint64_t* value) noexcept {
     if (!IsUnsigned(type.kind) || type.size > sizeof(*value)) {
         return errors::kInvalidType;
     }
@@ -75,7 +75,8 @@ qor::result_t GetUnsigned(const TypeDescriptor& type, const void* object,
     return errors::kOk;
 }
 
-qor::result_t SetUnsigned(const TypeDescriptor& type, void* object, std::uint64_t value) noexcept {
+[[nodiscard]] qor::result_t SetUnsigned(const TypeDescriptor& type, void* object,
+                                        std::uint64_t value) noexcept {
     if (!IsUnsigned(type.kind) || type.size > sizeof(value)) {
         return errors::kInvalidType;
     }
@@ -91,8 +92,8 @@ bool IsRaw(Kind kind) noexcept {
            kind == Kind::Ipv6;
 }
 
-qor::result_t GetRaw(const TypeDescriptor& type, const void* object, const std::uint8_t** data,
-                     std::size_t* size) noexcept {
+[[nodiscard]] qor::result_t GetRaw(const TypeDescriptor& type, const void* object,
+                                   const std::uint8_t** data, std::size_t* size) noexcept {
     std::size_t offset = 0;
     if (!RawOffset(type, &offset, size)) {
         return errors::kInvalidType;
@@ -101,8 +102,8 @@ qor::result_t GetRaw(const TypeDescriptor& type, const void* object, const std::
     return errors::kOk;
 }
 
-qor::result_t SetRaw(const TypeDescriptor& type, void* object, const std::uint8_t* data,
-                     std::size_t size) noexcept {
+[[nodiscard]] qor::result_t SetRaw(const TypeDescriptor& type, void* object,
+                                   const std::uint8_t* data, std::size_t size) noexcept {
     std::size_t offset = 0;
     std::size_t expected = 0;
     if (!RawOffset(type, &offset, &expected)) {
@@ -117,8 +118,8 @@ qor::result_t SetRaw(const TypeDescriptor& type, void* object, const std::uint8_
     return errors::kOk;
 }
 
-qor::result_t GetAddress(const TypeDescriptor& type, const void* object, const std::uint8_t** data,
-                         std::size_t* size) noexcept {
+[[nodiscard]] qor::result_t GetAddress(const TypeDescriptor& type, const void* object,
+                                       const std::uint8_t** data, std::size_t* size) noexcept {
     AddressFields fields;
     if (!FindAddressFields(type, fields)) {
         return errors::kInvalidType;
@@ -131,8 +132,8 @@ qor::result_t GetAddress(const TypeDescriptor& type, const void* object, const s
     return GetRaw(*member->type, Bytes(object) + member->offset, data, size);
 }
 
-qor::result_t SetAddress(const TypeDescriptor& type, void* object, const std::uint8_t* data,
-                         std::size_t size) noexcept {
+[[nodiscard]] qor::result_t SetAddress(const TypeDescriptor& type, void* object,
+                                       const std::uint8_t* data, std::size_t size) noexcept {
     AddressFields fields;
     if (!FindAddressFields(type, fields)) {
         return errors::kInvalidType;

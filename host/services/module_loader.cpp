@@ -5,7 +5,8 @@
 namespace nti::host {
 
 ModuleLoader::~ModuleLoader() {
-    Unload();
+    // A module with live objects stays mapped until the process ends.
+    static_cast<void>(Unload());
 }
 
 qor::result_t ModuleLoader::Load(const std::string& pathOrName) {
@@ -16,7 +17,8 @@ qor::result_t ModuleLoader::Load(const std::string& pathOrName) {
     m_path = pathOrName.find('/') != std::string::npos ? pathOrName : "lib" + pathOrName + ".so";
     void* handle = dlopen(m_path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
-        const char* error = dlerror();
+        // glibc keeps the dlerror state per thread.
+        const char* error = dlerror();  // NOLINT(concurrency-mt-unsafe)
         m_error = error != nullptr ? error : "dlopen failed";
         return qor::errors::kModuleNotFound;
     }
@@ -31,7 +33,7 @@ qor::result_t ModuleLoader::Load(const std::string& pathOrName) {
                               {"qorGetObjectFactory", &factory},
                               {"qorCanUnloadModule", &canUnload}};
     for (const auto& e : exports) {
-        dlerror();
+        static_cast<void>(dlerror());  // NOLINT(concurrency-mt-unsafe): clears this thread's state
         *e.slot = dlsym(handle, e.name);
         if (*e.slot == nullptr) {
             m_error = std::string("module ") + m_path + " does not export " + e.name;

@@ -22,21 +22,22 @@ public:
     // Load opens `pathOrName`: a path when it contains '/', else the module
     // name, searched as "lib<name>.so". Returns 0, or a failure code with the
     // loader's message in Error() (a missing export is named there).
-    qor::result_t Load(const std::string& pathOrName);
+    [[nodiscard]] qor::result_t Load(const std::string& pathOrName);
 
     // Unload closes the library only when qorCanUnloadModule says 0.
     // Returns 0 when unloaded, 1 when the module still has live objects.
-    qor::result_t Unload();
+    [[nodiscard]] qor::result_t Unload();
 
     bool IsLoaded() const noexcept { return m_handle != nullptr; }
     const std::string& Error() const noexcept { return m_error; }
     const std::string& Path() const noexcept { return m_path; }
 
-    qor::result_t CreateObject(std::uint32_t clsid, const qor::CreationContext& context,
-                               qor::IObject** out) const;
-    qor::result_t GetObjectFactory(qor::IServiceLocator* locator, std::uint32_t clsid,
-                                   qor::IObject** out) const;
-    qor::result_t CanUnloadModule() const;
+    [[nodiscard]] qor::result_t CreateObject(std::uint32_t clsid,
+                                             const qor::CreationContext& context,
+                                             qor::IObject** out) const;
+    [[nodiscard]] qor::result_t GetObjectFactory(qor::IServiceLocator* locator, std::uint32_t clsid,
+                                                 qor::IObject** out) const;
+    [[nodiscard]] qor::result_t CanUnloadModule() const;
 
 private:
     void* m_handle = nullptr;

@@ -21,7 +21,7 @@ namespace {
 
 constexpr int kAckTimeoutMs = 2000;
 // Larger than the kernel's largest batch (128 KiB), so a batch is never cut.
-constexpr std::size_t kReceiveBufferSize = 160 * 1024;
+constexpr std::size_t kReceiveBufferSize = std::size_t{160} * 1024;
 
 constexpr std::uint16_t PacketType() {
     return static_cast<std::uint16_t>((NFNL_SUBSYS_ULOG << 8) | NFULNL_MSG_PACKET);
@@ -102,7 +102,8 @@ NflogListener::NflogListener(qor::ITracer* tracer, dwi::firewall::INflogDataCall
 }
 
 NflogListener::~NflogListener() {
-    Stop();
+    // Stop traces its own failures; kFalse only says it was not running.
+    static_cast<void>(Stop());
 }
 
 qor::result_t NflogListener::Start(const std::vector<std::uint16_t>& groups) noexcept {

@@ -60,7 +60,7 @@ class NflogListener : public qor::object::Ifaces<dwi::firewall::INflogListener> 
 public:
     NflogListener(qor::ITracer* tracer, dwi::firewall::INflogDataCallback* callback,
                   const NflogOptions& options);
-    ~NflogListener();
+    ~NflogListener() override;
     NflogListener(const NflogListener&) = delete;
     NflogListener& operator=(const NflogListener&) = delete;
 
@@ -69,8 +69,8 @@ public:
     // descriptor notifier. 0x8000006A when running,
     // 0x80000046 for no groups, a converted errno when the kernel refuses
     // (qor::ErrnoToResult; EPERM when another socket has bound a group).
-    qor::result_t Start(const std::vector<std::uint16_t>& groups) noexcept override;
-    qor::result_t Stop() noexcept override;
+    [[nodiscard]] qor::result_t Start(const std::vector<std::uint16_t>& groups) noexcept override;
+    [[nodiscard]] qor::result_t Stop() noexcept override;
 
     // Diagnostics since the last Start.
     std::uint64_t ReceivedMessages() const noexcept { return m_received.load(); }
@@ -78,10 +78,10 @@ public:
     std::uint64_t Overruns() const noexcept { return m_overruns.load(); }
 
 private:
-    qor::result_t Configure(const std::vector<std::uint16_t>& groups);
+    [[nodiscard]] qor::result_t Configure(const std::vector<std::uint16_t>& groups);
     // SendConfig sends one acknowledged NFULNL_MSG_CONFIG request.
-    qor::result_t SendConfig(std::uint8_t family, std::uint16_t group,
-                             const std::function<void(nlmsghdr*)>& attributes);
+    [[nodiscard]] qor::result_t SendConfig(std::uint8_t family, std::uint16_t group,
+                                           const std::function<void(nlmsghdr*)>& attributes);
     void CloseSocket() noexcept;
     void Loop() noexcept;
     int OnMessage(const nlmsghdr* message) noexcept;
@@ -110,8 +110,9 @@ private:
 class NflogListenerFactory : public qor::object::Ifaces<dwi::firewall::INflogListenerFactory> {
 public:
     NflogListenerFactory(qor::ITracer* tracer, const NflogOptions& options = {});
-    qor::result_t CreateListener(dwi::firewall::INflogDataCallback* callback,
-                                 dwi::firewall::INflogListener** out) noexcept override;
+    [[nodiscard]] qor::result_t CreateListener(
+        dwi::firewall::INflogDataCallback* callback,
+        dwi::firewall::INflogListener** out) noexcept override;
 
 private:
     qor::RefPtr<qor::ITracer> m_tracer;

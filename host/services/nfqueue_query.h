@@ -46,7 +46,8 @@ public:
 
     // GetAvailableQueue takes the lowest free run of `count` numbers.
     // 0x80000046 for a count of 0, 0x8000004C when no run is free.
-    qor::result_t GetAvailableQueue(std::uint32_t count, std::uint16_t* queueNum) noexcept override;
+    [[nodiscard]] qor::result_t GetAvailableQueue(std::uint32_t count,
+                                                  std::uint16_t* queueNum) noexcept override;
 
     // ReleaseQueues gives back `count` numbers from `first` taken earlier.
     void ReleaseQueues(std::uint16_t first, std::uint32_t count);

@@ -83,8 +83,8 @@ NftRules::~NftRules() {
     std::lock_guard lock(m_mutex);
     if (m_ctx) {
         // Closing the socket would delete the table too; deleting it first
-        // reports a failure while the tracer is still there.
-        Run("delete table inet " + m_table);
+        // reports a failure while the tracer is still there (Run traces it).
+        static_cast<void>(Run("delete table inet " + m_table));
     }
 }
 
@@ -188,7 +188,9 @@ qor::result_t NftRules::Install(const dwi::firewall::Rules& rules, const char* t
             QOR_TRACE(m_tracer.Get(), qor::trace_level::kError)
                 << "Install: nft echoed " << static_cast<std::uint64_t>(handles.size())
                 << " handles for " << static_cast<std::uint64_t>(next) << " rules";
-            DeletePlaced(added);
+            // Best effort: Run traces a failure, and the table with whatever
+            // is left goes when this object closes its nftables context.
+            static_cast<void>(DeletePlaced(added));
             return qor::errors::kUnspecified;
         }
         m_installed.insert(m_installed.end(), std::make_move_iterator(added.begin()),

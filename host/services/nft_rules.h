@@ -32,17 +32,18 @@ struct NftSupport {
 class NftRules : public RulesService {
 public:
     NftRules(bool failClosed, qor::RefPtr<qor::ITracer> tracer);
-    ~NftRules();
+    ~NftRules() override;
 
     const char* BackendName() const noexcept override { return "nftables"; }
     // Initialize creates the table "nti_<pid>" (family inet) with the chains
     // "input", "output" and "forward" on those hooks, ahead of the iptables
     // filter table.
     [[nodiscard]] qor::result_t Initialize() override;
-    qor::result_t Install(const dwi::firewall::Rules& rules, const char* tag) noexcept override;
+    [[nodiscard]] qor::result_t Install(const dwi::firewall::Rules& rules,
+                                        const char* tag) noexcept override;
     // RemoveRules: 1 when some record was not installed (the others are
     // removed), 0x8000004B when a rule could not be deleted.
-    qor::result_t RemoveRules(const dwi::firewall::Rules& rules) noexcept override;
+    [[nodiscard]] qor::result_t RemoveRules(const dwi::firewall::Rules& rules) noexcept override;
     std::size_t InstalledCount() const override;
 
     const std::string& Table() const { return m_table; }
@@ -62,8 +63,8 @@ private:
 
     // Run runs nft commands as one transaction; the kernel's echo of the
     // added rules goes to `echo`.
-    qor::result_t Run(const std::string& commands, std::string* echo = nullptr);
-    qor::result_t DeletePlaced(const std::vector<Installed>& gone);
+    [[nodiscard]] qor::result_t Run(const std::string& commands, std::string* echo = nullptr);
+    [[nodiscard]] qor::result_t DeletePlaced(const std::vector<Installed>& gone);
 
     bool m_failClosed;
     qor::RefPtr<qor::ITracer> m_tracer;

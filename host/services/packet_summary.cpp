@@ -83,7 +83,7 @@ PacketSummary Summarize(const std::uint8_t* data, std::size_t size) {
     PacketSummary s;
     std::size_t offset = 0;
     if (size >= 20 && data[0] >> 4 == 4) {
-        const std::size_t headerLength = (data[0] & 0x0Fu) * 4u;
+        const std::size_t headerLength = static_cast<std::size_t>(data[0] & 0x0Fu) * 4u;
         if (headerLength < 20 || headerLength > size) {
             return s;
         }

@@ -19,6 +19,8 @@ extern char** environ;
 namespace nti::host {
 
 bool ProgramInPath(std::string_view name) {
+    // nti never changes its environment: reading it is safe from any thread.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     const char* path = std::getenv("PATH");
     std::string_view dirs = path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin";
     while (!dirs.empty()) {
@@ -61,7 +63,7 @@ struct Pipe {
     Fd write;
 };
 
-qor::result_t MakePipe(Pipe& p) {
+[[nodiscard]] qor::result_t MakePipe(Pipe& p) {
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) {
         return qor::ErrnoToResult(errno);
@@ -111,8 +113,8 @@ int ExitCodeOf(int status) {
 
 }  // namespace
 
-qor::result_t RunProcess(const std::vector<std::string>& argv, std::string_view input,
-                         ProcessOutput& output, std::chrono::milliseconds timeout) {
+[[nodiscard]] qor::result_t RunProcess(const std::vector<std::string>& argv, std::string_view input,
+                                       ProcessOutput& output, std::chrono::milliseconds timeout) {
     output = {};
     if (argv.empty()) {
         return qor::errors::kInvalidArgument;
@@ -128,6 +130,7 @@ qor::result_t RunProcess(const std::vector<std::string>& argv, std::string_view 
     posix_spawn_file_actions_adddup2(actions.Get(), pipes[1].write.Get(), STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(actions.Get(), pipes[2].write.Get(), STDERR_FILENO);
     std::vector<char*> args;
+    args.reserve(argv.size() + 1);
     for (const std::string& a : argv) {
         args.push_back(const_cast<char*>(a.c_str()));
     }

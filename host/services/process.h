@@ -21,9 +21,9 @@ struct ProcessOutput {
 // still running after `timeout` is killed. Returns 0 when the program ran
 // (whatever its exit code), else a code converted from errno, or 0x80000221
 // on the timeout.
-qor::result_t RunProcess(const std::vector<std::string>& argv, std::string_view input,
-                         ProcessOutput& output,
-                         std::chrono::milliseconds timeout = std::chrono::seconds(30));
+[[nodiscard]] qor::result_t RunProcess(
+    const std::vector<std::string>& argv, std::string_view input, ProcessOutput& output,
+    std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
 // ProgramInPath is true when `name` is an executable file in a directory of
 // PATH (the usual system directories when PATH is unset).

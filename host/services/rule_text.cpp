@@ -10,7 +10,7 @@
 #include <set>
 #include <sstream>
 
-#include "host/services/ip_protocol.h"
+#include "dwi_common/ip_protocol.h"
 
 namespace nti::host {
 namespace {
@@ -19,6 +19,8 @@ using dwi::firewall::IpNetwork;
 using dwi::firewall::NflogRule;
 using dwi::firewall::PortRange;
 using dwi::firewall::QueueRule;
+using dwi::network::HasPorts;
+using dwi::network::ProtocolName;
 
 constexpr std::string_view kCommentPrefix = "nti:";
 
@@ -106,8 +108,8 @@ bool ValidPorts(const PortRange& r) {
     return r.last == 0 || r.first <= r.last;
 }
 
-qor::result_t SplitQueueRule(const QueueRule& rule, IpFamily family, bool failClosed,
-                             std::optional<RuleParts>& out) {
+[[nodiscard]] qor::result_t SplitQueueRule(const QueueRule& rule, IpFamily family, bool failClosed,
+                                           std::optional<RuleParts>& out) {
     using namespace dwi::firewall;
     constexpr qor::result_t kInvalid = qor::errors::kInvalidArgument;
     if ((rule.direction & ~std::uint32_t{kOutbound | kForwarded}) != 0) {
@@ -172,8 +174,8 @@ qor::result_t SplitQueueRule(const QueueRule& rule, IpFamily family, bool failCl
     return qor::errors::kOk;
 }
 
-qor::result_t SplitNflogRule(const NflogRule& rule, IpFamily family,
-                             std::optional<RuleParts>& out) {
+[[nodiscard]] qor::result_t SplitNflogRule(const NflogRule& rule, IpFamily family,
+                                           std::optional<RuleParts>& out) {
     using namespace dwi::firewall;
     RuleParts p;
     p.atHead = true;
@@ -210,8 +212,8 @@ qor::result_t SplitNflogRule(const NflogRule& rule, IpFamily family,
     return qor::errors::kOk;
 }
 
-qor::result_t SplitRule(const dwi::firewall::Rule& rule, IpFamily family, bool failClosed,
-                        std::optional<RuleParts>& out) {
+[[nodiscard]] qor::result_t SplitRule(const dwi::firewall::Rule& rule, IpFamily family,
+                                      bool failClosed, std::optional<RuleParts>& out) {
     out.reset();
     if (const auto* queue = std::get_if<QueueRule>(&rule)) {
         return SplitQueueRule(*queue, family, failClosed, out);
@@ -390,8 +392,9 @@ bool ValidNflogName(std::string_view name) {
     return ValidName(name, 50);
 }
 
-qor::result_t RenderRule(const dwi::firewall::Rule& rule, IpFamily family, std::string_view comment,
-                         bool failClosed, std::optional<RuleText>& out) {
+[[nodiscard]] qor::result_t RenderRule(const dwi::firewall::Rule& rule, IpFamily family,
+                                       std::string_view comment, bool failClosed,
+                                       std::optional<RuleText>& out) {
     out.reset();
     std::optional<RuleParts> parts;
     const qor::result_t r = SplitRule(rule, family, failClosed, parts);
@@ -401,9 +404,9 @@ qor::result_t RenderRule(const dwi::firewall::Rule& rule, IpFamily family, std::
     return r;
 }
 
-qor::result_t RenderNftRule(const dwi::firewall::Rule& rule, IpFamily family,
-                            std::string_view comment, bool failClosed,
-                            std::optional<RuleText>& out) {
+[[nodiscard]] qor::result_t RenderNftRule(const dwi::firewall::Rule& rule, IpFamily family,
+                                          std::string_view comment, bool failClosed,
+                                          std::optional<RuleText>& out) {
     out.reset();
     std::optional<RuleParts> parts;
     const qor::result_t r = SplitRule(rule, family, failClosed, parts);

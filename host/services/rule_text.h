@@ -54,15 +54,16 @@ bool ValidNflogName(std::string_view name);
 // ICMP on IPv6, ...). Returns 0x80000046 for a record no family can take
 // (unknown chain or direction bits, ports without a protocol that has them,
 // conflicting families, bad prefix or interface name).
-qor::result_t RenderRule(const dwi::firewall::Rule& rule, IpFamily family, std::string_view comment,
-                         bool failClosed, std::optional<RuleText>& out);
+[[nodiscard]] qor::result_t RenderRule(const dwi::firewall::Rule& rule, IpFamily family,
+                                       std::string_view comment, bool failClosed,
+                                       std::optional<RuleText>& out);
 
 // RenderNftRule is RenderRule for a rule of our nftables table: `chain` is
 // "input", "output" or "forward" and `spec` the rule's statement, matching the same
 // packets as the iptables rule.
-qor::result_t RenderNftRule(const dwi::firewall::Rule& rule, IpFamily family,
-                            std::string_view comment, bool failClosed,
-                            std::optional<RuleText>& out);
+[[nodiscard]] qor::result_t RenderNftRule(const dwi::firewall::Rule& rule, IpFamily family,
+                                          std::string_view comment, bool failClosed,
+                                          std::optional<RuleText>& out);
 
 // NftChain names the chain of our nftables table that stands for an
 // iptables chain of ours.

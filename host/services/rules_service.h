@@ -29,17 +29,19 @@ public:
     virtual std::size_t InstalledCount() const = 0;
 
     // AddRules installs through Install and notes the outcome for WaitForTag.
-    qor::result_t AddRules(const dwi::firewall::Rules& rules, const char* tag) noexcept final;
+    [[nodiscard]] qor::result_t AddRules(const dwi::firewall::Rules& rules,
+                                         const char* tag) noexcept final;
 
     // WaitForTag waits until an AddRules call with `tag` has succeeded; false
     // at once when one has failed, or after `timeout`.
     bool WaitForTag(const std::string& tag, std::chrono::milliseconds timeout);
 
 protected:
-    ~RulesService() = default;
+    ~RulesService() override = default;
     // Install: 0x80000046 for an invalid tag or record (nothing installed),
     // 0x8000004B when the firewall refuses the rules.
-    virtual qor::result_t Install(const dwi::firewall::Rules& rules, const char* tag) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t Install(const dwi::firewall::Rules& rules,
+                                                const char* tag) noexcept = 0;
 
 private:
     void NoteTag(const char* tag, bool added);

@@ -2,6 +2,8 @@
 
 #include <mutex>
 
+#include "qor/exception.h"
+
 namespace nti::host {
 
 qor::result_t ServiceLocator::GetInterface(qor::iid_t iid, std::uint32_t serviceKey,
@@ -38,6 +40,12 @@ qor::result_t ServiceLocator::Register(qor::iid_t iid, qor::IObject* service,
     slot = qor::RefPtr<qor::IObject>(service);
     lock.unlock();
     return qor::errors::kOk;
+}
+
+void ServiceLocator::Add(qor::iid_t iid, qor::IObject* service, std::uint32_t serviceKey) {
+    if (const qor::result_t r = Register(iid, service, serviceKey); !QOR_SUCCEEDED(r)) {
+        throw qor::ResultCodeException("Cannot register a host service", QOR_HERE, r);
+    }
 }
 
 qor::result_t ServiceLocator::Unregister(qor::iid_t iid, std::uint32_t serviceKey) {

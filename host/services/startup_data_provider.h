@@ -18,7 +18,7 @@ inline constexpr std::uint32_t kDefaultNflogBypassMark = 0x4e544900;
 class StartupDataProvider : public qor::object::Ifaces<dwi::firewall::IStartupDataProvider> {
 public:
     explicit StartupDataProvider(const dwi::firewall::StartupData& data) : m_data(data) {}
-    qor::result_t GetStartupData(dwi::firewall::StartupData* data) noexcept override;
+    [[nodiscard]] qor::result_t GetStartupData(dwi::firewall::StartupData* data) noexcept override;
 
 private:
     dwi::firewall::StartupData m_data;

@@ -145,7 +145,7 @@ void Timer::Loop() noexcept {
         qor::RefPtr<qor::IRunnable> runnable = m_runnables.at(*key);
         m_running = *key;
         lock.unlock();
-        runnable->Run();  // its result is the runnable's business
+        static_cast<void>(runnable->Run());  // its result is the runnable's business
         // The last reference may go here (cancelled meanwhile); drop it unlocked.
         runnable.Reset();
         lock.lock();

@@ -68,16 +68,17 @@ private:
 class Timer : public qor::object::Ifaces<qor::ITimer> {
 public:
     Timer();
-    ~Timer();
+    ~Timer() override;
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
     // SetRepeated: 0x80000046 for a null runnable or a zero period; 0x8000006A
     // after Shutdown.
-    qor::result_t SetRepeated(qor::IRunnable* runnable, std::uint32_t period) noexcept override;
+    [[nodiscard]] qor::result_t SetRepeated(qor::IRunnable* runnable,
+                                            std::uint32_t period) noexcept override;
     // CancelAndWait: called on the timer thread (from a runnable) it cancels
     // without waiting, as the running call is the caller's own.
-    qor::result_t CancelAndWait(qor::IRunnable* runnable) noexcept override;
+    [[nodiscard]] qor::result_t CancelAndWait(qor::IRunnable* runnable) noexcept override;
 
     // Shutdown waits for a running call, stops the thread and drops every
     // schedule (the references are released on the caller's thread).

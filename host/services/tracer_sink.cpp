@@ -75,7 +75,7 @@ qor::result_t LevelSink::CommitRecord(qor::TraceBuffer* buffer, std::uint32_t le
     }
 }
 
-qor::result_t WriteAll(int fd, std::string_view data) noexcept {
+[[nodiscard]] qor::result_t WriteAll(int fd, std::string_view data) noexcept {
     std::size_t done = 0;
     while (done < data.size()) {
         const ssize_t n = write(fd, data.data() + done, data.size() - done);

@@ -17,15 +17,16 @@ class LevelSink : public qor::object::Ifaces<qor::ITracer> {
 public:
     explicit LevelSink(std::uint32_t maxLevel) : m_maxLevel(maxLevel) {}
 
-    qor::result_t BeginRecord(std::uint32_t level, std::uint32_t* position,
-                              qor::TraceBuffer* buffer) noexcept override;
-    qor::result_t CommitRecord(qor::TraceBuffer* buffer, std::uint32_t length) noexcept override;
+    [[nodiscard]] qor::result_t BeginRecord(std::uint32_t level, std::uint32_t* position,
+                                            qor::TraceBuffer* buffer) noexcept override;
+    [[nodiscard]] qor::result_t CommitRecord(qor::TraceBuffer* buffer,
+                                             std::uint32_t length) noexcept override;
     std::uint32_t GetMaxLevel() noexcept override { return m_maxLevel; }
 
 protected:
-    ~LevelSink() = default;
+    ~LevelSink() override = default;
     // Write delivers one record; an exception becomes 0x80000041 (out of memory).
-    virtual qor::result_t Write(std::uint32_t level, std::string_view text) = 0;
+    [[nodiscard]] virtual qor::result_t Write(std::uint32_t level, std::string_view text) = 0;
 
 private:
     std::uint32_t m_maxLevel;
@@ -33,7 +34,7 @@ private:
 
 // WriteAll writes `data` to `fd`, retrying short and interrupted writes.
 // Returns 0 or the code of the errno that stopped it.
-qor::result_t WriteAll(int fd, std::string_view data) noexcept;
+[[nodiscard]] qor::result_t WriteAll(int fd, std::string_view data) noexcept;
 
 // LineTracer writes one line per record: UTC time, thread id, level, text.
 // Each line goes out with one write(2), so lines of concurrent threads never
@@ -43,12 +44,12 @@ public:
     // LineTracer writes records up to `maxLevel` to `fd`, closing it at the
     // end when `ownsFd`.
     LineTracer(int fd, std::uint32_t maxLevel, bool ownsFd = false);
-    ~LineTracer();
+    ~LineTracer() override;
     LineTracer(const LineTracer&) = delete;
     LineTracer& operator=(const LineTracer&) = delete;
 
 protected:
-    qor::result_t Write(std::uint32_t level, std::string_view text) override;
+    [[nodiscard]] qor::result_t Write(std::uint32_t level, std::string_view text) override;
 
 private:
     int m_fd;
@@ -63,11 +64,13 @@ qor::object::ImplPtr<LineTracer> OpenFileTracer(const std::string& path, std::ui
 class DiscardingTracer : public qor::object::Ifaces<qor::ITracer> {
 public:
     explicit DiscardingTracer(std::uint32_t maxLevel) : m_maxLevel(maxLevel) {}
-    qor::result_t BeginRecord(std::uint32_t level, std::uint32_t*,
-                              qor::TraceBuffer*) noexcept override {
+    [[nodiscard]] qor::result_t BeginRecord(std::uint32_t level, std::uint32_t*,
+                                            qor::TraceBuffer*) noexcept override {
         return level > m_maxLevel ? qor::errors::kNotMatched : qor::errors::kOk;
     }
-    qor::result_t CommitRecord(qor::TraceBuffer*, std::uint32_t) noexcept override { return 0; }
+    [[nodiscard]] qor::result_t CommitRecord(qor::TraceBuffer*, std::uint32_t) noexcept override {
+        return 0;
+    }
     std::uint32_t GetMaxLevel() noexcept override { return m_maxLevel; }
 
 private:

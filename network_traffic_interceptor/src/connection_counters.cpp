@@ -1,3 +1,6 @@
+// The statistics service: collector registration and the harvest; interval
+// records are built in interval_records.cpp, kept across restarts by
+// connection_counters_storage.cpp.
 #include "network_traffic_interceptor/src/connection_counters.h"
 
 #include <time.h>
@@ -9,6 +12,7 @@
 
 #include "dwi/nflog/nflog.h"
 #include "dwi_common/blob_tools.h"
+#include "dwi_common/ticks.h"
 #include "dwi_tracing/check.h"
 #include "dwi_tracing/tracing.h"
 #include "qor/exception.h"
@@ -26,12 +30,8 @@ using qor::trace_level::kInfo;
 
 namespace {
 
-constexpr const char* kStorageKey = "Collectors";
 // The statistics rules log to this group; fixed by design.
 constexpr std::uint16_t kNflogGroup = 10000;
-// 100-ns ticks between 1601-01-01 and 1970-01-01.
-constexpr std::uint64_t kEpochDifference = 116444736000000000ULL;
-constexpr std::uint64_t kTicksPerSecond = 10000000ULL;
 constexpr std::size_t kMinReadyCapacity = 4;
 
 using HarvestAdapter = qor::RunnableAdapter<ConnectionCounters, std::uint32_t>;
@@ -51,49 +51,6 @@ qor::trace::TraceRecord& operator<<(qor::trace::TraceRecord& r, AlignmentWord wo
     return r << word.value;
 }
 
-ip_t ToIp(const IpAddress& address) noexcept {
-    ip_t ip;
-    ip.family = address.version;
-    if (address.version == 4) {
-        std::memcpy(ip.v4.bytes.data(), address.bytes.data(), ip.v4.bytes.size());
-    } else {
-        std::memcpy(ip.v6.bytes.data(), address.bytes.data(), ip.v6.bytes.size());
-    }
-    return ip;
-}
-
-ip_t ToIp(const dwi::network::Gateway& gateway) noexcept {
-    ip_t ip;
-    ip.family = gateway.family;
-    if (gateway.family == 4) {
-        std::memcpy(ip.v4.bytes.data(), gateway.address.data(), ip.v4.bytes.size());
-    } else {
-        std::memcpy(ip.v6.bytes.data(), gateway.address.data(), ip.v6.bytes.size());
-    }
-    return ip;
-}
-
-std::optional<qor::mac48_address_t> ToMac(const std::optional<Mac48>& mac) noexcept {
-    if (!mac) {
-        return std::nullopt;
-    }
-    return qor::mac48_address_t{*mac};
-}
-
-std::optional<ip_t> ToOptionalIp(const std::optional<IpAddress>& address) noexcept {
-    if (!address) {
-        return std::nullopt;
-    }
-    return ToIp(*address);
-}
-
-std::uint8_t KeyFamily(const ConnectionKey& key) noexcept {
-    if (key.localIp) {
-        return key.localIp->version;
-    }
-    return key.remoteIp ? key.remoteIp->version : 0;
-}
-
 }  // namespace
 
 std::uint64_t CurrentTime() {
@@ -101,8 +58,7 @@ std::uint64_t CurrentTime() {
     if (clock_gettime(CLOCK_REALTIME, &now) != 0) {
         throw qor::SystemException("Cannot get system time", QOR_HERE, errno);
     }
-    return static_cast<std::uint64_t>(now.tv_sec) * kTicksPerSecond +
-           static_cast<std::uint64_t>(now.tv_nsec) / 100 + kEpochDifference;
+    return dwi::ticks::FromUnix(now);
 }
 
 ConnectionCounters::ConnectionCounters(qor::IServiceLocator* locator, qor::ITracer* tracer,
@@ -153,7 +109,7 @@ ConnectionCounters::~ConnectionCounters() {
         try {
             CutInterval(it.second);
         } catch (...) {
-            qor::CurrentExceptionToResult(GetTracer(), __func__);
+            qor::TraceCurrentException(GetTracer(), __func__);
         }
     }
     DWI_IGNORED_RESULT(GetTracer(), MoveCountersToStorage(), "Cannot save counters to storage");
@@ -183,7 +139,7 @@ void ConnectionCounters::CancelAllHarvests(std::unique_lock<std::mutex>& lock,
         }
         lock.lock();
     } catch (...) {
-        qor::CurrentExceptionToResult(GetTracer(), function);
+        qor::TraceCurrentException(GetTracer(), function);
         if (!lock.owns_lock()) {
             lock.lock();
         }
@@ -399,34 +355,8 @@ void ConnectionCounters::HarvestTimeUnsafe(std::uint32_t collectorTrigger, bool 
 
 void ConnectionCounters::CutInterval(CollectorBucket& bucket) {
     const std::uint64_t now = CurrentTime();
-    IntervalCounters interval;
-    interval.begin = bucket.intervalStart;
-    interval.end = now;
-    interval.counters.reserve(bucket.current.size());
-    for (const auto& [key, traffic] : bucket.current) {
-        ConnectionCounter& counter = interval.counters.emplace_back();
-        counter.localMac = ToMac(key.localMac);
-        counter.localIp = ToOptionalIp(key.localIp);
-        counter.localPort = key.localPort;
-        counter.remoteMac = ToMac(key.remoteMac);
-        counter.remoteIp = ToOptionalIp(key.remoteIp);
-        counter.remotePort = key.remotePort;
-        counter.bytesSent = traffic.bytesOut;
-        counter.packetsSent = traffic.packetsOut;
-        counter.bytesReceived = traffic.bytesIn;
-        counter.packetsReceived = traffic.packetsIn;
-        counter.etherType = key.etherType.value_or(0);
-        counter.ipProtocol = key.ipProto;
-        if (const auto gateways = m_gateways.find(key.ifindex); gateways != m_gateways.end()) {
-            const std::optional<GatewayAddress>& gateway =
-                KeyFamily(key) == 4 ? gateways->second.ipv4 : gateways->second.ipv6;
-            if (gateway) {
-                counter.gatewayIp = gateway->address;
-                counter.gatewayMac = gateway->mac;
-            }
-        }
-    }
-
+    IntervalCounters interval =
+        BuildInterval(bucket.intervalStart, now, bucket.current, m_gateways);
     std::vector<IntervalCounters>& ready = bucket.data.readyCounters;
     if (ready.size() == ready.capacity()) {
         ready.reserve(std::max(kMinReadyCapacity, ready.size() * 2));
@@ -446,114 +376,9 @@ void ConnectionCounters::UpdateGateways() noexcept {
             throw qor::CheckResultFailedException("Can not obtain network interfaces", QOR_HERE,
                                                   "m_networkInventory(interfaces)", result);
         }
-        std::unordered_map<std::uint32_t, InterfaceGateways> gateways;
-        gateways.max_load_factor(1.0f);
-        for (const auto& networkInterface : interfaces) {
-            if (!networkInterface.ipv4Gateway && !networkInterface.ipv6Gateway) {
-                continue;
-            }
-            InterfaceGateways& entry = gateways[networkInterface.index];
-            if (const auto& gateway = networkInterface.ipv4Gateway) {
-                entry.ipv4 = GatewayAddress{ToIp(*gateway), ToMac(gateway->mac)};
-            }
-            if (const auto& gateway = networkInterface.ipv6Gateway) {
-                entry.ipv6 = GatewayAddress{ToIp(*gateway), ToMac(gateway->mac)};
-            }
-        }
-        m_gateways.swap(gateways);
+        m_gateways = GatewaysOf(interfaces);
     } catch (...) {
-        qor::CurrentExceptionToResult(GetTracer(), "UpdateGateways");
+        qor::TraceCurrentException(GetTracer(), "UpdateGateways");
     }
 }
-
-qor::result_t ConnectionCounters::MoveCountersToStorage() noexcept {
-    try {
-        DWI_TRACE_ENTRY(GetTracer()) << "m_outCollectors.size=" << m_outCollectors.size();
-        const char* storageKey = kStorageKey;
-        Collectors collectors;
-        for (auto& [id, value] : m_outCollectors) {
-            DWI_TRACE_FN(GetTracer(), kInfo)
-                << "id=" << id
-                << ", value.data.readyCounters.size()=" << value.data.readyCounters.size()
-                << ", value.registered=" << value.registered;
-            if (!value.registered) {
-                continue;
-            }
-            CollectorData& data = collectors.collectors.emplace_back();
-            data.collector = value.data.collector;
-            data.period = value.data.period;
-            data.periodAlignment = value.data.periodAlignment;
-            data.readyCounters = std::exchange(value.data.readyCounters, {});
-        }
-
-        if (collectors.collectors.empty()) {
-            DWI_TRACE_FN(GetTracer(), kInfo) << "There's no any statistic for saving";
-            DWI_CHECK_RETURN(GetTracer(), m_storage->DeleteValue(storageKey),
-                             "Cannot delete saved statistics");
-            return qor::errors::kFalse;
-        }
-
-        const qor::meta::TypeDescriptor* type = nullptr;
-        DWI_CHECK_RETURN(
-            GetTracer(),
-            m_metaInfoProvider->GetTypeInfo(connection_counters_data::kCollectorsTypeId, &type),
-            "Cannot get metadata of Collectors");
-        const qor::AnyRef any{&collectors, type};
-        qor::IServiceLocator* sl = GetServiceLocator();
-        qor::ByteVector dataBlob;
-        DWI_CHECK_RETURN(GetTracer(), tools::AnyToBlob(sl, any, dataBlob), "Cannot serialize");
-        DWI_CHECK_RETURN(GetTracer(), m_storage->DeleteValue(storageKey),
-                         "Cannot delete saved statistics");
-        DWI_CHECK_RETURN(GetTracer(), m_storage->SetValue(storageKey, dataBlob),
-                         "Cannot save statistics");
-        return qor::errors::kOk;
-    } catch (...) {
-        return qor::CurrentExceptionToResult(GetTracer(), "MoveCountersToStorage");
-    }
-}
-
-qor::result_t ConnectionCounters::LoadCountersFromStorage() noexcept {
-    try {
-        DWI_TRACE_ENTRY(GetTracer());
-        const char* storageKey = kStorageKey;
-        qor::ByteVector dataBlob;
-        const qor::result_t result = m_storage->GetValue(storageKey, dataBlob);
-        if (result == qor::errors::kNotFound || (QOR_SUCCEEDED(result) && dataBlob.empty())) {
-            DWI_TRACE_FN(GetTracer(), kInfo) << "There's no any saved statistics";
-            return qor::errors::kFalse;
-        }
-        if (!QOR_SUCCEEDED(result)) {
-            DWI_TRACE_FN(GetTracer(), kError)
-                << "Failed to load statistic from storage: " << qor::trace::Result{result};
-            return result;
-        }
-
-        const qor::meta::TypeDescriptor* type = nullptr;
-        DWI_CHECK_RETURN(
-            GetTracer(),
-            m_metaInfoProvider->GetTypeInfo(connection_counters_data::kCollectorsTypeId, &type),
-            "Cannot get metadata of Collectors");
-        Collectors collectors;
-        const qor::AnyRef any{&collectors, type};
-        qor::IServiceLocator* sl = GetServiceLocator();
-        DWI_CHECK_RETURN(GetTracer(), tools::AnyFromBlob(sl, dataBlob, any), "Cannot serialize");
-
-        m_outCollectors.reserve(m_outCollectors.size() + collectors.collectors.size());
-        for (CollectorData& value : collectors.collectors) {
-            const auto [it, inserted] = m_outCollectors.try_emplace(value.collector);
-            CollectorBucket& bucket = it->second;
-            if (inserted) {
-                bucket.data = std::move(value);
-                bucket.registered = false;
-            }
-            DWI_TRACE_FN(GetTracer(), kInfo)
-                << "value.collector=" << bucket.data.collector
-                << ", bucket.data.readyCounters.size()=" << bucket.data.readyCounters.size();
-        }
-        return qor::errors::kOk;
-    } catch (...) {
-        return qor::CurrentExceptionToResult(GetTracer(), "LoadCountersFromStorage");
-    }
-}
-
 }  // namespace dwi::network_interceptor

@@ -12,6 +12,7 @@
 #include "dwi_common/network_interfaces.h"
 #include "network_traffic_interceptor/connection_counters.h"
 #include "network_traffic_interceptor/src/connection_counters_data.h"
+#include "network_traffic_interceptor/src/interval_records.h"
 #include "network_traffic_interceptor/src/nflog_connection_collector.h"
 #include "network_traffic_interceptor/statistics.h"
 #include "qor/meta.h"
@@ -45,18 +46,18 @@ public:
     // restarted; a failed load of the stored counters is only traced.
     ConnectionCounters(qor::IServiceLocator* locator, qor::ITracer* tracer,
                        NetworkInventory networkInventory);
-    ~ConnectionCounters();
+    ~ConnectionCounters() override;
 
     ConnectionCounters(const ConnectionCounters&) = delete;
     ConnectionCounters& operator=(const ConnectionCounters&) = delete;
 
-    qor::result_t RegisterCollector(std::uint32_t id,
-                                    system_interceptors::net::statistics::PeriodAlignment alignment,
-                                    std::uint32_t period) noexcept override;
-    qor::result_t ReadCounters(std::uint32_t id,
-                               std::vector<system_interceptors::net::statistics::IntervalCounters>&
-                                   counters) noexcept override;
-    qor::result_t UnregisterCollector(std::uint32_t id) noexcept override;
+    [[nodiscard]] qor::result_t RegisterCollector(
+        std::uint32_t id, system_interceptors::net::statistics::PeriodAlignment alignment,
+        std::uint32_t period) noexcept override;
+    [[nodiscard]] qor::result_t ReadCounters(
+        std::uint32_t id, std::vector<system_interceptors::net::statistics::IntervalCounters>&
+                              counters) noexcept override;
+    [[nodiscard]] qor::result_t UnregisterCollector(std::uint32_t id) noexcept override;
 
 private:
     friend struct ConnectionCountersTestAccess;
@@ -69,23 +70,15 @@ private:
         bool registered = false;
     };
 
-    struct GatewayAddress {
-        system_interceptors::net::statistics::ip_t address;
-        std::optional<qor::mac48_address_t> mac;
-    };
-    struct InterfaceGateways {
-        std::optional<GatewayAddress> ipv4;
-        std::optional<GatewayAddress> ipv6;
-    };
-
-    qor::result_t CreateSourceCollector() noexcept;
-    qor::result_t StartCollectionForCollector(CollectorBucket& bucket) noexcept;
+    [[nodiscard]] qor::result_t CreateSourceCollector() noexcept;
+    [[nodiscard]] qor::result_t StartCollectionForCollector(CollectorBucket& bucket) noexcept;
     int HarvestTimeHandler(std::uint32_t id) noexcept;
     void HarvestTimeUnsafe(std::uint32_t collectorTrigger, bool cutMod);
     void UpdateGateways() noexcept;
     void CutInterval(CollectorBucket& bucket);
-    qor::result_t MoveCountersToStorage() noexcept;
-    qor::result_t LoadCountersFromStorage() noexcept;
+    // Persistence, in connection_counters_storage.cpp.
+    [[nodiscard]] qor::result_t MoveCountersToStorage() noexcept;
+    [[nodiscard]] qor::result_t LoadCountersFromStorage() noexcept;
     void CancelAllHarvests(std::unique_lock<std::mutex>& lock, std::string_view function) noexcept;
 
     NetworkInventory m_networkInventory;
@@ -94,7 +87,7 @@ private:
     qor::RefPtr<qor::ITimer> m_harvestTimer;
     qor::RefPtr<qor::object::ObjectImpl<NfLogConnectionCollector>> m_sourceCollector;
     std::unordered_map<std::uint32_t, CollectorBucket> m_outCollectors;
-    std::unordered_map<std::uint32_t, InterfaceGateways> m_gateways;
+    GatewayMap m_gateways;
     qor::RefPtr<app_core::component::IKeyValueStorage> m_storage;
 };
 

@@ -21,11 +21,11 @@ public:
     static constexpr std::uint32_t kTypeIds[] = {0x55afdee1, 0x792d16ae, 0x93bc078b};
 
     // EnumerateTypes appends the three ids; 0x80000041 when `ids` cannot grow.
-    qor::result_t EnumerateTypes(std::vector<std::uint32_t>& ids) noexcept override;
+    [[nodiscard]] qor::result_t EnumerateTypes(std::vector<std::uint32_t>& ids) noexcept override;
     // GetTypeInfo serves both interfaces: 0 with the descriptor for one of
     // the three ids, 0x8000004C for any other.
-    qor::result_t GetTypeInfo(std::uint32_t typeId,
-                              const qor::meta::TypeDescriptor** out) noexcept override;
+    [[nodiscard]] qor::result_t GetTypeInfo(
+        std::uint32_t typeId, const qor::meta::TypeDescriptor** out) noexcept override;
 };
 
 }  // namespace MetaInfoDescriptorsNamespace

@@ -1,5 +1,6 @@
 // The module's three exports and its class table.
 #include <cstdint>
+#include <cstdlib>
 #include <exception>
 
 #include "network_traffic_interceptor/network_interceptor.h"
@@ -15,7 +16,8 @@ namespace {
 
 // ReportCreationFailure converts the exception being handled, tracing it on
 // the locator's tracer when there is one.
-result_t ReportCreationFailure(qor::IServiceLocator* locator, std::string_view context) noexcept {
+[[nodiscard]] result_t ReportCreationFailure(qor::IServiceLocator* locator,
+                                             std::string_view context) noexcept {
     qor::RefPtr<qor::ITracer> tracer;
     if (locator != nullptr && !QOR_SUCCEEDED(qor::GetInterface(locator, tracer.Ref()))) {
         tracer.Reset();
@@ -72,7 +74,7 @@ __attribute__((visibility("default"))) result_t qorGetObjectFactory(qor::IServic
             ReportCreationFailure(locator, "Exception during object construction: ");
         if (QOR_SUCCEEDED(result)) {
             // A failed factory must never look like a success.
-            *static_cast<volatile int*>(nullptr) = 0;
+            std::abort();
         }
         return result;
     }

@@ -72,7 +72,7 @@ NetworkInterceptor::~NetworkInterceptor() {
         }
         m_interceptors.clear();
     } catch (...) {
-        qor::CurrentExceptionToResult(GetTracer(), "~NetworkInterceptor");
+        qor::TraceCurrentException(GetTracer(), "~NetworkInterceptor");
     }
     pthread_rwlock_destroy(&m_lock);
     ReleaseTracer();

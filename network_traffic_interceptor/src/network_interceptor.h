@@ -22,13 +22,14 @@ class NetworkInterceptor : public qor::object::Ifaces<INetworkInterceptor>,
 public:
     NetworkInterceptor(qor::IServiceLocator* locator, qor::ITracer* tracer);
     // Stops every interceptor still registered.
-    virtual ~NetworkInterceptor();
+    ~NetworkInterceptor() override;
 
-    qor::result_t StartInterception(IPacketEventCallback* event, const firewall::Filter& filter,
-                                    const char* serviceName) noexcept override;
-    qor::result_t StopInterception(IPacketEventCallback* event) noexcept override;
-    qor::result_t SetVerdict(IPacketEventCallback* event, const Packet& packet,
-                             std::uint32_t verdict) noexcept override;
+    [[nodiscard]] qor::result_t StartInterception(IPacketEventCallback* event,
+                                                  const firewall::Filter& filter,
+                                                  const char* serviceName) noexcept override;
+    [[nodiscard]] qor::result_t StopInterception(IPacketEventCallback* event) noexcept override;
+    [[nodiscard]] qor::result_t SetVerdict(IPacketEventCallback* event, const Packet& packet,
+                                           std::uint32_t verdict) noexcept override;
 
 protected:
     // CreateInterceptor makes the interceptor of one interception.

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "dwi_common/ip_text.h"
 #include "dwi_tracing/check.h"
 #include "dwi_tracing/tracing.h"
 #include "network_traffic_interceptor/packet.h"
@@ -124,13 +125,9 @@ void WriteIp(qor::trace::TraceRecord& r, const std::optional<IpAddress>& ip) noe
         r << "null";
         return;
     }
-    char text[INET6_ADDRSTRLEN] = {};
-    const int family = ip->version == 4 ? AF_INET : AF_INET6;
-    if (inet_ntop(family, ip->bytes.data(), text, sizeof(text)) == nullptr) {
-        r << "null";
-        return;
-    }
-    r << text;
+    dwi::network::IpTextBuffer text{};
+    const char* written = dwi::network::FormatIp(ip->version, ip->bytes.data(), text);
+    r << (written != nullptr ? written : "null");
 }
 
 }  // namespace
@@ -349,7 +346,7 @@ void NfLogConnectionCollector::OnData(const nlmsghdr*, const nlattr* const* attr
             it->second += counters;
         }
     } catch (...) {
-        qor::CurrentExceptionToResult(GetTracer(), "OnData");
+        qor::TraceCurrentException(GetTracer(), "OnData");
     }
 }
 

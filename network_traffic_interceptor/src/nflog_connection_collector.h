@@ -92,19 +92,19 @@ public:
     NfLogConnectionCollector(qor::IServiceLocator* sl, qor::ITracer* tracer,
                              std::uint8_t iptablesFlags, std::uint16_t nflogGroup,
                              std::uint32_t nflogBypassMark);
-    ~NfLogConnectionCollector();
+    ~NfLogConnectionCollector() override;
 
     NfLogConnectionCollector(const NfLogConnectionCollector&) = delete;
     NfLogConnectionCollector& operator=(const NfLogConnectionCollector&) = delete;
 
     // Start installs the rules (tag "zolt_stats") and starts the listener.
-    qor::result_t Start() noexcept;
+    [[nodiscard]] qor::result_t Start() noexcept;
     // Stop removes the rules and stops the listener; a failed removal leaves
     // the listener running.
-    qor::result_t Stop() noexcept;
+    [[nodiscard]] qor::result_t Stop() noexcept;
     // TakeStats empties `snapshot` and swaps it with the counters gathered
     // since the previous call. Constant time under the data lock.
-    qor::result_t TakeStats(ConnectionMap& snapshot) noexcept;
+    [[nodiscard]] qor::result_t TakeStats(ConnectionMap& snapshot) noexcept;
 
     // OnData counts one logged packet. Called on the listener's thread.
     void OnData(const nlmsghdr* message, const nlattr* const* attributes) noexcept override;

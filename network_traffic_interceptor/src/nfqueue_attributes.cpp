@@ -35,7 +35,9 @@ const dwi::tools::MnlParser::Checker& NfqueueAttributeChecker() {
 }
 
 namespace {
-// Builds the table while the module loads, not on the first packet.
+// Builds the table while the module loads, not on the first packet. Only a
+// failed allocation can throw here, and a module that cannot build it cannot load.
+// NOLINTNEXTLINE(cert-err58-cpp)
 [[maybe_unused]] const auto& g_checkerAtLoad = NfqueueAttributeChecker();
 }  // namespace
 

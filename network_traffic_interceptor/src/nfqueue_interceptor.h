@@ -48,11 +48,6 @@ struct VerdictRequest {
     std::uint32_t verdict = 0;
 };
 
-// Room for one configuration message.
-inline constexpr std::size_t kConfigBufferSize = 256;
-// Room for one verdict: the largest payload plus the headers.
-inline constexpr std::size_t kMaxVerdictPayload = 0xFFFF;
-inline constexpr std::size_t kVerdictBufferSize = kMaxVerdictPayload + 256;
 // One read from a channel: the largest packet plus the message around it.
 inline constexpr std::size_t kReceiveBufferSize = 0xFFFF + 2048;
 // kReadBatch bounds the messages one read takes from one channel, so that a
@@ -62,38 +57,10 @@ inline constexpr unsigned kReadBatch = 32;
 inline constexpr std::size_t kReceiveSlotStride = (kReceiveBufferSize + 15) & ~std::size_t{15};
 // kSendBatch bounds the verdicts the reply thread hands the kernel per call.
 inline constexpr unsigned kSendBatch = 64;
-// Room for one verdict without payload.
-inline constexpr std::size_t kShortVerdictBufferSize = 64;
 
-// Configuration builders. Each writes one NFQNL_MSG_CONFIG request (with
-// NLM_F_ACK) into `buffer` (at least kConfigBufferSize bytes, aligned for
-// nlmsghdr) and returns its header.
-//
-// BuildCfgPfRequest: a per-family command (NFQNL_CFG_CMD_PF_BIND/UNBIND)
-// for family `pf`; res_id 0.
-nlmsghdr* BuildCfgPfRequest(char* buffer, std::uint8_t command, std::uint16_t pf);
-// BuildCfgRequest: `command` for queue `queueNumber`, family AF_INET.
-nlmsghdr* BuildCfgRequest(char* buffer, std::uint8_t command, std::uint16_t queueNumber);
-// BuildCfgParams: copy `mode` with `range` bytes.
-nlmsghdr* BuildCfgParams(char* buffer, std::uint8_t mode, std::uint32_t range,
-                         std::uint16_t queueNumber);
-// BuildCfgFlagsGSO: mask and flags NFQA_CFG_F_GSO.
-nlmsghdr* BuildCfgFlagsGSO(char* buffer, std::uint16_t queueNumber);
-// BuildCfgQueueMaxLen: queue length 65535.
-nlmsghdr* BuildCfgQueueMaxLen(char* buffer, std::uint16_t queueNumber);
-
-// BuildVerdictMessage writes an NFQNL_MSG_VERDICT for `packetId` with the
-// netfilter verdict `nfVerdict`. With a packet record, its mark goes along
-// when not 0 and its payload when `payloadChanged` is set. `buffer` holds
-// `size` bytes; returns null when the message does not fit.
-nlmsghdr* BuildVerdictMessage(char* buffer, std::size_t size, std::uint16_t queueNumber,
-                              std::uint32_t packetId, std::uint32_t nfVerdict,
-                              const Packet* packet) noexcept;
-
-// NetfilterVerdict maps a Verdict value to the netfilter verdict sent for it
-// (NF_ACCEPT for values without one).
-std::uint32_t NetfilterVerdict(std::uint32_t verdict) noexcept;
-
+// NfQueueInterceptor's code follows the data: lifecycle and firewall rules in
+// nfqueue_interceptor.cpp, channel set-up in nfqueue_channel.cpp, the poll and
+// reply threads with the verdict queue in nfqueue_threads.cpp.
 class NfQueueInterceptor : public qor::object::Ifaces<>,
                            private qor::ServiceLocatorProvider,
                            private qor::TracerProvider {
@@ -102,20 +69,21 @@ public:
                        qor::RefPtr<dwi::firewall::IDynamicRules> firewall);
     // Does not stop: an interceptor still started is woken and joined, its
     // rules removed by its poll thread on the way out.
-    virtual ~NfQueueInterceptor();
+    ~NfQueueInterceptor() override;
 
     // Start reserves two queues, opens their channels and starts the poll and
     // reply threads; the poll thread installs `filter` tagged `serviceName`.
     // 0x8000006A when started already.
-    virtual qor::result_t Start(const dwi::firewall::Filter& filter,
-                                IPacketEventCallback* eventCallback,
-                                const char* serviceName) noexcept;
+    [[nodiscard]] virtual qor::result_t Start(const dwi::firewall::Filter& filter,
+                                              IPacketEventCallback* eventCallback,
+                                              const char* serviceName) noexcept;
     // Stop wakes and joins both threads and closes the channels. 0x8000006A
     // when stopped already.
-    virtual qor::result_t Stop() noexcept;
+    [[nodiscard]] virtual qor::result_t Stop() noexcept;
     // SetVerdict sends or queues the verdict for `packet` on the queue it came
     // from (packet.queue 1 input, 2 output). 1 for LATER.
-    virtual qor::result_t SetVerdict(const Packet& packet, std::uint32_t verdict) noexcept;
+    [[nodiscard]] virtual qor::result_t SetVerdict(const Packet& packet,
+                                                   std::uint32_t verdict) noexcept;
 
 protected:
     // SendTo writes one whole message to the kernel; returns the byte count or
@@ -129,23 +97,23 @@ protected:
                               std::size_t length) noexcept;
 
 private:
-    qor::result_t InitNetLinkSocket();
-    qor::result_t InitNetLinkSocket(std::uint16_t queueNumber, mnl_socket** socket);
-    qor::result_t Request(mnl_socket* sock, const nlmsghdr* nlh);
-    qor::result_t SendMessage(mnl_socket* socket, const nlmsghdr* nlh);
+    [[nodiscard]] qor::result_t InitNetLinkSocket();
+    [[nodiscard]] qor::result_t InitNetLinkSocket(std::uint16_t queueNumber, mnl_socket** socket);
+    [[nodiscard]] qor::result_t Request(mnl_socket* sock, const nlmsghdr* nlh);
+    [[nodiscard]] qor::result_t SendMessage(mnl_socket* socket, const nlmsghdr* nlh);
 
-    qor::result_t AddFirewallRules();
-    qor::result_t RemoveFirewallRules();
-    qor::result_t SetFirewallRules(bool insert);
+    [[nodiscard]] qor::result_t AddFirewallRules();
+    [[nodiscard]] qor::result_t RemoveFirewallRules();
+    [[nodiscard]] qor::result_t SetFirewallRules(bool insert);
 
-    qor::result_t Run();
-    qor::result_t ReadFromSocket(const QueueEndpoint& endpoint);
+    [[nodiscard]] qor::result_t Run();
+    [[nodiscard]] qor::result_t ReadFromSocket(const QueueEndpoint& endpoint);
     int HandlePacket(const QueueEndpoint& endpoint, const nlmsghdr* nlh, const nlattr** table);
-    qor::result_t NewPacketReceived(const QueueEndpoint& endpoint, Packet& packet);
+    [[nodiscard]] qor::result_t NewPacketReceived(const QueueEndpoint& endpoint, Packet& packet);
 
-    qor::result_t SetVerdict(const QueueEndpoint& endpoint, const Packet& packet,
-                             std::uint32_t verdict);
-    qor::result_t ReplyThread();
+    [[nodiscard]] qor::result_t SetVerdict(const QueueEndpoint& endpoint, const Packet& packet,
+                                           std::uint32_t verdict);
+    [[nodiscard]] qor::result_t ReplyThread();
     // SendVerdicts sends `requests` in order, one message each; a failed one
     // is traced (as the reply thread's) and the rest still go.
     void SendVerdicts(const std::vector<VerdictRequest>& requests);

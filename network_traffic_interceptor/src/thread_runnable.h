@@ -21,24 +21,24 @@ public:
 
     // Start creates the thread and waits until it runs. Returns 0 or the
     // pthread_create error as a result code.
-    qor::result_t Start() noexcept;
+    [[nodiscard]] qor::result_t Start() noexcept;
     // Joinable is true from a successful Start to a successful Join or Detach.
     bool Joinable() const noexcept;
     // Join waits for the end of the thread and clears the joinable flag.
     // Called from the thread itself it fails with EDEADLK's code and leaves
     // the flag set.
-    qor::result_t Join() noexcept;
+    [[nodiscard]] qor::result_t Join() noexcept;
     // Detach leaves the thread to end on its own.
     void Detach() noexcept;
     // Result is what the body returned; valid after a successful Join.
-    qor::result_t Result() const noexcept { return m_result; }
+    [[nodiscard]] qor::result_t Result() const noexcept { return m_result; }
 
     // Release gives up the owner's share.
     static void Release(ThreadRunnable* thread) noexcept;
 
 protected:
     ThreadRunnable();
-    virtual qor::result_t Body() noexcept = 0;
+    [[nodiscard]] virtual qor::result_t Body() noexcept = 0;
 
 private:
     static void* Entry(void* arg) noexcept;
@@ -70,7 +70,7 @@ public:
     ThreadRunnableMemFn(T* object, Fn fn) noexcept : m_object(object), m_fn(fn) {}
 
 private:
-    qor::result_t Body() noexcept override { return (m_object->*m_fn)(); }
+    [[nodiscard]] qor::result_t Body() noexcept override { return (m_object->*m_fn)(); }
 
     T* m_object;
     Fn m_fn;
@@ -79,7 +79,8 @@ private:
 // StartThread makes a thread running `(object->*fn)()` and starts it. The
 // handle is stored in `out` in either case (not joinable after a failure).
 template <class T>
-qor::result_t StartThread(T* object, typename ThreadRunnableMemFn<T>::Fn fn, ThreadHandle& out) {
+[[nodiscard]] qor::result_t StartThread(T* object, typename ThreadRunnableMemFn<T>::Fn fn,
+                                        ThreadHandle& out) {
     out = ThreadHandle(std::make_unique<ThreadRunnableMemFn<T>>(object, fn).release());
     return out->Start();
 }

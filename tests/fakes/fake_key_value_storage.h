@@ -8,7 +8,7 @@
 
 #include "qor/object.h"
 #include "qor/storage.h"
-#include "tests/fakes/call_log.h"
+#include "tests/support/call_log.h"
 
 namespace nti::test {
 

@@ -12,7 +12,7 @@
 
 #include "qor/object.h"
 #include "qor/timer.h"
-#include "tests/fakes/call_log.h"
+#include "tests/support/call_log.h"
 
 namespace nti::test {
 

@@ -19,10 +19,16 @@ struct ITestA : qor::IObject {
     static constexpr qor::iid_t IID = 0x0000A001;
     virtual int First() noexcept = 0;
     virtual int Second() noexcept = 0;
+
+protected:
+    ~ITestA() = default;
 };
 struct ITestB : qor::IObject {
     static constexpr qor::iid_t IID = 0x0000B002;
     virtual int Third() noexcept = 0;
+
+protected:
+    ~ITestB() = default;
 };
 
 int g_destroyed = 0;
@@ -83,18 +89,20 @@ TEST(ObjectTest, ModuleLockCoversLifetimeAndFailedConstruction) {
 
 // The fixed slots of the interfaces a host implements.
 struct LocatorProbe : qor::object::Ifaces<qor::IServiceLocator> {
-    qor::result_t GetInterface(qor::iid_t iid, std::uint32_t key, void** out) noexcept override {
+    [[nodiscard]] qor::result_t GetInterface(qor::iid_t iid, std::uint32_t key,
+                                             void** out) noexcept override {
         *out = nullptr;
         return static_cast<qor::result_t>(iid + key);
     }
 };
 
 struct TracerProbe : qor::object::Ifaces<qor::ITracer> {
-    qor::result_t BeginRecord(std::uint32_t level, std::uint32_t*,
-                              qor::TraceBuffer*) noexcept override {
+    [[nodiscard]] qor::result_t BeginRecord(std::uint32_t level, std::uint32_t*,
+                                            qor::TraceBuffer*) noexcept override {
         return static_cast<qor::result_t>(level);
     }
-    qor::result_t CommitRecord(qor::TraceBuffer*, std::uint32_t length) noexcept override {
+    [[nodiscard]] qor::result_t CommitRecord(qor::TraceBuffer*,
+                                             std::uint32_t length) noexcept override {
         return static_cast<qor::result_t>(length + 1);
     }
     std::uint32_t GetMaxLevel() noexcept override { return 77; }

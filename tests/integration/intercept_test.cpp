@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <set>
 #include <thread>
 
 #include "host/fixture/netns.h"
@@ -26,7 +25,7 @@ using host::UdpSocket;
 using Clock = std::chrono::steady_clock;
 
 // Count counts the lines holding every one of `parts`.
-std::size_t Count(const std::vector<std::string>& lines, std::initializer_list<std::string> parts) {
+std::size_t Count(const std::vector<std::string>& lines, const std::vector<std::string>& parts) {
     std::size_t n = 0;
     for (const std::string& line : lines) {
         bool all = true;
@@ -94,10 +93,6 @@ protected:
         RunIn(m_net->Dut(), {"cat", "/proc/net/netfilter/nfnetlink_queue"}, &out);
         return out;
     }
-    int Ping(const char* address, int count) const {
-        return RunIn(m_net->Gen(),
-                     {"ping", "-c", std::to_string(count), "-i", "0.2", "-W", "2", address});
-    }
 
     // Sockets: a sender in gen, sinks in dut.
     std::unique_ptr<UdpSocket> Sender(int family = AF_INET) const {
@@ -161,139 +156,53 @@ protected:
     std::unique_ptr<NetnsPair> m_net;
 };
 
-TEST_F(InterceptTest, AllowAllPassesTrafficAndSeesEachRequestOnceOnTheInputQueue) {
-    auto sink = Sink(5000);
-    auto sender = Sender();
-    auto nti = StartNti({"--direction", "in", "--json", "--queue-range", "1100-1199"});
-    EXPECT_EQ(Ping(NetnsPair::kDut4, 3), 0);
-    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 5), 5);
-    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
-
-    const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"ipProtocol\":1,",
-                            "\"src\":\"198.18.0.1\"", "\"verdict\":\"ALLOW\""}),
-              3u);
-    EXPECT_EQ(Count(lines, {"\"queue\":\"in\"", "\"queueNumber\":1100", "\"ipProtocol\":17,",
-                            "\"srcPort\":40000", "\"dstPort\":5000", "\"indev\":\"d0\""}),
-              5u);
-    EXPECT_EQ(Count(lines, {"\"queue\":\"out\""}), 0u);
-    std::set<std::string> ids;
-    for (const std::string& line : lines) {
-        const std::size_t at = line.find("\"id\":");
-        if (at != std::string::npos) {
-            const std::string id = line.substr(at + 5, line.find(',', at) - at - 5);
-            EXPECT_TRUE(ids.insert(id).second) << "packet seen twice: " << line;
-        }
-    }
-    EXPECT_EQ(Count(lines, {"\"summary\"", "\"reason\":\"SIGTERM\""}), 1u);
-}
-
-TEST_F(InterceptTest, DropMakesTheSelectedPacketsVanish) {
-    auto dropped = Sink(5000);
-    auto passed = Sink(5001);
-    auto sender = Sender();
-    auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--verdict", "drop", "--json"});
-    EXPECT_EQ(Deliver(*sender, *dropped, NetnsPair::kDut4, 5000, 5, 500ms), 0);
-    EXPECT_EQ(Deliver(*sender, *passed, NetnsPair::kDut4, 5001, 2), 2);
-    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
-    const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"dstPort\":5000", "\"verdict\":\"DROP\""}), 5u);
-    EXPECT_EQ(Count(lines, {"\"dstPort\":5001"}), 0u);
-    EXPECT_EQ(Count(lines, {"\"summary\"", "\"drop\":5,"}), 1u);
-    // Rules gone: the port delivers again.
-    EXPECT_EQ(Deliver(*sender, *dropped, NetnsPair::kDut4, 5000, 1), 1);
-}
-
-TEST_F(InterceptTest, LaterVerdictDelaysDeliveryByItsTime) {
-    auto sink = Sink(5000);
-    auto sender = Sender();
-    auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--verdict", "later:200"});
-    for (int i = 0; i < 3; ++i) {
-        const auto sent = Clock::now();
-        ASSERT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 1, 3000ms), 1);
-        const auto delay = Clock::now() - sent;
-        EXPECT_GE(delay, 200ms);
-        EXPECT_LT(delay, 2000ms);
-    }
-    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
-    EXPECT_EQ(Count(nti->OutputLines(), {"later 3"}), 1u);
-}
-
-TEST_F(InterceptTest, MarkGivenWithTheVerdictIsSeenByLaterRules) {
-    // The security table's INPUT hook runs after the filter table's.
-    ASSERT_EQ(RunIn(m_net->Dut(),
-                    {"iptables", "-t", "security", "-A", "INPUT", "-p", "udp", "--dport", "5000",
-                     "-m", "mark", "--mark", "0x42", "-m", "comment", "--comment", "marked"}),
-              0);
-    auto sink = Sink(5000);
-    auto sender = Sender();
-    auto nti = StartNti({"--proto", "udp", "--local-port", "5000", "--mark", "66", "--json"});
-    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 3), 3);
-    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
-    std::string counters;
-    ASSERT_EQ(RunIn(m_net->Dut(), {"iptables-save", "-c", "-t", "security"}, &counters), 0);
-    EXPECT_NE(counters.find("[3:"), std::string::npos) << counters;
-    EXPECT_EQ(Count(nti->OutputLines(), {"\"mark\":66"}), 3u);
-}
-
-TEST_F(InterceptTest, RewrittenUdpPayloadReachesTheReceiverChanged) {
-    auto sink4 = Sink(5000);
-    auto sink6 = Sink(5000, AF_INET6);
-    auto sender4 = Sender();
-    auto sender6 = Sender(AF_INET6);
-    auto nti = StartNti(
-        {"--proto", "udp", "--local-port", "5000", "--rewrite-udp-payload", "HELLO", "--json"});
-    for (auto [sender, sink, address] :
-         {std::tuple{sender4.get(), sink4.get(), NetnsPair::kDut4},
-          std::tuple{sender6.get(), sink6.get(), NetnsPair::kDut6}}) {
-        SCOPED_TRACE(address);
-        ASSERT_TRUE(sender->SendTo(address, 5000, "hello world"));
-        std::string payload;
-        ASSERT_TRUE(sink->Receive(payload, 1000ms));
-        EXPECT_EQ(payload, "HELLO world");
+// What nti gives with a verdict reaches the kernel: the mark is seen by a
+// later hook, the rewritten payload by the receiver. Drop and later are in
+// the exactly-once test.
+TEST_F(InterceptTest, MarkAndRewrittenPayloadReachTheKernel) {
+    // The security table's INPUT hook runs after the filter table's; it drops
+    // what arrives on 5002 without the mark.
+    ASSERT_EQ(
+        RunIn(m_net->Dut(), {"iptables", "-t", "security", "-A", "INPUT", "-p", "udp", "--dport",
+                             "5002", "-m", "mark", "!", "--mark", "0x42", "-j", "DROP"}),
+        0);
+    struct Row {
+        std::vector<std::string> args;
+        int family;
+        std::uint16_t port;
+        const char* sent;
+        const char* received;
+        std::vector<std::string> line;  // in each datagram's JSON line
+    };
+    const Row rows[] = {
+        {{"--mark", "66"}, AF_INET, 5002, "x", "x", {"\"mark\":66"}},
+        {{"--rewrite-udp-payload", "HELLO"}, AF_INET, 5000, "hello", "HELLO", {"\"family\":4"}},
         // Shorter than the text: only the payload's own bytes change.
-        ASSERT_TRUE(sender->SendTo(address, 5000, "hi"));
-        ASSERT_TRUE(sink->Receive(payload, 1000ms));
-        EXPECT_EQ(payload, "HE");
+        {{"--family", "6", "--rewrite-udp-payload", "HELLO"},
+         AF_INET6,
+         5000,
+         "hi",
+         "HE",
+         {"\"family\":6", "\"src\":\"fd00:198:18::1\"", "\"ipProtocol\":17,"}},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.args[1]);
+        auto sink = Sink(r.port, r.family);
+        auto sender = Sender(r.family);
+        std::vector<std::string> args = {"--proto", "udp", "--local-port", std::to_string(r.port),
+                                         "--json"};
+        args.insert(args.end(), r.args.begin(), r.args.end());
+        auto nti = StartNti(args);
+        for (int i = 0; i < 3; ++i) {
+            ASSERT_TRUE(sender->SendTo(r.family == AF_INET ? NetnsPair::kDut4 : NetnsPair::kDut6,
+                                       r.port, r.sent));
+            std::string payload;
+            EXPECT_TRUE(sink->Receive(payload, 1000ms));
+            EXPECT_EQ(payload, r.received);
+        }
+        ASSERT_EQ(Stop(*nti), 0) << nti->Error();
+        EXPECT_EQ(Count(nti->OutputLines(), r.line), 3u);
     }
-    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
-    EXPECT_EQ(Count(nti->OutputLines(), {"\"summary\"", "\"rewritten\":4,"}), 1u);
-}
-
-TEST_F(InterceptTest, Ipv6TrafficIsInterceptedToo) {
-    auto sink = Sink(5000, AF_INET6);
-    auto sender = Sender(AF_INET6);
-    auto nti = StartNti({"--family", "6", "--json"});
-    EXPECT_EQ(Ping(NetnsPair::kDut6, 2), 0);
-    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut6, 5000, 3), 3);
-    ASSERT_EQ(Stop(*nti), 0) << nti->Error();
-    const auto lines = nti->OutputLines();
-    EXPECT_EQ(Count(lines, {"\"family\":6", "\"src\":\"fd00:198:18::1\"", "\"ipProtocol\":17,",
-                            "\"dstPort\":5000"}),
-              3u);
-    EXPECT_GE(Count(lines, {"\"family\":6", "\"ipProtocol\":58,"}), 2u);
-    EXPECT_EQ(Count(lines, {"\"family\":4"}), 0u);
-}
-
-TEST_F(InterceptTest, TwoInterceptionsWithTheirOwnTagsRunSideBySide) {
-    auto sinkA = Sink(5000);
-    auto sinkB = Sink(5001);
-    auto sender = Sender();
-    auto a = StartNti({"--tag", "alpha", "--proto", "udp", "--local-port", "5000", "--queue-range",
-                       "1100-1149", "--json"});
-    auto b = StartNti({"--tag", "beta", "--proto", "udp", "--local-port", "5001", "--queue-range",
-                       "1150-1199", "--json"});
-    EXPECT_EQ(Deliver(*sender, *sinkA, NetnsPair::kDut4, 5000, 2), 2);
-    EXPECT_EQ(Deliver(*sender, *sinkB, NetnsPair::kDut4, 5001, 3), 3);
-    ASSERT_EQ(Stop(*a), 0) << a->Error();
-    const std::string afterA = DutSave("iptables-save");
-    EXPECT_EQ(afterA.find(":alpha\""), std::string::npos);
-    EXPECT_NE(afterA.find(":beta\""), std::string::npos);
-    EXPECT_EQ(Deliver(*sender, *sinkB, NetnsPair::kDut4, 5001, 1), 1);
-    ASSERT_EQ(Stop(*b), 0) << b->Error();
-    EXPECT_EQ(Count(a->OutputLines(), {"\"queueNumber\":1100", "\"dstPort\":5000"}), 2u);
-    EXPECT_EQ(Count(b->OutputLines(), {"\"queueNumber\":1150", "\"dstPort\":5001"}), 4u);
-    EXPECT_EQ(Count(b->OutputLines(), {"\"dstPort\":5000"}), 0u);
 }
 
 // Every way a fail-closed run can end, with either firewall: afterwards no
@@ -459,27 +368,6 @@ TEST_F(InterceptTest, ExactlyOneVerdictPerDatagramUnderLoad) {
     }
 }
 
-TEST_F(InterceptTest, RulesOfAKilledRunAreRemovedByTheNextStart) {
-    auto sink = Sink(5000);
-    auto sender = Sender();
-    auto killed = StartNti({"--tag", "stale", "--proto", "udp"});
-    killed->Signal(SIGKILL);
-    ASSERT_EQ(killed->Wait(5s), 128 + SIGKILL);
-    for (const char* save : {"iptables-save", "ip6tables-save"}) {
-        ASSERT_NE(DutSave(save).find(":stale\""), std::string::npos) << save;
-    }
-    // Fail-open: with nobody on the queue the stale rule lets traffic pass.
-    EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 2), 2);
-    auto next = StartNti({"--tag", "fresh", "--proto", "udp"});
-    for (const char* save : {"iptables-save", "ip6tables-save"}) {
-        const std::string text = DutSave(save);
-        EXPECT_EQ(text.find(":stale\""), std::string::npos) << text;
-        EXPECT_NE(text.find(":fresh\""), std::string::npos) << text;
-    }
-    ASSERT_EQ(Stop(*next), 0) << next->Error();
-    EXPECT_EQ(DutSave("iptables-save").find("\"nti:"), std::string::npos);
-}
-
 TEST_F(InterceptTest, WrongArgumentsExitWithUsageAndTouchNothing) {
     for (const std::vector<std::string>& args :
          {std::vector<std::string>{"--proto", "nope"},
@@ -512,9 +400,6 @@ TEST_F(InterceptTest, CommandLineForTheLiveHost) {
         EXPECT_EQ(help.Wait(10s), 0) << command;
         EXPECT_EQ(Count(help.OutputLines(), {" in ["}), 0u) << command;
     }
-    Program version({m_bin, "--version"});
-    EXPECT_EQ(version.Wait(10s), 0);
-    EXPECT_EQ(Count(version.OutputLines(), {"nti 0."}), 1u);
 }
 
 }  // namespace

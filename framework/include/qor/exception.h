@@ -92,7 +92,7 @@ public:
 class ResultCodeException : public ExceptionBase<ResultCodeException, Exception> {
 public:
     ResultCodeException(std::string message, SourceLocation where, result_t result);
-    result_t Result() const noexcept { return m_result; }
+    [[nodiscard]] result_t Result() const noexcept { return m_result; }
 
 private:
     result_t m_result;
@@ -150,6 +150,11 @@ public:
 // inside a catch block, or with none active) and returns its code, never a
 // success. It writes one level-300 record on `tracer` (may be null) opened by
 // `context`. Never throws.
-result_t CurrentExceptionToResult(ITracer* tracer, std::string_view context) noexcept;
+[[nodiscard]] result_t CurrentExceptionToResult(ITracer* tracer, std::string_view context) noexcept;
+// TraceCurrentException is CurrentExceptionToResult where the code has nowhere
+// to go (destructors, callbacks): the record is all that is left of it.
+inline void TraceCurrentException(ITracer* tracer, std::string_view context) noexcept {
+    static_cast<void>(CurrentExceptionToResult(tracer, context));
+}
 
 }  // namespace qor

@@ -18,13 +18,15 @@ namespace detail {
 class ReadOnlyIo : public object::Ifaces<IIo> {
 public:
     explicit ReadOnlyIo(const ByteVector& data) noexcept : m_data(data) {}
-    result_t GetSize(std::uint64_t* size) noexcept override;
-    result_t Read(std::uint64_t offset, void* buffer, std::size_t size,
-                  std::size_t* read) noexcept override;
-    result_t Write(std::uint64_t, const void*, std::size_t) noexcept override {
+    [[nodiscard]] result_t GetSize(std::uint64_t* size) noexcept override;
+    [[nodiscard]] result_t Read(std::uint64_t offset, void* buffer, std::size_t size,
+                                std::size_t* read) noexcept override;
+    [[nodiscard]] result_t Write(std::uint64_t, const void*, std::size_t) noexcept override {
         return errors::kAccessDenied;
     }
-    result_t SetSize(std::uint64_t) noexcept override { return errors::kAccessDenied; }
+    [[nodiscard]] result_t SetSize(std::uint64_t) noexcept override {
+        return errors::kAccessDenied;
+    }
 
 private:
     const ByteVector& m_data;
@@ -33,8 +35,9 @@ private:
 class ReadWriteIo : public ReadOnlyIo {
 public:
     explicit ReadWriteIo(ByteVector& data) noexcept : ReadOnlyIo(data), m_data(data) {}
-    result_t Write(std::uint64_t offset, const void* data, std::size_t size) noexcept override;
-    result_t SetSize(std::uint64_t size) noexcept override;
+    [[nodiscard]] result_t Write(std::uint64_t offset, const void* data,
+                                 std::size_t size) noexcept override;
+    [[nodiscard]] result_t SetSize(std::uint64_t size) noexcept override;
 
 private:
     ByteVector& m_data;
@@ -45,7 +48,7 @@ private:
 // CreateReadWriteIo makes an IO that reads and writes `buffer` in place.
 // Returns 0; throws std::bad_alloc when the object cannot be allocated.
 template <class Traits>
-result_t CreateReadWriteIo(ByteVector& buffer, IIo** out) {
+[[nodiscard]] result_t CreateReadWriteIo(ByteVector& buffer, IIo** out) {
     static_assert(std::is_same_v<Traits, ExternalStorageTraits>);
     if (out == nullptr) {
         return errors::kInvalidArgument;
@@ -56,7 +59,7 @@ result_t CreateReadWriteIo(ByteVector& buffer, IIo** out) {
 
 // CreateReadOnlyIo makes an IO that reads `blob`; writes are refused.
 template <class Traits>
-result_t CreateReadOnlyIo(const ByteVector& blob, IIo** out) {
+[[nodiscard]] result_t CreateReadOnlyIo(const ByteVector& blob, IIo** out) {
     static_assert(std::is_same_v<Traits, ExternalStorageTraits>);
     if (out == nullptr) {
         return errors::kInvalidArgument;

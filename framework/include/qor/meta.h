@@ -91,8 +91,8 @@ AnyRef MakeAnyRef(T& object, const meta::TypeDescriptor* type) noexcept {
 struct IMetaInfoProvider : IObject {
     static constexpr iid_t IID = 0xFE7DA4E6;
     // GetTypeInfo stores the descriptor of `typeId`; 0x8000004C when unknown.
-    virtual result_t GetTypeInfo(std::uint32_t typeId,
-                                 const meta::TypeDescriptor** out) noexcept = 0;
+    [[nodiscard]] virtual result_t GetTypeInfo(std::uint32_t typeId,
+                                               const meta::TypeDescriptor** out) noexcept = 0;
 
 protected:
     ~IMetaInfoProvider() = default;
@@ -102,10 +102,10 @@ protected:
 struct IStructMetaInfoRegistry : IObject {
     static constexpr iid_t IID = 0x2D6B0E91;
     // EnumerateTypes appends the registry's top-level type ids to `ids`.
-    virtual result_t EnumerateTypes(std::vector<std::uint32_t>& ids) noexcept = 0;
+    [[nodiscard]] virtual result_t EnumerateTypes(std::vector<std::uint32_t>& ids) noexcept = 0;
     // GetTypeInfo is the same lookup as IMetaInfoProvider's.
-    virtual result_t GetTypeInfo(std::uint32_t typeId,
-                                 const meta::TypeDescriptor** out) noexcept = 0;
+    [[nodiscard]] virtual result_t GetTypeInfo(std::uint32_t typeId,
+                                               const meta::TypeDescriptor** out) noexcept = 0;
 
 protected:
     ~IStructMetaInfoRegistry() = default;
@@ -114,7 +114,7 @@ protected:
 // IObjectFactory creates objects of one class.
 struct IObjectFactory : IObject {
     static constexpr iid_t IID = 0x0BF1C7A4;
-    virtual result_t CreateInstance(iid_t iid, void** out) noexcept = 0;
+    [[nodiscard]] virtual result_t CreateInstance(iid_t iid, void** out) noexcept = 0;
 
 protected:
     ~IObjectFactory() = default;

@@ -27,7 +27,7 @@ struct IObject {
     virtual std::uint32_t Release() noexcept = 0;
     // QueryInterface stores a new reference in `*out` when the object offers
     // `iid`; otherwise returns 0x80000001 and stores nothing.
-    virtual result_t QueryInterface(iid_t iid, void** out) noexcept = 0;
+    [[nodiscard]] virtual result_t QueryInterface(iid_t iid, void** out) noexcept = 0;
 
 protected:
     IObject() = default;
@@ -90,7 +90,7 @@ private:
 
 // QueryInterfaceAs asks `obj` for interface T.
 template <class T, class U>
-result_t QueryInterfaceAs(U* obj, RefPtr<T>& out) noexcept {
+[[nodiscard]] result_t QueryInterfaceAs(U* obj, RefPtr<T>& out) noexcept {
     if (obj == nullptr) {
         return errors::kInvalidArgument;
     }
@@ -106,15 +106,29 @@ namespace object {
 // Ifaces lists the interfaces an implementation offers; the first one also
 // answers for IObject. An empty list is a plain IObject. Implementations
 // derive from exactly one Ifaces<...>.
+// The destructor is virtual so that no implementation class has an accessible
+// non-virtual one; only ObjectImpl (final) deletes, so calls stay direct.
 template <class... I>
 class Ifaces : public I... {
 public:
     using IfaceList = Ifaces;
+
+protected:
+    Ifaces() = default;
+    Ifaces(const Ifaces&) = default;
+    Ifaces& operator=(const Ifaces&) = default;
+    virtual ~Ifaces() = default;
 };
 template <>
 class Ifaces<> : public IObject {
 public:
     using IfaceList = Ifaces;
+
+protected:
+    Ifaces() = default;
+    Ifaces(const Ifaces&) = default;
+    Ifaces& operator=(const Ifaces&) = default;
+    virtual ~Ifaces() = default;
 };
 
 namespace detail {
@@ -172,7 +186,7 @@ public:
         }
         return left;
     }
-    result_t QueryInterface(iid_t iid, void** out) noexcept override {
+    [[nodiscard]] result_t QueryInterface(iid_t iid, void** out) noexcept override {
         if (out == nullptr) {
             return errors::kInvalidArgument;
         }

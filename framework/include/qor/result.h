@@ -81,7 +81,7 @@ void AppendFormattedResult(std::string& out, result_t code);
 // ErrnoToResult maps a POSIX error number to a result code. Values above
 // 65535 (negative numbers are seen as unsigned) map to 0x80010100; values
 // without a dedicated code map to 0x80060000 | errno.
-result_t ErrnoToResult(int error) noexcept;
+[[nodiscard]] result_t ErrnoToResult(int error) noexcept;
 
 // ErrnoText returns strerror-like text for `error`, thread-safe.
 std::string ErrnoText(int error);

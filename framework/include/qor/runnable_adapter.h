@@ -19,7 +19,7 @@ public:
     RunnableAdapter(T* target, Method method, Arg argument) noexcept
         : m_target(target), m_method(method), m_argument(argument) {}
 
-    result_t Run() noexcept override { return (m_target->*m_method)(m_argument); }
+    [[nodiscard]] result_t Run() noexcept override { return (m_target->*m_method)(m_argument); }
 
 private:
     T* m_target;

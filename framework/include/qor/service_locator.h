@@ -15,7 +15,8 @@ struct IServiceLocator : IObject {
     // GetInterface stores a new reference to the service `iid` registered under
     // `serviceKey` (modules pass 0) in `*out`. Returns 0x80000001 when the host
     // has no such service; `*out` is untouched then.
-    virtual result_t GetInterface(iid_t iid, std::uint32_t serviceKey, void** out) noexcept = 0;
+    [[nodiscard]] virtual result_t GetInterface(iid_t iid, std::uint32_t serviceKey,
+                                                void** out) noexcept = 0;
 
 protected:
     ~IServiceLocator() = default;
@@ -45,14 +46,15 @@ struct CreationContext {
 extern "C" {
 // qorCreateObject creates an instance of class `clsid` and stores an owning
 // reference in `*out`. Returns 0x80000100 for an unknown class. Never throws.
-qor::result_t qorCreateObject(std::uint32_t clsid, const qor::CreationContext* context,
-                              qor::IObject** out);
+[[nodiscard]] qor::result_t qorCreateObject(std::uint32_t clsid,
+                                            const qor::CreationContext* context,
+                                            qor::IObject** out);
 // qorGetObjectFactory stores the factory of class `clsid` in `*out`, or null
 // with 0x80000043 for a class without one.
-qor::result_t qorGetObjectFactory(qor::IServiceLocator* locator, std::uint32_t clsid,
-                                  qor::IObject** out);
+[[nodiscard]] qor::result_t qorGetObjectFactory(qor::IServiceLocator* locator, std::uint32_t clsid,
+                                                qor::IObject** out);
 // qorCanUnloadModule returns 0 when no object of the module lives, else 1.
-qor::result_t qorCanUnloadModule();
+[[nodiscard]] qor::result_t qorCanUnloadModule();
 }
 
 namespace qor {

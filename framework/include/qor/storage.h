@@ -10,11 +10,13 @@ namespace app_core::component {
 struct IKeyValueStorage : qor::IObject {
     static constexpr qor::iid_t IID = 0xB40A643B;
     // GetValue copies the value of `key` into `value`; 0x8000004C when absent.
-    virtual qor::result_t GetValue(const char* key, qor::ByteVector& value) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t GetValue(const char* key,
+                                                 qor::ByteVector& value) noexcept = 0;
     // SetValue stores `value` under `key` atomically (old or new, never torn).
-    virtual qor::result_t SetValue(const char* key, const qor::ByteVector& value) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t SetValue(const char* key,
+                                                 const qor::ByteVector& value) noexcept = 0;
     // DeleteValue removes `key`; 0 also when it was absent.
-    virtual qor::result_t DeleteValue(const char* key) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t DeleteValue(const char* key) noexcept = 0;
 
 protected:
     ~IKeyValueStorage() = default;

@@ -10,7 +10,7 @@ namespace qor {
 // IRunnable is something a host thread runs.
 struct IRunnable : IObject {
     static constexpr iid_t IID = 0x3B1E2F70;
-    virtual result_t Run() noexcept = 0;
+    [[nodiscard]] virtual result_t Run() noexcept = 0;
 
 protected:
     ~IRunnable() = default;
@@ -22,11 +22,12 @@ struct ITimer : IObject {
     // SetRepeated calls `runnable` every `period` milliseconds, first after one
     // period. Holds a reference until cancelled. Setting a runnable that is
     // already scheduled reschedules it.
-    virtual result_t SetRepeated(IRunnable* runnable, std::uint32_t period) noexcept = 0;
+    [[nodiscard]] virtual result_t SetRepeated(IRunnable* runnable,
+                                               std::uint32_t period) noexcept = 0;
     // CancelAndWait stops the calls of `runnable` and waits for a running one
     // to finish. 0x8000004C when it was not scheduled. Must not be called from
     // the runnable itself.
-    virtual result_t CancelAndWait(IRunnable* runnable) noexcept = 0;
+    [[nodiscard]] virtual result_t CancelAndWait(IRunnable* runnable) noexcept = 0;
 
 protected:
     ~ITimer() = default;

@@ -25,12 +25,12 @@
 #include <utility>
 #include <vector>
 
+#include "dwi_common/ip_protocol.h"
 #include "host/cli/commands/commands.h"
 #include "host/cli/commands/stats_format.h"
 #include "host/cli/net_admin.h"
 #include "host/fixture/netns.h"
 #include "host/fixture/traffic.h"
-#include "host/services/ip_protocol.h"
 #include "host/services/process.h"
 #include "network_traffic_interceptor/connection_counters.h"
 #include "network_traffic_interceptor/network_interceptor.h"
@@ -43,6 +43,7 @@ namespace {
 
 namespace ni = dwi::network_interceptor;
 namespace st = system_interceptors::net::statistics;
+using dwi::network::ProtocolName;
 using namespace std::chrono_literals;
 
 constexpr std::uint16_t kAllowedUdpPort = 7001;
@@ -86,7 +87,8 @@ public:
     DemoConsumer(std::uint16_t droppedPort, bool quiet)
         : m_droppedPort(droppedPort), m_quiet(quiet) {}
 
-    qor::result_t OnPacketReceived(ni::Packet& packet, ni::Verdict& verdict) noexcept override {
+    [[nodiscard]] qor::result_t OnPacketReceived(ni::Packet& packet,
+                                                 ni::Verdict& verdict) noexcept override {
         ni::ParsedPacket parsed;
         std::string line;
         try {
@@ -392,10 +394,12 @@ int RunDemo(const CommonOptions& common, const DemoOptions& options) {
                   std::to_string(udp6.bytesIn) + " bytes in, " + std::to_string(udp6.packetsOut) +
                   " / " + std::to_string(udp6.bytesOut) + " out");
         if (counters) {
-            counters->UnregisterCollector(kCollectorId);
+            // The demo ends either way: nothing is left to undo when this fails.
+            static_cast<void>(counters->UnregisterCollector(kCollectorId));
         }
     }
-    host.Shutdown();
+    // A module that cannot unload yet goes with the process.
+    static_cast<void>(host.Shutdown());
     RunCommand({"rm", "-rf", stateDir});
     if (g_cancel) {
         std::printf("== Interrupted; everything made was removed\n");

@@ -184,14 +184,15 @@ public:
         int countReachedFd = -1;
     };
 
-    explicit Consumer(Settings settings) : m_settings(settings) {}
+    explicit Consumer(Settings settings) : m_settings(std::move(settings)) {}
 
     // SetQueues and SetDelayed complete the consumer once the interception
     // runs; no packet arrives before the firewall rules are in.
     void SetQueues(std::uint16_t first) { m_firstQueue = first; }
     void SetDelayed(Delayed* delayed) { m_delayed.store(delayed); }
 
-    qor::result_t OnPacketReceived(Packet& packet, Verdict& verdict) noexcept override {
+    [[nodiscard]] qor::result_t OnPacketReceived(Packet& packet,
+                                                 Verdict& verdict) noexcept override {
         const std::uint32_t queue = packet.queue <= 2 ? packet.queue : 0;
         ++m_perQueue[queue];
         const bool rewritten = !m_settings.rewrite.empty() && RewriteUdp(packet);

@@ -8,10 +8,13 @@
 #include <vector>
 
 #include "dwi/firewall/rules.h"
-#include "host/services/ip_protocol.h"
+#include "dwi_common/ip_protocol.h"
 #include "network_traffic_interceptor/verdict.h"
 
 namespace nti::host {
+
+using dwi::network::ParseProtocol;
+using dwi::network::ProtocolName;
 
 // Each Parse* returns nullopt for text it does not accept.
 

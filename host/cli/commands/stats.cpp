@@ -254,11 +254,13 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
             }
         }
         if (o.unregister) {
-            counters->UnregisterCollector(o.id);
+            // The run ends either way: nothing is left to undo when this fails.
+            static_cast<void>(counters->UnregisterCollector(o.id));
         }
         // Releasing the service saves what was not read yet.
     }
-    host.Shutdown();
+    // A module that cannot unload yet goes with the process.
+    static_cast<void>(host.Shutdown());
     return exitCode;
 }
 

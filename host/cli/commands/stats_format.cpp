@@ -11,11 +11,13 @@
 #include <map>
 #include <tuple>
 
-#include "host/services/ip_protocol.h"
+#include "dwi_common/ip_protocol.h"
 #include "host/services/json_records.h"
 
 namespace nti::host {
 
+using dwi::network::HasPorts;
+using dwi::network::ProtocolName;
 using system_interceptors::net::statistics::ConnectionCounter;
 using system_interceptors::net::statistics::IntervalCounters;
 using system_interceptors::net::statistics::ip_t;

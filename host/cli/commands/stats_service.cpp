@@ -55,7 +55,7 @@ Sinks OpenSinks(const ServiceConfig& config, std::string& error) {
                 break;
         }
         if (!sink) {
-            error = "[" + s.name + "] " + error;
+            error.insert(0, "[" + s.name + "] ");
             return {};
         }
         sinks.push_back(std::move(sink));
@@ -229,7 +229,8 @@ int RunService(CommonOptions common, const std::string& configPath) {
             (void)counters->UnregisterCollector(flushId);
         }
     }
-    host.Shutdown();
+    // A module that cannot unload yet goes with the process.
+    static_cast<void>(host.Shutdown());
     return exitCode;
 }
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <tuple>
 
+#include "dwi_common/ticks.h"
 #include "host/cli/service/service_config.h"
 
 namespace nti::host {
@@ -17,8 +18,7 @@ using system_interceptors::net::statistics::ConnectionCounter;
 using system_interceptors::net::statistics::IntervalCounters;
 using system_interceptors::net::statistics::ip_t;
 
-constexpr std::uint64_t kTicksPerSecond = 10'000'000;
-constexpr std::uint64_t kUnixEpochTicks = 116'444'736'000'000'000;
+using dwi::ticks::kTicksPerSecond;
 
 // Times are the records' own 100-ns ticks, so rows read back equal what the
 // JSON sink wrote; the indexes serve --since and --addr.
@@ -160,7 +160,7 @@ public:
             sqlite3_bind_int64(s, 16, static_cast<sqlite3_int64>(c.packetsReceived));
             sqlite3_bind_int64(s, 17, static_cast<sqlite3_int64>(c.bytesReceived));
             if (sqlite3_step(s) != SQLITE_DONE) {
-                const std::string error = DbError(db, "insert");
+                std::string error = DbError(db, "insert");
                 sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
                 return error;
             }
@@ -172,13 +172,13 @@ public:
             sqlite3_bind_int64(m_expire.get(), 1,
                                static_cast<sqlite3_int64>(now > keep ? now - keep : 0));
             if (sqlite3_step(m_expire.get()) != SQLITE_DONE) {
-                const std::string error = DbError(db, "expire");
+                std::string error = DbError(db, "expire");
                 sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
                 return error;
             }
         }
         if (sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
-            const std::string error = DbError(db, "commit");
+            std::string error = DbError(db, "commit");
             sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
             return error;
         }
@@ -199,8 +199,7 @@ private:
 std::uint64_t NowTicks() {
     timespec ts{};
     clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<std::uint64_t>(ts.tv_sec) * kTicksPerSecond +
-           static_cast<std::uint64_t>(ts.tv_nsec) / 100 + kUnixEpochTicks;
+    return dwi::ticks::FromUnix(ts);
 }
 
 std::unique_ptr<IIntervalSink> OpenHistorySink(const std::string& name, const std::string& path,
@@ -297,7 +296,7 @@ std::optional<std::uint64_t> ParseSince(const std::string& text, std::uint64_t n
     if (unix < 0) {
         return std::nullopt;
     }
-    return static_cast<std::uint64_t>(unix) * kTicksPerSecond + kUnixEpochTicks;
+    return dwi::ticks::FromUnix(static_cast<std::uint64_t>(unix));
 }
 
 }  // namespace nti::host

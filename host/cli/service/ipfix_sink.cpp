@@ -11,6 +11,8 @@
 #include <cstring>
 #include <map>
 
+#include "dwi_common/ticks.h"
+
 namespace nti::host {
 namespace {
 
@@ -18,7 +20,6 @@ using system_interceptors::net::statistics::ConnectionCounter;
 using system_interceptors::net::statistics::IntervalCounters;
 using system_interceptors::net::statistics::ip_t;
 
-constexpr std::uint64_t kUnixEpochTicks = 116'444'736'000'000'000;
 constexpr std::uint64_t kTicksPerMilli = 10'000;
 
 // FlowRecord is the in-memory record the internal template describes,
@@ -263,7 +264,7 @@ private:
                Take(error);
     }
     static std::uint64_t Millis(std::uint64_t ticks) {
-        return ticks > kUnixEpochTicks ? (ticks - kUnixEpochTicks) / kTicksPerMilli : 0;
+        return dwi::ticks::SinceUnixEpoch(ticks) / kTicksPerMilli;
     }
     static std::uint32_t Word(const ip_t& ip) {
         std::uint32_t word = 0;

@@ -6,6 +6,7 @@
 #include "host/cli/commands/stats_format.h"
 #include "host/cli/service/interval_sink.h"
 #include "host/services/json_records.h"
+#include "qor/result.h"
 
 namespace nti::host {
 namespace {
@@ -33,7 +34,7 @@ public:
             std::fflush(m_file) != 0) {
             const int error = errno;
             std::clearerr(m_file);
-            return std::string("cannot write: ") + std::strerror(error);
+            return std::string("cannot write: ") + qor::ErrnoText(error);
         }
         return {};
     }
@@ -54,7 +55,7 @@ std::unique_ptr<IIntervalSink> OpenJsonLinesSink(const std::string& name, const 
     }
     std::FILE* file = std::fopen(path.c_str(), "ae");
     if (file == nullptr) {
-        error = path + ": " + std::strerror(errno);
+        error = path + ": " + qor::ErrnoText(errno);
         return nullptr;
     }
     return std::make_unique<JsonLinesSink>(name, file, true);

@@ -21,14 +21,15 @@ struct IConnectionCounters : qor::IObject {
     static constexpr qor::iid_t IID = 0x5E1D0C3A;
 
     // RegisterCollector starts (or keeps, returning 1) collector `id`.
-    virtual qor::result_t RegisterCollector(std::uint32_t id, PeriodAlignment periodAlignment,
-                                            std::uint32_t period) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t RegisterCollector(std::uint32_t id,
+                                                          PeriodAlignment periodAlignment,
+                                                          std::uint32_t period) noexcept = 0;
     // ReadCounters takes the collector's closed intervals (swapped with
     // `counters`). 0x8000004C for an unknown id.
-    virtual qor::result_t ReadCounters(std::uint32_t id,
-                                       std::vector<IntervalCounters>& counters) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t ReadCounters(
+        std::uint32_t id, std::vector<IntervalCounters>& counters) noexcept = 0;
     // UnregisterCollector drops collector `id`; 1 when it was not registered.
-    virtual qor::result_t UnregisterCollector(std::uint32_t id) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t UnregisterCollector(std::uint32_t id) noexcept = 0;
 
 protected:
     ~IConnectionCounters() = default;

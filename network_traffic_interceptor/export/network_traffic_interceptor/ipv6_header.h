@@ -24,12 +24,12 @@ inline std::uint32_t LoadBe32(const std::uint8_t* p) noexcept {
 }
 
 // LoadBe128 reads a big-endian 128-bit number (an IPv6 address) at `p`.
-inline unsigned __int128 LoadBe128(const std::uint8_t* p) noexcept {
+inline __uint128_t LoadBe128(const std::uint8_t* p) noexcept {
     std::uint64_t high;
     std::uint64_t low;
     std::memcpy(&high, p, sizeof(high));
     std::memcpy(&low, p + sizeof(high), sizeof(low));
-    return (static_cast<unsigned __int128>(__builtin_bswap64(high)) << 64) | __builtin_bswap64(low);
+    return (static_cast<__uint128_t>(__builtin_bswap64(high)) << 64) | __builtin_bswap64(low);
 }
 
 }  // namespace wire
@@ -65,8 +65,8 @@ public:
     std::uint16_t PayloadLength() const noexcept { return wire::LoadBe16(m_bytes + 4); }
     std::uint8_t NextHeader() const noexcept { return m_bytes[6]; }
     std::uint8_t HopLimit() const noexcept { return m_bytes[7]; }
-    unsigned __int128 SourceAddress() const noexcept { return wire::LoadBe128(m_bytes + 8); }
-    unsigned __int128 DestinationAddress() const noexcept { return wire::LoadBe128(m_bytes + 24); }
+    __uint128_t SourceAddress() const noexcept { return wire::LoadBe128(m_bytes + 8); }
+    __uint128_t DestinationAddress() const noexcept { return wire::LoadBe128(m_bytes + 24); }
 };
 
 // Next-header values of the extension headers that parsing steps over.

@@ -23,7 +23,8 @@ inline constexpr std::uint32_t kCrashClassId = 0xBAD1BAD1;
 struct IPacketEventCallback : qor::IObject {
     static constexpr qor::iid_t IID = 0x7A3C51E2;
 
-    virtual qor::result_t OnPacketReceived(Packet& packet, Verdict& verdict) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t OnPacketReceived(Packet& packet,
+                                                         Verdict& verdict) noexcept = 0;
 
 protected:
     ~IPacketEventCallback() = default;
@@ -36,15 +37,16 @@ struct INetworkInterceptor : qor::IObject {
     // StartInterception queues the traffic that `filter` selects to `event`.
     // `serviceName` tags the firewall rules. The event's address is the key of
     // the interception.
-    virtual qor::result_t StartInterception(IPacketEventCallback* event,
-                                            const firewall::Filter& filter,
-                                            const char* serviceName) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t StartInterception(IPacketEventCallback* event,
+                                                          const firewall::Filter& filter,
+                                                          const char* serviceName) noexcept = 0;
     // StopInterception stops the interception of `event` and removes its rules.
-    virtual qor::result_t StopInterception(IPacketEventCallback* event) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t StopInterception(IPacketEventCallback* event) noexcept = 0;
     // SetVerdict gives the final verdict for a packet first answered LATER.
     // May be called from any thread.
-    virtual qor::result_t SetVerdict(IPacketEventCallback* event, const Packet& packet,
-                                     std::uint32_t verdict) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t SetVerdict(IPacketEventCallback* event,
+                                                   const Packet& packet,
+                                                   std::uint32_t verdict) noexcept = 0;
 
 protected:
     ~INetworkInterceptor() = default;

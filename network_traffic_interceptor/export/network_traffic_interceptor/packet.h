@@ -29,7 +29,7 @@ struct ByteRange {
 // in host order (the low 32 bits for IPv4); `port` is 0 for protocols without
 // ports; `version` is 4 or 6, 0 while unknown.
 struct PacketEndpoint {
-    unsigned __int128 address = 0;
+    __uint128_t address = 0;
     std::uint16_t port = 0;
     std::uint8_t version = 0;
 
@@ -49,7 +49,9 @@ public:
 
     std::uint8_t Version() const noexcept { return m_bytes[0] >> 4; }
     // HeaderLength is the IHL field in bytes (options included).
-    std::size_t HeaderLength() const noexcept { return (m_bytes[0] & 0x0Fu) * 4u; }
+    std::size_t HeaderLength() const noexcept {
+        return static_cast<std::size_t>(m_bytes[0] & 0x0Fu) * 4u;
+    }
     std::uint8_t TypeOfService() const noexcept { return m_bytes[1]; }
     std::uint16_t TotalLength() const noexcept { return wire::LoadBe16(m_bytes + 2); }
     std::uint16_t Identification() const noexcept { return wire::LoadBe16(m_bytes + 4); }
@@ -77,7 +79,9 @@ public:
     std::uint32_t AcknowledgementNumber() const noexcept { return wire::LoadBe32(m_bytes + 8); }
     // DataOffset is the header length in bytes (options included) as the
     // header states it; it is not checked against the packet.
-    std::size_t DataOffset() const noexcept { return (m_bytes[12] >> 4) * 4u; }
+    std::size_t DataOffset() const noexcept {
+        return static_cast<std::size_t>(m_bytes[12] >> 4u) * 4u;
+    }
     // Flags is byte 13: CWR ECE URG ACK PSH RST SYN FIN from the high bit down.
     std::uint8_t Flags() const noexcept { return m_bytes[13]; }
     std::uint16_t Window() const noexcept { return wire::LoadBe16(m_bytes + 14); }
@@ -157,7 +161,7 @@ public:
     // throws qor::CheckFailedException; fields parsed before it stay set.
     // IPv6 extension headers are skipped by the rule of Ipv6ExtensionLength.
     // Never allocates unless it throws.
-    qor::result_t Parse(ByteRange payload, bool requirePorts);
+    [[nodiscard]] qor::result_t Parse(ByteRange payload, bool requirePorts);
 
     // Protocol is the IPv4 protocol or the final IPv6 next-header value.
     std::uint8_t Protocol() const noexcept { return m_protocol; }

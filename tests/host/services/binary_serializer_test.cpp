@@ -7,7 +7,7 @@
 
 #include "host/services/allocator.h"
 #include "network_traffic_interceptor/src/statistics_meta.h"
-#include "tests/host/statistics_samples.h"
+#include "tests/support/statistics_samples.h"
 
 namespace nti::host {
 namespace {
@@ -64,21 +64,15 @@ TEST_F(BinarySerializerTest, EveryRecordTypeRoundTrips) {
               0);
     EXPECT_EQ(intervalBack, interval);
 
+    auto ip = test::Ipv6Sample();  // nested types also stand on their own
+    stats::ip_t ipBack;
+    ASSERT_EQ(Decode(Encode(ip, stats::kIpTypeId), ipBack, stats::kIpTypeId), 0);
+    EXPECT_EQ(ipBack, ip);
+
     data::Collectors none;
     data::Collectors noneBack = test::SampleCollectors();
     ASSERT_EQ(Decode(Encode(none, data::kCollectorsTypeId), noneBack, data::kCollectorsTypeId), 0);
     EXPECT_TRUE(noneBack.collectors.empty());
-}
-
-TEST_F(BinarySerializerTest, NestedTypesRoundTripOnTheirOwn) {
-    auto ip = test::Ipv6Sample();
-    stats::ip_t ipBack;
-    ASSERT_EQ(Decode(Encode(ip, stats::kIpTypeId), ipBack, stats::kIpTypeId), 0);
-    EXPECT_EQ(ipBack, ip);
-    stats::ipv4_t v4{{10, 0, 0, 1}};
-    stats::ipv4_t v4Back;
-    ASSERT_EQ(Decode(Encode(v4, stats::kIpv4TypeId), v4Back, stats::kIpv4TypeId), 0);
-    EXPECT_EQ(v4Back, v4);
 }
 
 TEST_F(BinarySerializerTest, WritesTheVersionedSelfDescribingForm) {
@@ -147,26 +141,6 @@ TEST_F(BinarySerializerTest, DamagedOrForeignInputFails) {
         data::Collectors back;
         EXPECT_EQ(Decode(c.bytes, back, data::kCollectorsTypeId), c.result);
     }
-}
-
-TEST_F(BinarySerializerTest, EveryBitFlipFailsOrDecodesCleanly) {
-    auto collectors = test::SampleCollectors();
-    const auto good = Encode(collectors, data::kCollectorsTypeId);
-    int failures = 0;
-    for (std::size_t i = 0; i < good.size(); ++i) {
-        for (int bit = 0; bit < 8; ++bit) {
-            auto bytes = good;
-            bytes[i] ^= static_cast<std::uint8_t>(1u << bit);
-            data::Collectors back;
-            const qor::result_t result = Decode(bytes, back, data::kCollectorsTypeId);
-            if (QOR_SUCCEEDED(result)) {
-                EXPECT_EQ(result, 0);  // a flip inside a value can still be well formed
-            } else {
-                ++failures;
-            }
-        }
-    }
-    EXPECT_GT(failures, 0);
 }
 
 TEST_F(BinarySerializerTest, ValuesOutOfRangeOrOfTheWrongKindFail) {

@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "host/services/host_context.h"
 #include "host/services/iptables_info_provider.h"
+#include "qor/serializer.h"
+#include "qor/storage.h"
 
 namespace nti::host {
 namespace {
@@ -32,12 +36,15 @@ TEST(HostContextTest, OffersTheStatisticsServicesThroughItsLocator) {
     options.module = module;
     options.ip6tables = false;
     options.nflogBypassMark = 0x1234;
+    options.stateDir = "/tmp/nti-host-services-test-" + std::to_string(getpid());
     HostContext host;
     ASSERT_EQ(host.Open(options), 0) << host.Error();
 
-    for (const qor::iid_t iid : {qor::ITimer::IID, dwi::firewall::INflogListenerFactory::IID,
-                                 dwi::firewall::IIptablesInfoProvider::IID,
-                                 dwi::firewall::IStartupDataProvider::IID, qor::ITracer::IID}) {
+    for (const qor::iid_t iid :
+         {qor::ITimer::IID, dwi::firewall::INflogListenerFactory::IID,
+          dwi::firewall::IIptablesInfoProvider::IID, dwi::firewall::IStartupDataProvider::IID,
+          qor::ITracer::IID, qor::IAllocator::IID, qor::IBinarySerializer::IID,
+          qor::IMetaInfoProvider::IID, app_core::component::IKeyValueStorage::IID}) {
         qor::RefPtr<qor::IObject> service;
         EXPECT_EQ(host.Locator().GetInterface(iid, 0, service.RefVoid()), 0) << std::hex << iid;
     }
@@ -55,6 +62,8 @@ TEST(HostContextTest, OffersTheStatisticsServicesThroughItsLocator) {
     std::uint32_t info = 1;
     EXPECT_EQ(iptables->GetIptablesInfo(&info), 0);
     EXPECT_EQ(info, 0u);
+    // Nothing is written before the storage is used.
+    EXPECT_FALSE(std::filesystem::exists(options.stateDir));
     startup.Reset();
     iptables.Reset();
     EXPECT_EQ(host.Shutdown(), 0);  // nothing of the module is held

@@ -45,15 +45,6 @@ void Restore(const char* program, const std::string& script) {
     ASSERT_EQ(out.exitCode, 0) << out.err;
 }
 
-pid_t DeadPid() {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::_exit(0);
-    }
-    ::waitpid(pid, nullptr, 0);
-    return pid;
-}
-
 class DynamicRulesNetnsTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(::unshare(CLONE_NEWNET), 0) << "needs CAP_SYS_ADMIN"; }
@@ -200,28 +191,6 @@ TEST_F(DynamicRulesNetnsTest, RuleDeletedBehindItsBackDoesNotKeepOthers) {
     EXPECT_EQ(OurLines("iptables-save").size(), 6u);
     EXPECT_EQ(OurLines("ip6tables-save").size(), 6u);
     EXPECT_EQ(rules->InstalledCount(), 0u);
-}
-
-TEST_F(DynamicRulesNetnsTest, InitializeSweepsRulesOfEndedRunsOnly) {
-    auto rules = Make();
-    const std::string dead = std::to_string(DeadPid());
-    const std::string script = "*filter\n-A NTI_IN -m comment --comment \"nti:" + dead +
-                               ":old\" -j NFQUEUE --queue-num 5\n"
-                               "-A NTI_OUT -m comment --comment \"nti:1:init\" -j ACCEPT\n"
-                               "-A NTI_OUT -m comment --comment \"foreign\" -j ACCEPT\nCOMMIT\n";
-    Restore("iptables-restore", script);
-    Restore("ip6tables-restore", script);
-    ASSERT_EQ(rules->AddRules({Udp(0, 1, 1)}, "mine"), 0);
-
-    auto next = Make();
-    for (const char* save : {"iptables-save", "ip6tables-save"}) {
-        SCOPED_TRACE(save);
-        const std::string text = Save(save);
-        EXPECT_EQ(text.find(":old"), std::string::npos);
-        EXPECT_NE(text.find("nti:1:init"), std::string::npos);
-        EXPECT_NE(text.find("foreign"), std::string::npos);
-        EXPECT_NE(text.find("nti:" + m_me + ":mine"), std::string::npos);
-    }
 }
 
 TEST_F(DynamicRulesNetnsTest, ExceptionEscapingAThreadRemovesRulesAndChainsBeforeTheAbort) {

@@ -18,7 +18,6 @@ namespace {
 using nti::host::JournalPriority;
 using nti::host::JournalTracer;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::MatchesRegex;
 
 TEST(JournalPriorityTest, LevelBoundaries) {
@@ -147,30 +146,6 @@ TEST(JournalTracerTest, MissingSocketFallsBackWithoutSending) {
     EXPECT_THAT(fallback.Lines(),
                 ElementsAre(MatchesRegex(".* journal unavailable \\(No such file.*"),
                             MatchesRegex(".* 300 T: still visible")));
-}
-
-// The sink as nti builds it, where this test runs without journald.
-TEST(JournalTracerTest, DefaultsWithoutJournaldFallBack) {
-    if (access(JournalTracer::kJournalSocket, F_OK) == 0) {
-        GTEST_SKIP() << "journald listens here; the missing socket is covered above";
-    }
-    Pipe fallback;
-    auto sink = qor::object::Create<JournalTracer>(800, fallback.WriteEnd());
-    auto tracer = qor::trace::CreatePrefixTracer(sink.Get(), "T");
-    QOR_TRACE(tracer.Get(), 300) << "still visible";
-    const auto lines = fallback.Lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_THAT(lines[1], HasSubstr("300 T: still visible"));
-}
-
-TEST(JournalTracerTest, MalformedCommitIsRefused) {
-    FakeJournal::Reset();
-    auto sink = qor::object::Create<JournalTracer>(800, -1, &FakeJournal::Send, SocketStandIn());
-    char data[2] = {};
-    qor::TraceBuffer buffer{data, sizeof(data), sizeof(data), 0};
-    EXPECT_EQ(sink->CommitRecord(&buffer, 2), qor::errors::kInvalidArgument);
-    EXPECT_EQ(sink->CommitRecord(nullptr, 8), qor::errors::kInvalidArgument);
-    EXPECT_TRUE(FakeJournal::entries.empty());
 }
 
 }  // namespace

@@ -4,6 +4,10 @@
 
 #include <string>
 
+// Records are written with designated initializers: the fields left out keep
+// their defaults, which is the point of each case.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace nti::host {
 namespace {
 
@@ -28,13 +32,6 @@ IpNetwork V6Net(std::uint8_t last, std::uint8_t prefix) {
     return n;
 }
 
-QueueRule Queue(std::uint32_t direction, std::uint16_t queue) {
-    QueueRule r;
-    r.direction = direction;
-    r.queueNumber = queue;
-    return r;
-}
-
 struct RenderCase {
     const char* name;
     dwi::firewall::Rule rule;
@@ -53,123 +50,100 @@ std::vector<RenderCase> RenderCases() {
         cases.push_back({name, std::move(rule), v4, v6, nft});
     };
 
-    add("inbound any", Queue(0, 1000),
+    add("inbound any", QueueRule{.queueNumber = 1000},
         "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
         "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
         "input meta nfproto ipv4 queue num 1000 bypass comment \"nti:7:svc\"");
-    {
-        QueueRule r = Queue(0, 1000);
-        r.protocol = 17;
-        r.localAddress = V4(198, 18, 0, 2, 32);
-        r.remoteAddress = V4(198, 18, 7, 9, 15);
-        r.localPorts = {5000, 5000};
-        r.remotePorts = {1024, 2048};
-        r.interfaceName = "veth0";
-        add("inbound udp with addresses and ports", r,
-            "NTI_IN -s 198.18.0.0/15 -d 198.18.0.2/32 -i veth0 -p udp -m udp --sport 1024:2048 "
-            "--dport 5000 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
-            "--queue-bypass",
-            nullptr,
-            "input meta nfproto ipv4 ip saddr 198.18.0.0/15 ip daddr 198.18.0.2/32 iifname "
-            "\"veth0\" meta l4proto 17 th sport 1024-2048 th dport 5000 queue num 1000 bypass "
-            "comment \"nti:7:svc\"");
-    }
-    {
-        QueueRule r = Queue(dwi::firewall::kOutbound, 1001);
-        r.protocol = 6;
-        r.localAddress = V4(198, 18, 0, 2, 32);
-        r.localPorts = {80, 0};
-        r.interfaceName = "veth0";
-        add("outbound tcp: local is the source", r,
-            "NTI_OUT -s 198.18.0.2/32 -o veth0 -p tcp -m tcp --sport 80 -m comment --comment "
-            "\"nti:7:svc\" -j NFQUEUE --queue-num 1001 --queue-bypass",
-            nullptr,
-            "output meta nfproto ipv4 ip saddr 198.18.0.2/32 oifname \"veth0\" meta l4proto 6 "
-            "th sport 80 queue num 1001 bypass comment \"nti:7:svc\"");
-    }
-    {
-        QueueRule r = Queue(dwi::firewall::kForwarded, 1000);
-        r.interfaceName = "in0";
-        r.protocol = 1;
-        add("forwarded in by input interface; icmp is IPv4 only", r,
-            "NTI_FWD -i in0 -p icmp -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num "
-            "1000 --queue-bypass",
-            nullptr,
-            "forward meta nfproto ipv4 iifname \"in0\" meta l4proto 1 queue num 1000 bypass "
-            "comment \"nti:7:svc\"");
-    }
-    {
-        QueueRule r = Queue(dwi::firewall::kForwarded | dwi::firewall::kOutbound, 1001);
-        r.interfaceName = "out0";
-        r.protocol = 58;
-        r.remoteAddress = V6Net(0x99, 64);
-        add("forwarded out by output interface; ipv6-icmp is IPv6 only", r, nullptr,
-            "NTI_FWD -d fd00:198:18::/64 -o out0 -p ipv6-icmp -m comment --comment \"nti:7:svc\" "
-            "-j NFQUEUE --queue-num 1001 --queue-bypass",
-            "forward meta nfproto ipv6 ip6 daddr fd00:198:18::/64 oifname \"out0\" meta l4proto "
-            "58 queue num 1001 bypass comment \"nti:7:svc\"");
-    }
-    {
-        QueueRule r = Queue(0, 1000);
-        r.family = 4;
-        r.protocol = 47;
-        add("family 4 and a numeric protocol", r,
-            "NTI_IN -p 47 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
-            "--queue-bypass",
-            nullptr,
-            "input meta nfproto ipv4 meta l4proto 47 queue num 1000 bypass comment \"nti:7:svc\"");
-    }
-    {
-        QueueRule r = Queue(0, 1000);
-        r.family = 6;
-        r.localAddress = V6Net(2, 128);
-        add("family 6 host address", r, nullptr,
-            "NTI_IN -d fd00:198:18::2/128 -m comment --comment \"nti:7:svc\" -j NFQUEUE "
-            "--queue-num 1000 --queue-bypass",
-            "input meta nfproto ipv6 ip6 daddr fd00:198:18::2/128 queue num 1000 bypass comment "
-            "\"nti:7:svc\"");
-    }
-    {
-        NflogRule r;
-        r.name = "zolt_stats_in";
-        r.chain = dwi::firewall::kChainInput;
-        r.nflogGroup = 10000;
-        r.bypassMark = 0x4000;
-        r.bypassMarkSet = true;
-        r.excludeLoopback = true;
-        r.excludeMulticast = true;
-        add("nflog input with every exclusion", r,
-            "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m "
-            "addrtype ! --dst-type BROADCAST -m comment --comment \"nti:7:svc\" -j NFLOG "
-            "--nflog-group 10000",
-            "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m comment "
-            "--comment \"nti:7:svc\" -j NFLOG --nflog-group 10000",
-            "input meta nfproto ipv4 iifname != \"lo\" meta mark != 0x4000 fib daddr type != { "
-            "multicast, broadcast } log group 10000 comment \"nti:7:svc\"");
-    }
-    {
-        NflogRule r;
-        r.chain = dwi::firewall::kChainOutput;
-        r.nflogGroup = 5;
-        r.excludeLoopback = true;
-        r.ipVersion = 4;
-        add("nflog output, IPv4 only", r,
-            "NTI_OUT ! -o lo -m comment --comment \"nti:7:svc\" -j NFLOG --nflog-group 5", nullptr,
-            "output meta nfproto ipv4 oifname != \"lo\" log group 5 comment \"nti:7:svc\"");
-    }
-    {
-        NflogRule r;
-        r.chain = dwi::firewall::kChainForward;
-        r.nflogGroup = 10000;
-        r.bypassMark = 0;
-        r.bypassMarkSet = true;
-        add("nflog forward, mark 0 still excluded when set", r,
-            "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
-            "--nflog-group 10000",
-            "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
-            "--nflog-group 10000",
-            "forward meta nfproto ipv4 meta mark != 0x0 log group 10000 comment \"nti:7:svc\"");
-    }
+    add("inbound udp with addresses and ports",
+        QueueRule{.queueNumber = 1000,
+                  .protocol = 17,
+                  .localAddress = V4(198, 18, 0, 2, 32),
+                  .remoteAddress = V4(198, 18, 7, 9, 15),
+                  .localPorts = {5000, 5000},
+                  .remotePorts = {1024, 2048},
+                  .interfaceName = "veth0"},
+        "NTI_IN -s 198.18.0.0/15 -d 198.18.0.2/32 -i veth0 -p udp -m udp --sport 1024:2048 "
+        "--dport 5000 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
+        "--queue-bypass",
+        nullptr,
+        "input meta nfproto ipv4 ip saddr 198.18.0.0/15 ip daddr 198.18.0.2/32 iifname "
+        "\"veth0\" meta l4proto 17 th sport 1024-2048 th dport 5000 queue num 1000 bypass "
+        "comment \"nti:7:svc\"");
+    add("outbound tcp: local is the source",
+        QueueRule{.direction = dwi::firewall::kOutbound,
+                  .queueNumber = 1001,
+                  .protocol = 6,
+                  .localAddress = V4(198, 18, 0, 2, 32),
+                  .localPorts = {80, 0},
+                  .interfaceName = "veth0"},
+        "NTI_OUT -s 198.18.0.2/32 -o veth0 -p tcp -m tcp --sport 80 -m comment --comment "
+        "\"nti:7:svc\" -j NFQUEUE --queue-num 1001 --queue-bypass",
+        nullptr,
+        "output meta nfproto ipv4 ip saddr 198.18.0.2/32 oifname \"veth0\" meta l4proto 6 "
+        "th sport 80 queue num 1001 bypass comment \"nti:7:svc\"");
+    add("forwarded in by input interface; icmp is IPv4 only",
+        QueueRule{.direction = dwi::firewall::kForwarded,
+                  .queueNumber = 1000,
+                  .protocol = 1,
+                  .interfaceName = "in0"},
+        "NTI_FWD -i in0 -p icmp -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num "
+        "1000 --queue-bypass",
+        nullptr,
+        "forward meta nfproto ipv4 iifname \"in0\" meta l4proto 1 queue num 1000 bypass "
+        "comment \"nti:7:svc\"");
+    add("forwarded out by output interface; ipv6-icmp is IPv6 only",
+        QueueRule{.direction = dwi::firewall::kForwarded | dwi::firewall::kOutbound,
+                  .queueNumber = 1001,
+                  .protocol = 58,
+                  .remoteAddress = V6Net(0x99, 64),
+                  .interfaceName = "out0"},
+        nullptr,
+        "NTI_FWD -d fd00:198:18::/64 -o out0 -p ipv6-icmp -m comment --comment \"nti:7:svc\" "
+        "-j NFQUEUE --queue-num 1001 --queue-bypass",
+        "forward meta nfproto ipv6 ip6 daddr fd00:198:18::/64 oifname \"out0\" meta l4proto "
+        "58 queue num 1001 bypass comment \"nti:7:svc\"");
+    add("family 4 and a numeric protocol",
+        QueueRule{.queueNumber = 1000, .family = 4, .protocol = 47},
+        "NTI_IN -p 47 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
+        "--queue-bypass",
+        nullptr,
+        "input meta nfproto ipv4 meta l4proto 47 queue num 1000 bypass comment \"nti:7:svc\"");
+    add("family 6 host address",
+        QueueRule{.queueNumber = 1000, .family = 6, .localAddress = V6Net(2, 128)}, nullptr,
+        "NTI_IN -d fd00:198:18::2/128 -m comment --comment \"nti:7:svc\" -j NFQUEUE "
+        "--queue-num 1000 --queue-bypass",
+        "input meta nfproto ipv6 ip6 daddr fd00:198:18::2/128 queue num 1000 bypass comment "
+        "\"nti:7:svc\"");
+    add("nflog input with every exclusion",
+        NflogRule{.name = "zolt_stats_in",
+                  .chain = dwi::firewall::kChainInput,
+                  .nflogGroup = 10000,
+                  .bypassMark = 0x4000,
+                  .bypassMarkSet = true,
+                  .excludeLoopback = true,
+                  .excludeMulticast = true},
+        "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m "
+        "addrtype ! --dst-type BROADCAST -m comment --comment \"nti:7:svc\" -j NFLOG "
+        "--nflog-group 10000",
+        "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m comment "
+        "--comment \"nti:7:svc\" -j NFLOG --nflog-group 10000",
+        "input meta nfproto ipv4 iifname != \"lo\" meta mark != 0x4000 fib daddr type != { "
+        "multicast, broadcast } log group 10000 comment \"nti:7:svc\"");
+    add("nflog output, IPv4 only",
+        NflogRule{.chain = dwi::firewall::kChainOutput,
+                  .nflogGroup = 5,
+                  .excludeLoopback = true,
+                  .ipVersion = 4},
+        "NTI_OUT ! -o lo -m comment --comment \"nti:7:svc\" -j NFLOG --nflog-group 5", nullptr,
+        "output meta nfproto ipv4 oifname != \"lo\" log group 5 comment \"nti:7:svc\"");
+    add("nflog forward, mark 0 still excluded when set",
+        NflogRule{
+            .chain = dwi::firewall::kChainForward, .nflogGroup = 10000, .bypassMarkSet = true},
+        "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
+        "--nflog-group 10000",
+        "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
+        "--nflog-group 10000",
+        "forward meta nfproto ipv4 meta mark != 0x0 log group 10000 comment \"nti:7:svc\"");
     return cases;
 }
 
@@ -195,79 +169,36 @@ TEST(RenderRuleTest, PrintsRulesAsIptablesSaveAndNftablesWantThem) {
     }
 }
 
-TEST(RenderRuleTest, FailClosedLeavesOutBypass) {
-    std::optional<RuleText> text;
-    ASSERT_EQ(RenderRule(Queue(0, 3), IpFamily::kIpv4, "c", true, text), 0);
-    ASSERT_TRUE(text);
-    EXPECT_EQ(text->spec, "-m comment --comment \"c\" -j NFQUEUE --queue-num 3");
-}
-
-TEST(RenderRuleTest, QueueRulesAppendAndNflogRulesGoFirst) {
+TEST(RenderRuleTest, QueueRulesAppendNflogRulesGoFirstAndFailClosedHasNoBypass) {
     std::optional<RuleText> queue;
     std::optional<RuleText> nflog;
     NflogRule log;
     log.chain = dwi::firewall::kChainInput;
-    ASSERT_EQ(RenderRule(Queue(0, 3), IpFamily::kIpv4, "c", false, queue), 0);
+    ASSERT_EQ(RenderRule(QueueRule{.queueNumber = 3}, IpFamily::kIpv4, "c", true, queue), 0);
     ASSERT_EQ(RenderRule(log, IpFamily::kIpv4, "c", false, nflog), 0);
-    EXPECT_EQ(AddCommand(*queue), "-A NTI_IN " + queue->spec);
+    EXPECT_EQ(AddCommand(*queue), "-A NTI_IN -m comment --comment \"c\" -j NFQUEUE --queue-num 3");
     EXPECT_EQ(AddCommand(*nflog), "-I NTI_IN 1 " + nflog->spec);
     EXPECT_EQ(DeleteCommand(*nflog), "-D NTI_IN " + nflog->spec);
 }
 
 TEST(RenderRuleTest, RejectsRecordsNoFamilyCanTake) {
-    std::vector<std::pair<const char*, dwi::firewall::Rule>> bad;
-    bad.emplace_back("empty variant", std::monostate{});
-    bad.emplace_back("unknown direction bit", Queue(4, 1));
-    {
-        QueueRule r = Queue(0, 1);
-        r.localPorts = {53, 53};
-        bad.emplace_back("ports without protocol", r);
-        r.protocol = 1;
-        bad.emplace_back("ports with icmp", r);
-    }
-    {
-        QueueRule r = Queue(0, 1);
-        r.localAddress = V4(198, 18, 0, 1, 32);
-        r.remoteAddress = V6Net(1, 64);
-        bad.emplace_back("mixed address families", r);
-    }
-    {
-        QueueRule r = Queue(0, 1);
-        r.family = 6;
-        r.protocol = 1;
-        bad.emplace_back("icmp on IPv6 only", r);
-    }
-    {
-        QueueRule r = Queue(0, 1);
-        r.localAddress = V4(198, 18, 0, 1, 33);
-        bad.emplace_back("IPv4 prefix over 32", r);
-    }
-    {
-        QueueRule r = Queue(0, 1);
-        r.family = 5;
-        bad.emplace_back("family 5", r);
-    }
-    {
-        QueueRule r = Queue(0, 1);
-        r.protocol = 6;
-        r.remotePorts = {90, 80};
-        bad.emplace_back("reversed port range", r);
-    }
-    {
-        QueueRule r = Queue(0, 1);
-        r.interfaceName = "eth0 -j ACCEPT";
-        bad.emplace_back("interface name with blanks", r);
-        r.interfaceName = "sixteen-chars-xx";
-        bad.emplace_back("interface name too long", r);
-    }
-    {
-        NflogRule r;
-        r.chain = 1;
-        bad.emplace_back("nflog chain code 1", r);
-        r.chain = dwi::firewall::kChainInput;
-        r.ipVersion = 5;
-        bad.emplace_back("nflog ipVersion 5", r);
-    }
+    using R = QueueRule;
+    const std::pair<const char*, dwi::firewall::Rule> bad[] = {
+        {"empty variant", std::monostate{}},
+        {"unknown direction bit", R{.direction = 4}},
+        {"ports without protocol", R{.localPorts = {53, 53}}},
+        {"ports with icmp", R{.protocol = 1, .localPorts = {53, 53}}},
+        {"mixed address families",
+         R{.localAddress = V4(198, 18, 0, 1, 32), .remoteAddress = V6Net(1, 64)}},
+        {"icmp on IPv6 only", R{.family = 6, .protocol = 1}},
+        {"IPv4 prefix over 32", R{.localAddress = V4(198, 18, 0, 1, 33)}},
+        {"family 5", R{.family = 5}},
+        {"reversed port range", R{.protocol = 6, .remotePorts = {90, 80}}},
+        {"interface name with blanks", R{.interfaceName = "eth0 -j ACCEPT"}},
+        {"interface name too long", R{.interfaceName = "sixteen-chars-xx"}},
+        {"nflog chain code 1", NflogRule{.chain = 1}},
+        {"nflog ipVersion 5", NflogRule{.chain = dwi::firewall::kChainInput, .ipVersion = 5}},
+    };
     for (const auto& [name, rule] : bad) {
         SCOPED_TRACE(name);
         for (IpFamily family : {IpFamily::kIpv4, IpFamily::kIpv6}) {
@@ -278,23 +209,15 @@ TEST(RenderRuleTest, RejectsRecordsNoFamilyCanTake) {
     }
 }
 
-TEST(RuleCommentTest, CarriesOwnerTagAndName) {
-    EXPECT_EQ(RuleComment(42, "svc"), "nti:42:svc");
-    EXPECT_EQ(RuleComment(42, "zolt_stats", "zolt_stats_in"), "nti:42:zolt_stats:zolt_stats_in");
-}
-
+// A tag goes into iptables-restore input inside quotes.
 TEST(ValidTagTest, AcceptsOnlyPlainNames) {
-    EXPECT_TRUE(ValidTag("zolt_stats"));
-    EXPECT_TRUE(ValidTag("svc-1.a@b"));
-    EXPECT_FALSE(ValidTag(""));
-    EXPECT_FALSE(ValidTag("two words"));
-    EXPECT_FALSE(ValidTag("quote\""));
-    EXPECT_FALSE(ValidTag(std::string(201, 'a')));
-}
-
-TEST(RestoreScriptTest, WrapsCommandsInFilterTable) {
-    EXPECT_EQ(RestoreScript({"-A NTI_IN x", "-D NTI_IN y"}),
-              "*filter\n-A NTI_IN x\n-D NTI_IN y\nCOMMIT\n");
+    for (const std::string tag : {"zolt_stats", "svc-1.a@b"}) {
+        EXPECT_TRUE(ValidTag(tag)) << tag;
+    }
+    for (const std::string& tag :
+         std::vector<std::string>{"", "two words", "quote\"", std::string(201, 'a')}) {
+        EXPECT_FALSE(ValidTag(tag)) << tag;
+    }
 }
 
 TEST(SetupCommandsTest, CreatesMissingChainsAndJumps) {

@@ -1,5 +1,5 @@
 // The interceptor facade: its map, lock, check records and kept quirks, with
-// scripted interceptors, and end to end with real ones in a network namespace.
+// scripted interceptors (real ones run end to end in tests/integration/).
 #include "network_traffic_interceptor/src/network_interceptor.h"
 
 #include <algorithm>
@@ -18,18 +18,17 @@
 #include <gtest/gtest.h>
 
 #include "host/services/service_locator.h"
+#include "network_traffic_interceptor/src/nfqueue_interceptor.h"
 #include "tests/fakes/fake_dynamic_rules.h"
 #include "tests/fakes/fake_nfqueue_query.h"
-#include "tests/fakes/fake_packet_callback.h"
+#include "tests/fakes/fake_packet_event_callback.h"
 #include "tests/fakes/private_netns.h"
-#include "tests/fakes/recording_tracer.h"
-#include "tests/network_traffic_interceptor/src/nfqueue_test_support.h"
+#include "tests/support/recording_tracer.h"
 
 namespace {
 
 namespace ni = dwi::network_interceptor;
 namespace fw = dwi::firewall;
-using nti::test::Eventually;
 using nti::test::FakePacketCallback;
 using qor::object::Create;
 using qor::object::ImplPtr;
@@ -38,9 +37,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 constexpr const char* kFile = "network_traffic_interceptor/src/network_interceptor";
-
-// Before main: no socket of the test may come from the machine's namespace.
-const std::string kNetnsFailure = nti::test::EnterPrivateNetns();
 
 // Script decides what scripted interceptors answer and logs what they are asked.
 struct Script {
@@ -306,79 +302,6 @@ TEST_F(FacadeTest, VerdictsRunAlongsideStartsAndStops) {
         t.join();
     }
     EXPECT_EQ(failures.load(), 0);
-}
-
-// --- With real interceptors -------------------------------------------------
-
-class FacadeNetnsTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(kNetnsFailure.empty()) << kNetnsFailure;
-        m_query->SetFirst(300);
-        ASSERT_EQ(m_locator->Register(firewall::INfqueueQuery::IID, m_query.Get()), 0);
-        ASSERT_EQ(m_locator->Register(fw::IDynamicRules::IID, m_rules.Get()), 0);
-        m_facade = Create<ni::NetworkInterceptor>(m_locator.Get(), m_tracer.Get());
-    }
-    void TearDown() override {
-        m_facade.Reset();
-        m_locator->Clear();
-    }
-    std::size_t Count(bool add) const {
-        std::size_t n = 0;
-        for (const auto& c : m_rules->Calls()) {
-            n += c.add == add ? 1 : 0;
-        }
-        return n;
-    }
-
-    ImplPtr<nti::test::RecordingTracer> m_tracer = Create<nti::test::RecordingTracer>();
-    ImplPtr<nti::host::ServiceLocator> m_locator = Create<nti::host::ServiceLocator>();
-    ImplPtr<nti::test::FakeNfqueueQuery> m_query = Create<nti::test::FakeNfqueueQuery>();
-    ImplPtr<nti::test::FakeDynamicRules> m_rules = Create<nti::test::FakeDynamicRules>();
-    ImplPtr<FakePacketCallback> m_event = Create<FakePacketCallback>();
-    ImplPtr<ni::NetworkInterceptor> m_facade;
-};
-
-TEST_F(FacadeNetnsTest, StartVerdictStop) {
-    ASSERT_EQ(m_facade->StartInterception(m_event.Get(), {{}}, "svc"), 0);
-    ASSERT_TRUE(Eventually([&] { return Count(true) == 1; }));
-    EXPECT_EQ(m_rules->Calls()[0].tag, "svc");
-
-    EXPECT_EQ(m_facade->SetVerdict(m_event.Get(), ni::Packet{}, 0), qor::errors::kUnspecified);
-    EXPECT_THAT(m_tracer->Texts(),
-                Contains("NetworkInterceptor::NfQueueInterceptor: SetVerdict: Cannot set verdict: "
-                         "unknown queue for packet"));
-    EXPECT_THAT(m_tracer->Texts(),
-                Contains(CheckRecord(84, "it->second->SetVerdict(packet, verdict)",
-                                     "0x8000004b (Unspecified error)", "Cannot set verdict")));
-
-    EXPECT_EQ(m_facade->StopInterception(m_event.Get()), 0);
-    EXPECT_EQ(Count(false), 1u);
-    EXPECT_EQ(m_facade->StopInterception(m_event.Get()), qor::errors::kNotFound);
-}
-
-TEST_F(FacadeNetnsTest, StartTwiceWithOneEvent) {
-    ASSERT_EQ(m_facade->StartInterception(m_event.Get(), {{}}, "svc"), 0);
-    ASSERT_EQ(m_facade->StartInterception(m_event.Get(), {{}}, "svc"), 0);
-    // The second interceptor is gone, and its threads and rules with it.
-    EXPECT_EQ(Count(false), 1u);
-    EXPECT_TRUE(Eventually([&] { return Count(true) == 2; }));
-    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 1; }));
-    EXPECT_EQ(m_facade->StopInterception(m_event.Get()), 0);
-    EXPECT_EQ(Count(false), 2u);
-    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 0; }));
-    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQReply") == 0; }));
-}
-
-TEST_F(FacadeNetnsTest, DestructionStopsTheInterceptors) {
-    ImplPtr<FakePacketCallback> other = Create<FakePacketCallback>();
-    ASSERT_EQ(m_facade->StartInterception(m_event.Get(), {{}}, "a"), 0);
-    ASSERT_EQ(m_facade->StartInterception(other.Get(), {{}}, "b"), 0);
-    ASSERT_TRUE(Eventually([&] { return Count(true) == 2; }));
-    m_facade.Reset();
-    EXPECT_EQ(Count(false), 2u);
-    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 0; }));
-    EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQReply") == 0; }));
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // NfQueueInterceptor lifecycle, channel configuration and verdicts, against
 // the kernel's NFQUEUE in a network namespace of the test's own.
 #include "network_traffic_interceptor/src/nfqueue_interceptor.h"
+// Before the kernel headers below: it brings the C library's own first.
+#include "network_traffic_interceptor/src/nfqueue_messages.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/netfilter.h>
@@ -18,13 +20,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "dwi_common/mnl_socket.h"
 #include "host/services/service_locator.h"
 #include "tests/fakes/fake_dynamic_rules.h"
 #include "tests/fakes/fake_nfqueue_query.h"
-#include "tests/fakes/fake_packet_callback.h"
+#include "tests/fakes/fake_packet_event_callback.h"
 #include "tests/fakes/private_netns.h"
-#include "tests/fakes/recording_tracer.h"
-#include "tests/network_traffic_interceptor/src/nfqueue_test_support.h"
+#include "tests/support/recording_tracer.h"
+#include "tests/support/watched_interceptor.h"
 
 namespace {
 
@@ -32,8 +35,8 @@ namespace ni = dwi::network_interceptor;
 namespace fw = dwi::firewall;
 using nti::test::Bytes;
 using nti::test::Eventually;
-using nti::test::Normalized;
 using nti::test::WatchedInterceptor;
+using nti::test::WithoutLine;
 using qor::object::Create;
 using qor::object::ImplPtr;
 using ::testing::Contains;
@@ -46,7 +49,6 @@ constexpr std::uint16_t kFirstQueue = 100;
 // Before main: no socket of the test may come from the machine's namespace.
 const std::string kNetnsFailure = nti::test::EnterPrivateNetns();
 constexpr const char* kPrefix = "NfQueueInterceptor: ";
-constexpr const char* kFile = "network_traffic_interceptor/src/nfqueue_interceptor";
 
 Bytes AsBytes(const nlmsghdr* nlh) {
     const auto* p = reinterpret_cast<const std::uint8_t*>(nlh);
@@ -73,14 +75,27 @@ Bytes Verdict(std::uint16_t queue, std::uint32_t id, std::uint32_t verdict,
                                            ni::NetfilterVerdict(verdict), packet));
 }
 
+// Source of the check record of `expression`: channel set-up, threads or lifecycle.
+std::string FileOf(const std::string& expression) {
+    for (const char* channel : {"Request(", "InitNetLinkSocket(m_", "SendMessage(", "ret >= 0"}) {
+        if (expression.rfind(channel, 0) == 0) {
+            return "network_traffic_interceptor/src/nfqueue_channel";
+        }
+    }
+    if (expression == "AddFirewallRules()" || expression == "ret != -1") {
+        return "network_traffic_interceptor/src/nfqueue_threads";
+    }
+    return "network_traffic_interceptor/src/nfqueue_interceptor";
+}
+
 std::string CheckRecord(const std::string& expression, const std::string& result,
                         const std::string& message) {
-    return std::string(kFile) + ":L(" + expression +
+    return FileOf(expression) + ":#(" + expression +
            "),(QOR_SUCCEEDED(_result)) failed: result = " + result + " " + message;
 }
 
 std::string BoolRecord(const std::string& condition, const std::string& message) {
-    return std::string(kFile) + ":L(" + condition + "),(bool) failed: result = false " + message;
+    return FileOf(condition) + ":#(" + condition + "),(bool) failed: result = false " + message;
 }
 
 // QueueOf lists the queue numbers of queue rules.
@@ -108,10 +123,7 @@ bool IsSubsequence(const std::vector<std::string>& actual,
     return true;
 }
 
-struct SocketCloser {
-    void operator()(mnl_socket* s) const { mnl_socket_close(s); }
-};
-using Socket = std::unique_ptr<mnl_socket, SocketCloser>;
+using Socket = dwi::tools::MnlSocket;
 
 // ClaimQueue binds `queue` to a socket of the test, so the interceptor
 // cannot.
@@ -142,7 +154,8 @@ protected:
     void TearDown() override {
         if (m_interceptor) {
             m_interceptor->SetGate(true);
-            m_interceptor->Stop();
+            // Tests that stopped it already get an error here.
+            static_cast<void>(m_interceptor->Stop());
         }
         m_interceptor.Reset();
         m_locator->Clear();
@@ -157,7 +170,7 @@ protected:
         std::vector<std::string> lines;
         for (const auto& line : m_tracer->Lines()) {
             if (line.level <= maxLevel && line.text.rfind(kPrefix, 0) == 0) {
-                lines.push_back(Normalized(line.text.substr(std::string(kPrefix).size())));
+                lines.push_back(WithoutLine(line.text.substr(std::string(kPrefix).size())));
             }
         }
         return lines;
@@ -423,7 +436,7 @@ INSTANTIATE_TEST_SUITE_P(
                  true},
         StepCase{7, "Request(sock, BuildCfgFlagsGSO(buffer, queueNumber))", false},
         StepCase{8, "Request(sock, BuildCfgQueueMaxLen(buffer, queueNumber))", false}),
-    [](const auto& info) { return "Message" + std::to_string(info.param.position); });
+    [](const auto& test) { return "Message" + std::to_string(test.param.position); });
 
 TEST_F(NfQueueInterceptorTest, NoDescriptorLeftForTheSocket) {
     // A first round runs every call of the second while descriptors are
@@ -629,7 +642,9 @@ TEST_F(NfQueueInterceptorTest, ConcurrentVerdictsAllArrive) {
     for (std::uint32_t t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             for (std::uint32_t i = 0; i < kPerThread; ++i) {
-                m_interceptor->SetVerdict(QueuedPacket(t % 2 + 1, t * kPerThread + i), 0);
+                // What was sent is counted below, on the wire.
+                static_cast<void>(
+                    m_interceptor->SetVerdict(QueuedPacket(t % 2 + 1, t * kPerThread + i), 0));
             }
         });
     }

@@ -21,10 +21,10 @@
 #include "network_traffic_interceptor/src/network_interceptor.h"
 #include "network_traffic_interceptor/src/nfqueue_interceptor.h"
 #include "tests/fakes/fake_nfqueue_query.h"
-#include "tests/fakes/fake_packet_callback.h"
+#include "tests/fakes/fake_packet_event_callback.h"
 #include "tests/fakes/private_netns.h"
-#include "tests/fakes/recording_tracer.h"
-#include "tests/network_traffic_interceptor/src/nfqueue_test_support.h"
+#include "tests/support/recording_tracer.h"
+#include "tests/support/watched_interceptor.h"
 
 namespace {
 
@@ -188,9 +188,9 @@ TEST_F(TrafficTest, FailedCallbackThatDropsStillDrops) {
     for (const auto& line : m_tracer->Lines()) {
         traced |=
             line.level == 500 &&
-            nti::test::Normalized(line.text) ==
+            nti::test::WithoutLine(line.text) ==
                 "NfQueueInterceptor: NewPacketReceived: "
-                "network_traffic_interceptor/src/nfqueue_interceptor:L(m_eventCallback->"
+                "network_traffic_interceptor/src/nfqueue_threads:#(m_eventCallback->"
                 "OnPacketReceived(packet, verdict)),(QOR_SUCCEEDED(_result)) failed: result = "
                 "0x8000004b (Unspecified error) Cannot process packet " +
                     id;

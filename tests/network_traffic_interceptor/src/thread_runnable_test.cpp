@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/network_traffic_interceptor/src/nfqueue_test_support.h"
+#include "tests/support/watched_interceptor.h"
 
 namespace {
 

@@ -14,8 +14,8 @@ struct INfqueueQuery : qor::IObject {
 
     // GetAvailableQueue reserves `count` consecutive queue numbers and stores
     // the first in `*queueNum`. Returns 0x8000004C when no such run is free.
-    virtual qor::result_t GetAvailableQueue(std::uint32_t count,
-                                            std::uint16_t* queueNum) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t GetAvailableQueue(std::uint32_t count,
+                                                          std::uint16_t* queueNum) noexcept = 0;
 
 protected:
     ~INfqueueQuery() = default;
@@ -30,9 +30,9 @@ struct IDynamicRules : qor::IObject {
     static constexpr qor::iid_t IID = 0x4CEB704A;
 
     // AddRules installs `rules` (all or nothing) tagged with `tag`.
-    virtual qor::result_t AddRules(const Rules& rules, const char* tag) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t AddRules(const Rules& rules, const char* tag) noexcept = 0;
     // RemoveRules removes the rules equal to `rules` that were added before.
-    virtual qor::result_t RemoveRules(const Rules& rules) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t RemoveRules(const Rules& rules) noexcept = 0;
 
 protected:
     ~IDynamicRules() = default;

@@ -26,9 +26,10 @@ protected:
 struct INflogListener : qor::IObject {
     static constexpr qor::iid_t IID = 0x6A02D4CA;
     // Start binds `groups` and starts the thread; 0x8000006A when started.
-    virtual qor::result_t Start(const std::vector<std::uint16_t>& groups) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t Start(
+        const std::vector<std::uint16_t>& groups) noexcept = 0;
     // Stop unbinds and joins the thread; no OnData runs after it returns.
-    virtual qor::result_t Stop() noexcept = 0;
+    [[nodiscard]] virtual qor::result_t Stop() noexcept = 0;
 
 protected:
     ~INflogListener() = default;
@@ -37,8 +38,8 @@ protected:
 // INflogListenerFactory makes listeners that call `callback`.
 struct INflogListenerFactory : qor::IObject {
     static constexpr qor::iid_t IID = 0xE0C1BF43;
-    virtual qor::result_t CreateListener(INflogDataCallback* callback,
-                                         INflogListener** out) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t CreateListener(INflogDataCallback* callback,
+                                                       INflogListener** out) noexcept = 0;
 
 protected:
     ~INflogListenerFactory() = default;
@@ -49,7 +50,7 @@ struct IIptablesInfoProvider : qor::IObject {
     static constexpr qor::iid_t IID = 0x49F88B7F;
     // GetIptablesInfo: bit 0 set when ip6tables is available too (the NFLOG
     // rules are then installed for both families); 0 restricts them to IPv4.
-    virtual qor::result_t GetIptablesInfo(std::uint32_t* info) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t GetIptablesInfo(std::uint32_t* info) noexcept = 0;
 
 protected:
     ~IIptablesInfoProvider() = default;
@@ -62,7 +63,7 @@ struct StartupData {
 
 struct IStartupDataProvider : qor::IObject {
     static constexpr qor::iid_t IID = 0xA26C8413;
-    virtual qor::result_t GetStartupData(StartupData* data) noexcept = 0;
+    [[nodiscard]] virtual qor::result_t GetStartupData(StartupData* data) noexcept = 0;
 
 protected:
     ~IStartupDataProvider() = default;

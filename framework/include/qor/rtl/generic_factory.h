@@ -14,7 +14,7 @@ namespace qor {
 template <class T>
 class GenericObjectFactory : public object::Ifaces<IObjectFactory> {
 public:
-    result_t CreateInstance(iid_t iid, void** out) noexcept override {
+    [[nodiscard]] result_t CreateInstance(iid_t iid, void** out) noexcept override {
         if (out == nullptr) {
             return errors::kInvalidArgument;
         }

@@ -190,7 +190,9 @@ TraceRecord& operator<<(TraceRecord& r, const std::optional<T>& value) noexcept 
 }  // namespace qor::trace
 
 // QOR_TRACE(tracer, level) << ...; streams a record when `level` is accepted.
-// A refused level costs one virtual call: no record is even constructed.
+// A refused level costs one virtual call: no record is even constructed. Its
+// two empty branches are alike on purpose, not a copy-paste slip.
+// NOLINTBEGIN(bugprone-branch-clone)
 #define QOR_TRACE(tracer, level)                                                        \
     if (::qor::ITracer* const qor_trace_tracer_ = (tracer);                             \
         qor_trace_tracer_ == nullptr ||                                                 \
@@ -199,3 +201,4 @@ TraceRecord& operator<<(TraceRecord& r, const std::optional<T>& value) noexcept 
                !qor_trace_record_) {                                                    \
     } else                                                                              \
         qor_trace_record_
+// NOLINTEND(bugprone-branch-clone)

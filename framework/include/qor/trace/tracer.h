@@ -34,11 +34,12 @@ struct ITracer : IObject {
     // room the caller needs in front, out: where the writer's text starts
     // (tracers add the room they reserve). With a null buffer it is a level
     // test only.
-    virtual result_t BeginRecord(std::uint32_t level, std::uint32_t* position,
-                                 TraceBuffer* buffer) noexcept = 0;
+    [[nodiscard]] virtual result_t BeginRecord(std::uint32_t level, std::uint32_t* position,
+                                               TraceBuffer* buffer) noexcept = 0;
     // CommitRecord (slot 4) hands over the first `length` bytes of a record
     // begun with BeginRecord.
-    virtual result_t CommitRecord(TraceBuffer* buffer, std::uint32_t length) noexcept = 0;
+    [[nodiscard]] virtual result_t CommitRecord(TraceBuffer* buffer,
+                                                std::uint32_t length) noexcept = 0;
     // GetMaxLevel (slot 5) returns the highest level the tracer accepts.
     virtual std::uint32_t GetMaxLevel() noexcept = 0;
 
@@ -52,9 +53,10 @@ struct IPrefixTracer : IObject {
     static constexpr iid_t IID = 0xCE153B3B;
 
     // GetPrefix returns the prefix text (not NUL-terminated) and its length.
-    virtual result_t GetPrefix(const char** prefix, std::uint32_t* length) noexcept = 0;
+    [[nodiscard]] virtual result_t GetPrefix(const char** prefix,
+                                             std::uint32_t* length) noexcept = 0;
     // GetBaseTracer stores a new reference to the tracer the prefix is written to.
-    virtual result_t GetBaseTracer(ITracer** out) noexcept = 0;
+    [[nodiscard]] virtual result_t GetBaseTracer(ITracer** out) noexcept = 0;
 
 protected:
     ~IPrefixTracer() = default;

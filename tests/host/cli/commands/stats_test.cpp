@@ -172,22 +172,12 @@ struct Flow {
 };
 struct Counts {
     std::uint64_t packetsAtoB = 0, bytesAtoB = 0, packetsBtoA = 0, bytesBtoA = 0;
-    std::set<std::string> gateways;  // "ip@mac" seen on the flow's records
+    std::set<std::string> gateways{};  // "ip@mac" seen on the flow's records
     bool operator==(const Counts& o) const {
         return std::tie(packetsAtoB, bytesAtoB, packetsBtoA, bytesBtoA) ==
                std::tie(o.packetsAtoB, o.bytesAtoB, o.packetsBtoA, o.bytesBtoA);
     }
 };
-
-Counts Traffic(std::uint64_t packetsAtoB, std::uint64_t bytesAtoB, std::uint64_t packetsBtoA,
-               std::uint64_t bytesBtoA) {
-    Counts c;
-    c.packetsAtoB = packetsAtoB;
-    c.bytesAtoB = bytesAtoB;
-    c.packetsBtoA = packetsBtoA;
-    c.bytesBtoA = bytesBtoA;
-    return c;
-}
 
 std::string Text(const pt::ptree& t, const char* key) {
     return t.get<std::string>(key, "null");
@@ -270,7 +260,7 @@ std::optional<Counts> Conntrack(const NetNs& ns, const Endpoint& a, const Endpoi
             }
         }
         if (found.size() == 2) {
-            return Traffic(found[0].first, found[0].second, found[1].first, found[1].second);
+            return Counts{found[0].first, found[0].second, found[1].first, found[1].second};
         }
     }
     return std::nullopt;
@@ -308,119 +298,6 @@ protected:
     NetNs m_peer{"stats-peer"};
     StateDir m_state;
 };
-
-TEST_F(StatsIntegrationTest, LocalUdpTcpAndIpv6CountedExactlyAsConntrackCountsThem) {
-    const Endpoint udpLocal{"198.18.10.1", 40000}, udpPeer{"198.18.10.2", 5555};
-    const Endpoint tcpLocal{"198.18.10.1", 40001}, tcpPeer{"198.18.10.2", 8080};
-    const Endpoint v6Local{"fd00:198:18::1", 40002}, v6Peer{"fd00:198:18::2", 5556};
-
-    NtiStats nti(m_host, m_state, {"--period", "500ms", "--json"});
-    ASSERT_TRUE(nti.WaitForRules()) << nti.Stderr() << nti.Trace();
-    UdpExchange(m_host, udpLocal, m_peer, udpPeer, 5, 100, 3, 1000);
-    UdpExchange(m_host, v6Local, m_peer, v6Peer, 4, 200, 2, 300);
-    TcpExchange(m_host, tcpLocal, m_peer, tcpPeer, 3000, 5000);
-    std::this_thread::sleep_for(1500ms);  // flush (50 ms) and at least two harvests
-    EXPECT_EQ(nti.Stop(), 0) << nti.Stderr();
-
-    const auto intervals = Intervals(nti.Stdout());
-    ASSERT_GE(intervals.size(), 2u) << nti.Stdout();
-    const auto totals = Totals(intervals, "198.18.10.1:", false);
-    const auto totals6 = Totals(intervals, "fd00:198:18::1:", false);
-
-    struct Expected {
-        const char* name;
-        Flow flow;
-        const std::map<Flow, Counts>& totals;
-        std::optional<Counts> exact;  // known sizes; TCP segments are the kernel's choice
-        std::optional<Counts> kernel;
-        std::string gateway;
-    };
-    const Expected cases[] = {
-        {"udp4",
-         {Key(udpLocal), Key(udpPeer), 17},
-         totals,
-         Traffic(5, 5 * 128, 3, 3 * 1028),
-         Conntrack(m_host, udpLocal, udpPeer, "udp"),
-         "198.18.10.254@02:00:00:00:0a:fe"},
-        {"tcp4",
-         {Key(tcpLocal), Key(tcpPeer), 6},
-         totals,
-         std::nullopt,
-         Conntrack(m_host, tcpLocal, tcpPeer, "tcp"),
-         "198.18.10.254@02:00:00:00:0a:fe"},
-        {"udp6",
-         {Key(v6Local), Key(v6Peer), 17},
-         totals6,
-         Traffic(4, 4 * 248, 2, 2 * 348),
-         Conntrack(m_host, v6Local, v6Peer, "udp"),
-         "fd00:198:18::fe@02:00:00:00:0a:f6"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const auto it = c.totals.find(c.flow);
-        ASSERT_NE(it, c.totals.end()) << nti.Stdout();
-        ASSERT_TRUE(c.kernel.has_value());
-        EXPECT_EQ(it->second, *c.kernel);
-        if (c.exact) {
-            EXPECT_EQ(it->second, *c.exact);
-        }
-        EXPECT_EQ(it->second.gateways, std::set<std::string>{c.gateway});
-    }
-    const Counts& tcp = totals.at(cases[1].flow);
-    EXPECT_GE(tcp.bytesAtoB, 3000u + 40u * tcp.packetsAtoB);  // payload plus IP and TCP headers
-    EXPECT_GE(tcp.bytesBtoA, 5000u + 40u * tcp.packetsBtoA);
-}
-
-TEST_F(StatsIntegrationTest, UnreadIntervalsSurviveARestartAndAreShownFirst) {
-    const Endpoint local{"198.18.10.1", 40010}, peer{"198.18.10.2", 5560};
-    {
-        NtiStats first(m_host, m_state, {"--period", "500ms", "--json", "--no-read"});
-        ASSERT_TRUE(first.WaitForRules()) << first.Stderr() << first.Trace();
-        UdpExchange(m_host, local, m_peer, peer, 7, 50, 0, 0);
-        std::this_thread::sleep_for(1200ms);
-        EXPECT_EQ(first.Stop(), 0) << first.Stderr();
-        EXPECT_EQ(first.Stdout(), "");
-    }
-    NtiStats second(m_host, m_state, {"--period", "500ms", "--json", "--intervals", "1"});
-    EXPECT_EQ(second.Wait(), 0) << second.Stderr();
-    const auto intervals = Intervals(second.Stdout());
-    ASSERT_GE(intervals.size(), 3u) << second.Stdout();
-    EXPECT_TRUE(Restored(intervals.front()));
-    EXPECT_FALSE(Restored(intervals.back()));
-    const auto restored = Totals(intervals, "198.18.10.1:", true);
-    const auto it = restored.find(Flow{Key(local), Key(peer), 17});
-    ASSERT_NE(it, restored.end()) << second.Stdout();
-    EXPECT_EQ(it->second, (Traffic(7, 7 * 78, 0, 0)));
-    EXPECT_FALSE(Totals(intervals, "198.18.10.1:", false).contains(it->first));
-}
-
-TEST_F(StatsIntegrationTest, DamagedStoredValueIsTracedAndTheServiceStartsEmpty) {
-    {
-        NtiStats first(m_host, m_state, {"--period", "200ms", "--no-read"});
-        ASSERT_TRUE(first.WaitForRules()) << first.Stderr();
-        std::this_thread::sleep_for(500ms);
-        EXPECT_EQ(first.Stop(), 0);
-    }
-    std::string output;
-    ASSERT_EQ(Shell("sqlite3 " + (m_state.Path() / "state.db").string() +
-                        " \"UPDATE kv SET value = X'DEADBEEF' WHERE key = 'Collectors'; SELECT "
-                        "changes();\"",
-                    &output),
-              0)
-        << output;
-    ASSERT_EQ(output, "1\n");  // the first run saved its collector
-    NtiStats second(m_host, m_state, {"--period", "200ms", "--json", "--intervals", "1"});
-    EXPECT_EQ(second.Wait(), 0) << second.Stderr();
-    const auto intervals = Intervals(second.Stdout());
-    ASSERT_EQ(intervals.size(), 1u) << second.Stdout();
-    EXPECT_FALSE(Restored(intervals.front()));
-    const std::string trace = second.Trace();
-    EXPECT_NE(trace.find("(tools::AnyFromBlob(sl, dataBlob, any)),(QOR_SUCCEEDED(_result)) failed"),
-              std::string::npos)
-        << trace;
-    EXPECT_NE(trace.find("(LoadCountersFromStorage()),(QOR_SUCCEEDED(_result)) failed"),
-              std::string::npos);
-}
 
 TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
     struct Case {
@@ -488,17 +365,11 @@ TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
     const auto totals = Totals(Intervals(nti.Stdout()), Key(from), false);
     const auto it = totals.find(Flow{Key(from), Key(to), 17});
     ASSERT_NE(it, totals.end()) << nti.Stdout();
-    EXPECT_EQ(it->second, (Traffic(6, 6 * 178, 2, 2 * 428)));
+    EXPECT_EQ(it->second, (Counts{6, 6 * 178, 2, 2 * 428}));
     const auto kernel = Conntrack(router, from, to, "udp");
     ASSERT_TRUE(kernel.has_value());
     EXPECT_EQ(it->second, *kernel);
 }
-
-}  // namespace
-}  // namespace nti::test
-
-namespace nti::test {
-namespace {
 
 // Nfcapd is the flow collector of the nfdump package, listening in `ns`;
 // stopped (by the PID it wrote) when destroyed, which writes its file.
@@ -570,10 +441,11 @@ std::map<Flow, Counts> NfdumpFlows(const std::string& csv) {
     return flows;
 }
 
-// The service hands one interval to its three sinks: the JSON lines file,
-// the SQLite history (read back by nti stats --history) and nfcapd over
-// IPFIX, whose records nfdump reads back. The interval is closed when the
-// first run stops and handed on when the second starts.
+// The service counts as the kernel's conntrack does and hands one interval
+// to its three sinks: the JSON lines file, the SQLite history (read back by
+// nti stats --history) and nfcapd over IPFIX, whose records nfdump reads back.
+// The interval is closed when the first run stops and handed on when the
+// second starts.
 TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
     const Endpoint collector{"198.18.10.2", 4739};
     Nfcapd nfcapd(m_peer, m_state, collector);
@@ -656,12 +528,19 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
         const auto it = c.totals.find(Flow{Key(c.local), Key(c.peer), c.protocol});
         ASSERT_NE(it, c.totals.end()) << intervals.size();
         EXPECT_GT(it->second.packetsAtoB, 0u);
+        const auto kernel = Conntrack(m_host, c.local, c.peer, c.protocol == 17 ? "udp" : "tcp");
+        ASSERT_TRUE(kernel.has_value());
+        EXPECT_EQ(it->second, *kernel);
+        EXPECT_EQ(
+            it->second.gateways,
+            std::set<std::string>{&c.totals == &totals ? "198.18.10.254@02:00:00:00:0a:fe"
+                                                       : "fd00:198:18::fe@02:00:00:00:0a:f6"});
         const auto out = flows.find(Flow{Key(c.local), Key(c.peer), c.protocol});
         const auto back = flows.find(Flow{Key(c.peer), Key(c.local), c.protocol});
         ASSERT_NE(out, flows.end()) << csv;
         ASSERT_NE(back, flows.end()) << csv;
-        EXPECT_EQ(Traffic(out->second.packetsAtoB, out->second.bytesAtoB, back->second.packetsAtoB,
-                          back->second.bytesAtoB),
+        EXPECT_EQ((Counts{out->second.packetsAtoB, out->second.bytesAtoB, back->second.packetsAtoB,
+                          back->second.bytesAtoB}),
                   it->second);
     }
 }

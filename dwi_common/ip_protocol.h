@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace nti::host {
+namespace dwi::network {
 
 // ProtocolName: "icmp", "tcp", "udp" or "ipv6-icmp" (the names of
 // /etc/protocols, which iptables-save prints too), else the decimal number.
@@ -20,4 +20,4 @@ std::optional<std::uint8_t> ParseProtocol(std::string_view text);
 // the two ports.
 bool HasPorts(std::uint8_t protocol);
 
-}  // namespace nti::host
+}  // namespace dwi::network

@@ -50,7 +50,7 @@ INSTANTIATE_TEST_SUITE_P(Types, NfqueueAttributeCheckTest,
                                            CheckCase{NFQA_IFINDEX_PHYSINDEV, 4},
                                            CheckCase{NFQA_IFINDEX_PHYSOUTDEV, 4},
                                            CheckCase{NFQA_HWADDR, 12}),
-                         [](const auto& info) { return "Type" + std::to_string(info.param.type); });
+                         [](const auto& test) { return "Type" + std::to_string(test.param.type); });
 
 TEST(NfqueueAttributeCheckerTest, HeaderAndPayloadGoUnchecked) {
     const auto& checker = NfqueueAttributeChecker();

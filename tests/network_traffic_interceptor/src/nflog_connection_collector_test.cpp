@@ -12,9 +12,9 @@
 #include "qor/exception.h"
 #include "tests/fakes/fake_dynamic_rules.h"
 #include "tests/fakes/fake_nflog_listener_factory.h"
-#include "tests/fakes/recording_tracer.h"
-#include "tests/network_traffic_interceptor/check_record.h"
-#include "tests/network_traffic_interceptor/nflog_message.h"
+#include "tests/support/check_record.h"
+#include "tests/support/nflog_message.h"
+#include "tests/support/recording_tracer.h"
 
 namespace dwi::network_interceptor {
 namespace {
@@ -85,8 +85,8 @@ public:
         m_tracer = Create<nti::test::RecordingTracer>(maxTraceLevel);
         m_firewall = Create<nti::test::FakeDynamicRules>();
         m_factory = Create<nti::test::FakeNflogListenerFactory>();
-        m_locator->Register(dwi::firewall::IDynamicRules::IID, m_firewall.Get());
-        m_locator->Register(dwi::firewall::INflogListenerFactory::IID, m_factory.Get());
+        m_locator->Add(dwi::firewall::IDynamicRules::IID, m_firewall.Get());
+        m_locator->Add(dwi::firewall::INflogListenerFactory::IID, m_factory.Get());
     }
 
     ImplPtr<NfLogConnectionCollector> Make(std::uint8_t iptablesFlags = 1) {
@@ -163,11 +163,13 @@ TEST_F(NflogCollectorTest, ConstructionFailsWithoutItsHostServices) {
     };
     const Case cases[] = {
         {"no firewall",
-         [](CollectorHarness& t) { t.m_locator->Unregister(dwi::firewall::IDynamicRules::IID); },
+         [](CollectorHarness& t) {
+             ASSERT_EQ(t.m_locator->Unregister(dwi::firewall::IDynamicRules::IID), 0);
+         },
          "qor::GetInterface(sl, m_firewall.Ref())", "Cannot IDynamicRules interface"},
         {"no listener factory",
          [](CollectorHarness& t) {
-             t.m_locator->Unregister(dwi::firewall::INflogListenerFactory::IID);
+             ASSERT_EQ(t.m_locator->Unregister(dwi::firewall::INflogListenerFactory::IID), 0);
          },
          "qor::GetInterface(sl, factory.Ref())", "Cannot get INflogListenerFactory interface"},
         {"listener creation fails",
@@ -512,7 +514,7 @@ TEST(NflogCollectorConcurrencyTest, ConcurrentCountingAndTakingLoseNothing) {
     std::uint64_t bytes = 0;
     ConnectionMap snapshot;
     auto drain = [&] {
-        collector->TakeStats(snapshot);
+        ASSERT_TRUE(QOR_SUCCEEDED(collector->TakeStats(snapshot)));
         for (const auto& [key, counters] : snapshot) {
             packets += counters.packetsIn;
             bytes += counters.bytesIn;

@@ -1,10 +1,10 @@
-#include "host/services/ip_protocol.h"
+#include "dwi_common/ip_protocol.h"
 
 #include <array>
 #include <charconv>
 #include <utility>
 
-namespace nti::host {
+namespace dwi::network {
 namespace {
 
 constexpr std::array<std::pair<std::string_view, std::uint8_t>, 5> kNames{{
@@ -45,4 +45,4 @@ bool HasPorts(std::uint8_t protocol) {
     return protocol == 6 || protocol == 17 || protocol == 33 || protocol == 132 || protocol == 136;
 }
 
-}  // namespace nti::host
+}  // namespace dwi::network

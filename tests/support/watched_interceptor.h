@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "network_traffic_interceptor/src/nfqueue_interceptor.h"
+#include "tests/support/check_record.h"
 
 namespace nti::test {
 
@@ -123,32 +124,6 @@ private:
     bool m_forwardVerdicts = true;
     std::size_t m_verdictsAtGate = 0;
 };
-
-// Normalized replaces the line numbers of check records in `text` ("src/x:123(")
-// with "L", so that expectations do not move with edits of the source.
-inline std::string Normalized(const std::string& text) {
-    std::string out;
-    std::size_t pos = 0;
-    for (;;) {
-        const std::size_t src = text.find("src/", pos);
-        const std::size_t colon = src == std::string::npos ? src : text.find(':', src);
-        if (colon == std::string::npos) {
-            break;
-        }
-        std::size_t end = colon + 1;
-        while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])) != 0) {
-            ++end;
-        }
-        const bool isLine = end > colon + 1 && end < text.size() && text[end] == '(';
-        out.append(text, pos, colon + 1 - pos);
-        if (isLine) {
-            out.append("L");
-        }
-        pos = isLine ? end : colon + 1;
-    }
-    out.append(text, pos, std::string::npos);
-    return out;
-}
 
 // Eventually polls `condition` for up to 20 s.
 template <class Condition>
