@@ -6,7 +6,7 @@ NTI_PACKAGES=(
   libmnl-dev libboost-dev libcli11-dev libsqlite3-dev libcbor-dev libsystemd-dev
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev libnetfilter-queue-dev libnftables-dev
   libfixbuf-dev nfdump systemd
-  iptables iproute2 iputils-ping conntrack kmod libcap2-bin sqlite3 file
+  iptables nftables iproute2 iputils-ping conntrack kmod libcap2-bin sqlite3 file
   debootstrap
 )
 
