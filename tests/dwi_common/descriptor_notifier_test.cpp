@@ -137,7 +137,8 @@ int ExhaustAndConstruct(int free) {
     // The sanitizers check dynamic types through a pipe of their own; with
     // the table full they cannot, so their type cache is filled beforehand.
     try {
-        throw DescriptorNotifierError(std::error_code(EMFILE, std::generic_category()), "warm");
+        throw DescriptorNotifierError(std::error_code(EMFILE, std::generic_category()), "warm")
+            << boost::throw_function("warm") << boost::throw_file("warm") << boost::throw_line(1);
     } catch (const std::system_error&) {
     }
     rlimit limit{kLimit, kLimit};
