@@ -7,7 +7,6 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_queue.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -152,23 +151,15 @@ void ForEachEntry(const std::string& path, F f) {
     closedir(dir);
 }
 
-// ThreadNames lists the names of this process's threads.
-inline std::vector<std::string> ThreadNames() {
-    std::vector<std::string> names;
-    ForEachEntry("/proc/self/task", [&](const std::string& task) {
-        std::ifstream comm("/proc/self/task/" + task + "/comm");
-        std::string name;
-        std::getline(comm, name);
-        names.push_back(name);
-    });
-    return names;
-}
-
+// CountThreads counts this process's threads named `name`.
 inline int CountThreads(const std::string& name) {
     int n = 0;
-    for (const auto& t : ThreadNames()) {
-        n += t == name ? 1 : 0;
-    }
+    ForEachEntry("/proc/self/task", [&](const std::string& task) {
+        std::ifstream comm("/proc/self/task/" + task + "/comm");
+        std::string thread;
+        std::getline(comm, thread);
+        n += thread == name ? 1 : 0;
+    });
     return n;
 }
 
@@ -199,22 +190,5 @@ inline std::vector<std::uint64_t> EventFdCounts() {
     });
     return counts;
 }
-
-// DescriptorLimit lowers RLIMIT_NOFILE for its lifetime.
-class DescriptorLimit {
-public:
-    explicit DescriptorLimit(rlim_t soft) {
-        getrlimit(RLIMIT_NOFILE, &m_saved);
-        rlimit lowered = m_saved;
-        lowered.rlim_cur = soft;
-        setrlimit(RLIMIT_NOFILE, &lowered);
-    }
-    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &m_saved); }
-    DescriptorLimit(const DescriptorLimit&) = delete;
-    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
-
-private:
-    rlimit m_saved{};
-};
 
 }  // namespace nti::test

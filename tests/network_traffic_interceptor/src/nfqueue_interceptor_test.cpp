@@ -7,6 +7,7 @@
 #include <libmnl/libmnl.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nfnetlink_queue.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -239,7 +240,8 @@ TEST_F(NfQueueInterceptorTest, StartConfiguresBothChannelsAndStopEndsEverything)
     EXPECT_TRUE(Lines(500).empty()) << ::testing::PrintToString(Lines(500));
 }
 
-TEST_F(NfQueueInterceptorTest, SelectorsChooseTheQueue) {
+TEST_F(NfQueueInterceptorTest, SelectorsChooseTheQueueAndTheOutputQueueWrapsToZero) {
+    m_query->SetFirst(65535);
     fw::Filter filter;
     for (std::uint32_t selector : {0u, 1u, 2u, 3u}) {
         fw::QueueRule rule;
@@ -254,28 +256,26 @@ TEST_F(NfQueueInterceptorTest, SelectorsChooseTheQueue) {
     ASSERT_TRUE(RulesCalls(1));
     const fw::Rules rules = m_rules->Calls()[0].rules;
     ASSERT_EQ(rules.size(), 4u);
-    const std::uint16_t expectedQueue[] = {kFirstQueue, kFirstQueue + 1, kFirstQueue,
-                                           kFirstQueue + 1};
     for (std::size_t i = 0; i < rules.size(); ++i) {
         ASSERT_EQ(rules[i].index(), fw::kQueueRuleIndex);
         const auto& rule = std::get<fw::kQueueRuleIndex>(rules[i]);
         EXPECT_EQ(rule.direction, i);
-        EXPECT_EQ(rule.queueNumber, expectedQueue[i]) << "selector " << i;
+        EXPECT_EQ(rule.queueNumber, i % 2 == 0 ? 65535 : 0) << "selector " << i;
         EXPECT_EQ(rule.protocol, 17);
         EXPECT_EQ(rule.remotePorts.first, 53);
         EXPECT_EQ(rule.interfaceName, "veth" + std::to_string(i));
     }
+    const auto config = m_interceptor->Messages(NFQNL_MSG_CONFIG);
+    ASSERT_EQ(config.size(), 16u);
+    EXPECT_EQ(config[4], ChannelConfiguration(65535)[4]);
+    EXPECT_EQ(config[12], ChannelConfiguration(0)[4]);
 }
 
-TEST_F(NfQueueInterceptorTest, StartTwiceIsInvalidState) {
+TEST_F(NfQueueInterceptorTest, StartTwiceIsInvalidStateAndRestartTakesNewQueues) {
     ASSERT_EQ(Start(), 0);
     EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000006a));
     EXPECT_THAT(Lines(), Contains("Start: interceptor is started already"));
     EXPECT_EQ(m_query->Calls(), 1);
-}
-
-TEST_F(NfQueueInterceptorTest, RestartTakesNewQueues) {
-    ASSERT_EQ(Start(), 0);
     ASSERT_EQ(m_interceptor->Stop(), 0);
     m_query->SetFirst(200);
     ASSERT_EQ(Start(), 0);
@@ -283,33 +283,6 @@ TEST_F(NfQueueInterceptorTest, RestartTakesNewQueues) {
     EXPECT_EQ(std::get<fw::kQueueRuleIndex>(m_rules->Calls()[2].rules.at(0)).queueNumber, 200);
     ASSERT_EQ(m_interceptor->Stop(), 0);
     EXPECT_EQ(m_rules->Calls().size(), 4u);
-}
-
-TEST_F(NfQueueInterceptorTest, Queue65535WrapsTheOutputQueueToZero) {
-    m_query->SetFirst(65535);
-    fw::Filter filter(2);
-    filter[1].direction = fw::kOutbound;
-    ASSERT_EQ(Start(filter), 0);
-    ASSERT_TRUE(RulesCalls(1));
-    const fw::Rules rules = m_rules->Calls()[0].rules;
-    EXPECT_EQ(std::get<fw::kQueueRuleIndex>(rules.at(0)).queueNumber, 65535);
-    EXPECT_EQ(std::get<fw::kQueueRuleIndex>(rules.at(1)).queueNumber, 0);
-    const auto config = m_interceptor->Messages(NFQNL_MSG_CONFIG);
-    ASSERT_EQ(config.size(), 16u);
-    EXPECT_EQ(config[4], ChannelConfiguration(65535)[4]);
-    EXPECT_EQ(config[12], ChannelConfiguration(0)[4]);
-}
-
-TEST_F(NfQueueInterceptorTest, EmptyFilterStillStartsBothThreads) {
-    ASSERT_EQ(m_interceptor->Start({}, nullptr, "empty"), 0);
-    ASSERT_TRUE(RulesCalls(1));
-    EXPECT_TRUE(m_rules->Calls()[0].rules.empty());
-    EXPECT_EQ(m_rules->Calls()[0].tag, "empty");
-    EXPECT_TRUE(Eventually([] {
-        return nti::test::CountThreads("zoltNfQPoll") == 1 &&
-               nti::test::CountThreads("zoltNfQReply") == 1;
-    }));
-    EXPECT_EQ(m_interceptor->Stop(), 0);
 }
 
 // --- Start failures ------------------------------------------------------------
@@ -337,39 +310,41 @@ TEST_F(NfQueueInterceptorTest, NoAvailableQueue) {
     EXPECT_EQ(m_interceptor->Messages(NFQNL_MSG_CONFIG).size(), 0u);
 }
 
-TEST_F(NfQueueInterceptorTest, KernelRefusesTheInputQueue) {
-    const Socket claim = ClaimQueue(kFirstQueue);
-    ASSERT_TRUE(claim);
+TEST_F(NfQueueInterceptorTest, KernelRefusesTheInputOrTheOutputQueue) {
     const int descriptors = nti::test::OpenDescriptors();
-    EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000004b));
-    EXPECT_THAT(
-        Lines(300),
-        ElementsAre(
-            BoolRecord("ret >= 0", "Error received from netlink socket: Operation not permitted"),
-            CheckRecord("Request( sock, BuildCfgRequest(buffer, NFQNL_CFG_CMD_BIND, queueNumber))",
-                        "0x8000004b (Unspecified error)", "Cannot configure netlink m_socket"),
-            CheckRecord("InitNetLinkSocket(m_input.queueNumber, &m_input.socket)",
-                        "0x8000004b (Unspecified error)", "Cannot initialize input socket"),
-            CheckRecord("InitNetLinkSocket()", "0x8000004b (Unspecified error)",
-                        "Cannot initialize netlink m_socket")));
-    // The refused socket is closed at once.
-    EXPECT_EQ(nti::test::OpenDescriptors(), descriptors);
-    EXPECT_EQ(m_interceptor->Stop(), 0);
-}
-
-TEST_F(NfQueueInterceptorTest, KernelRefusesTheOutputQueue) {
+    {
+        const Socket claim = ClaimQueue(kFirstQueue);
+        ASSERT_TRUE(claim);
+        EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000004b));
+        EXPECT_THAT(
+            Lines(300),
+            ElementsAre(
+                BoolRecord("ret >= 0",
+                           "Error received from netlink socket: Operation not permitted"),
+                CheckRecord(
+                    "Request( sock, BuildCfgRequest(buffer, NFQNL_CFG_CMD_BIND, queueNumber))",
+                    "0x8000004b (Unspecified error)", "Cannot configure netlink m_socket"),
+                CheckRecord("InitNetLinkSocket(m_input.queueNumber, &m_input.socket)",
+                            "0x8000004b (Unspecified error)", "Cannot initialize input socket"),
+                CheckRecord("InitNetLinkSocket()", "0x8000004b (Unspecified error)",
+                            "Cannot initialize netlink m_socket")));
+        // The refused socket is closed at once.
+        EXPECT_EQ(nti::test::OpenDescriptors(), descriptors + 1);
+        EXPECT_EQ(m_interceptor->Stop(), 0);
+    }
+    m_tracer->Clear();
+    m_query->SetFirst(kFirstQueue);
     const Socket claim = ClaimQueue(kFirstQueue + 1);
     ASSERT_TRUE(claim);
-    const int descriptors = nti::test::OpenDescriptors();
     EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000004b));
     EXPECT_THAT(
         Lines(300),
         Contains(CheckRecord("InitNetLinkSocket(m_output.queueNumber, &m_output.socket)",
                              "0x8000004b (Unspecified error)", "Cannot initialize output socket")));
     // The input channel stays open until Stop.
-    EXPECT_EQ(nti::test::OpenDescriptors(), descriptors + 1);
+    EXPECT_EQ(nti::test::OpenDescriptors(), descriptors + 2);
     EXPECT_EQ(m_interceptor->Stop(), 0);
-    EXPECT_EQ(nti::test::OpenDescriptors(), descriptors);
+    EXPECT_EQ(nti::test::OpenDescriptors(), descriptors + 1);
 }
 
 struct StepCase {
@@ -444,14 +419,15 @@ TEST_F(NfQueueInterceptorTest, NoDescriptorLeftForTheSocket) {
     ASSERT_EQ(Start(), 0);
     ASSERT_EQ(m_interceptor->Stop(), 0);
     m_tracer->Clear();
-    qor::result_t result = 0;
-    {
-        // Every new descriptor would be at or above the lowest free one.
-        const int lowestFree = dup(0);
-        close(lowestFree);
-        const nti::test::DescriptorLimit limit(static_cast<rlim_t>(lowestFree));
-        result = Start();
-    }
+    // Every new descriptor would be at or above the lowest free one.
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    rlimit saved{};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    rlimit lowered{static_cast<rlim_t>(lowestFree), saved.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &lowered);
+    const qor::result_t result = Start();
+    setrlimit(RLIMIT_NOFILE, &saved);
     EXPECT_EQ(result, static_cast<qor::result_t>(0x8000004b));
     EXPECT_THAT(
         Lines(300),
@@ -486,8 +462,15 @@ TEST_F(NfQueueInterceptorTest, RuleFailureEndsThePollThreadOnly) {
 TEST_F(NfQueueInterceptorTest, DestructionWithoutStopEndsTheThreads) {
     auto plain = Create<ni::NfQueueInterceptor>(m_locator.Get(), m_tracer.Get(),
                                                 qor::RefPtr<fw::IDynamicRules>(m_rules.Get()));
-    ASSERT_EQ(plain->Start({{}}, nullptr, "svc"), 0);
+    // An empty filter still starts both threads.
+    ASSERT_EQ(plain->Start({}, nullptr, "empty"), 0);
     ASSERT_TRUE(RulesCalls(1));
+    EXPECT_TRUE(m_rules->Calls()[0].rules.empty());
+    EXPECT_EQ(m_rules->Calls()[0].tag, "empty");
+    EXPECT_TRUE(Eventually([] {
+        return nti::test::CountThreads("zoltNfQPoll") == 1 &&
+               nti::test::CountThreads("zoltNfQReply") == 1;
+    }));
     plain.Reset();
     EXPECT_EQ(m_rules->Calls().size(), 2u);
     EXPECT_TRUE(Eventually([] { return nti::test::CountThreads("zoltNfQPoll") == 0; }));
@@ -503,27 +486,34 @@ ni::Packet QueuedPacket(std::uint32_t queue, std::uint32_t id) {
     return packet;
 }
 
-TEST_F(NfQueueInterceptorTest, UnknownQueueIsRefused) {
+TEST_F(NfQueueInterceptorTest, VerdictForAnUnknownQueueOrAfterStopIsRefused) {
     ASSERT_EQ(Start(), 0);
     for (std::uint32_t queue : {0u, 3u}) {
         EXPECT_EQ(m_interceptor->SetVerdict(QueuedPacket(queue, 1), 0),
                   static_cast<qor::result_t>(0x8000004b));
     }
-    EXPECT_THAT(Lines(300),
-                ElementsAre("SetVerdict: Cannot set verdict: unknown queue for packet",
-                            "SetVerdict: Cannot set verdict: unknown queue for packet"));
     EXPECT_TRUE(m_interceptor->Messages(NFQNL_MSG_VERDICT).empty());
+    ASSERT_EQ(m_interceptor->Stop(), 0);
+    EXPECT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 1), 0), qor::errors::kInvalidState);
+    EXPECT_THAT(Lines(300), ElementsAre("SetVerdict: Cannot set verdict: unknown queue for packet",
+                                        "SetVerdict: Cannot set verdict: unknown queue for packet",
+                                        "SetVerdict: Cannot set verdict: interceptor is stopped"));
 }
 
-TEST_F(NfQueueInterceptorTest, LaterSendsNothingAndQueuesNothing) {
+TEST_F(NfQueueInterceptorTest, LaterSendsNothingAndAFailedQueuedSendLosesOnlyThatVerdict) {
     m_interceptor->ForwardVerdicts(false);
     ASSERT_EQ(Start(), 0);
+    m_interceptor->FailSend(17, EPERM);
+    ASSERT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 1), 0), 0);
+    ASSERT_TRUE(Eventually([&] { return !Lines(300).empty(); }));
+    EXPECT_THAT(Lines(300),
+                ElementsAre("ReplyThread: Cannot send packet verdict: Operation not permitted"));
     EXPECT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 5), 3), 1);
     EXPECT_THAT(Lines(), Contains("SetVerdict() LATER"));
     EXPECT_EQ(m_interceptor->SetVerdict(QueuedPacket(2, 6), 1), 0);
-    ASSERT_TRUE(Eventually([&] { return !m_interceptor->Messages(NFQNL_MSG_VERDICT).empty(); }));
+    ASSERT_TRUE(Eventually([&] { return m_interceptor->Messages(NFQNL_MSG_VERDICT).size() == 2; }));
     EXPECT_THAT(m_interceptor->Messages(NFQNL_MSG_VERDICT),
-                ElementsAre(Verdict(kFirstQueue + 1, 6, 1)));
+                ElementsAre(Verdict(kFirstQueue, 1, 0), Verdict(kFirstQueue + 1, 6, 1)));
 }
 
 TEST_F(NfQueueInterceptorTest, VerdictsQueuedBeforeOneWakeUpGoInOrder) {
@@ -578,7 +568,7 @@ TEST_F(NfQueueInterceptorTest, StopDropsQueuedVerdicts) {
                 ElementsAre(Verdict(kFirstQueue, 1, 0)));
 }
 
-TEST_F(NfQueueInterceptorTest, ChangedPayloadIsSentAtOnceByTheCaller) {
+TEST_F(NfQueueInterceptorTest, ChangedPayloadIsSentAtOnceByTheCallerAndItsFailureReturned) {
     m_interceptor->ForwardVerdicts(false);
     ASSERT_EQ(Start(), 0);
     std::uint8_t data[] = {1, 2, 3, 4, 5};
@@ -598,39 +588,10 @@ TEST_F(NfQueueInterceptorTest, ChangedPayloadIsSentAtOnceByTheCaller) {
     EXPECT_EQ(sent[17].bytes, Verdict(kFirstQueue + 1, 77, 2, &packet));
     EXPECT_TRUE(pthread_equal(sent[16].thread, pthread_self()));
     EXPECT_TRUE(pthread_equal(sent[17].thread, pthread_self()));
-}
-
-TEST_F(NfQueueInterceptorTest, FailedImmediateSendIsReturned) {
-    ASSERT_EQ(Start(), 0);
-    m_interceptor->FailSend(17, ENOBUFS);
-    std::uint8_t data[] = {9};
-    ni::Packet packet = QueuedPacket(1, 3);
-    packet.payloadChanged = true;
-    packet.payloadBegin = data;
-    packet.payloadEnd = data + 1;
+    m_interceptor->FailSend(19, ENOBUFS);
     EXPECT_EQ(m_interceptor->SetVerdict(packet, 0), static_cast<qor::result_t>(0x8000004b));
     EXPECT_THAT(Lines(300), ElementsAre(BoolRecord(
                                 "ret != -1", "Cannot send verdict No buffer space available")));
-}
-
-TEST_F(NfQueueInterceptorTest, FailedQueuedSendLosesOnlyThatVerdict) {
-    m_interceptor->ForwardVerdicts(false);
-    ASSERT_EQ(Start(), 0);
-    m_interceptor->FailSend(17, EPERM);
-    ASSERT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 1), 0), 0);
-    ASSERT_TRUE(Eventually([&] { return !Lines(300).empty(); }));
-    EXPECT_THAT(Lines(300),
-                ElementsAre("ReplyThread: Cannot send packet verdict: Operation not permitted"));
-    ASSERT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 2), 0), 0);
-    ASSERT_TRUE(Eventually([&] { return m_interceptor->Messages(NFQNL_MSG_VERDICT).size() == 2; }));
-    EXPECT_EQ(m_interceptor->Messages(NFQNL_MSG_VERDICT)[1], Verdict(kFirstQueue, 2, 0));
-}
-
-TEST_F(NfQueueInterceptorTest, VerdictAfterStopIsRefused) {
-    ASSERT_EQ(Start(), 0);
-    ASSERT_EQ(m_interceptor->Stop(), 0);
-    EXPECT_EQ(m_interceptor->SetVerdict(QueuedPacket(1, 1), 0), qor::errors::kInvalidState);
-    EXPECT_THAT(Lines(300), ElementsAre("SetVerdict: Cannot set verdict: interceptor is stopped"));
 }
 
 TEST_F(NfQueueInterceptorTest, ConcurrentVerdictsAllArrive) {
