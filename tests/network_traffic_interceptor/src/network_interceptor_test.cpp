@@ -154,17 +154,14 @@ protected:
         Create<FakePacketCallback>(), Create<FakePacketCallback>(), Create<FakePacketCallback>()};
 };
 
-TEST_F(FacadeTest, StopTwiceReportsTheUnknownKey) {
+TEST_F(FacadeTest, StopTwiceAndVerdictForKeyZeroReportTheUnknownKey) {
     ASSERT_EQ(m_facade->StartInterception(Event(0), {{}, {}}, "svc"), 0);
     EXPECT_EQ(m_facade->StopInterception(Event(0)), 0);
     EXPECT_EQ(m_facade->StopInterception(Event(0)), qor::errors::kNotFound);
-    EXPECT_THAT(Errors(), ElementsAre(NotFoundRecord(65, Hex(Event(0)))));
-    EXPECT_THAT(m_script->Log(), ElementsAre("start 1 svc 2", "stop 1", "destroyed 1"));
-}
-
-TEST_F(FacadeTest, VerdictForKeyZero) {
     EXPECT_EQ(m_facade->SetVerdict(nullptr, ni::Packet{}, 0), qor::errors::kNotFound);
-    EXPECT_THAT(Errors(), ElementsAre(NotFoundRecord(82, "0x0")));
+    EXPECT_THAT(Errors(),
+                ElementsAre(NotFoundRecord(65, Hex(Event(0))), NotFoundRecord(82, "0x0")));
+    EXPECT_THAT(m_script->Log(), ElementsAre("start 1 svc 2", "stop 1", "destroyed 1"));
 }
 
 TEST_F(FacadeTest, FailedStartRegistersNothing) {
@@ -182,29 +179,23 @@ TEST_F(FacadeTest, FailedStopKeepsTheEntryForARetry) {
     ASSERT_EQ(m_facade->StartInterception(Event(1), {}, "svc"), 0);
     m_script->stopResults[1] = qor::errors::kInvalidState;
     EXPECT_EQ(m_facade->StopInterception(Event(1)), qor::errors::kInvalidState);
-    EXPECT_THAT(Errors(),
-                ElementsAre(CheckRecord(68, "interceptor->Stop()", "0x8000006a (Invalid state)",
-                                        "Cannot stop interceptor")));
     ni::Packet packet;
     packet.id = 42;
     EXPECT_EQ(m_facade->SetVerdict(Event(1), packet, 1), 0);
+    m_script->verdictResult = 1;  // LATER
+    EXPECT_EQ(m_facade->SetVerdict(Event(1), packet, 3), 0);
+    m_script->verdictResult = qor::errors::kUnspecified;
+    EXPECT_EQ(m_facade->SetVerdict(Event(1), packet, 0), qor::errors::kUnspecified);
+    EXPECT_THAT(Errors(),
+                ElementsAre(CheckRecord(68, "interceptor->Stop()", "0x8000006a (Invalid state)",
+                                        "Cannot stop interceptor"),
+                            CheckRecord(84, "it->second->SetVerdict(packet, verdict)",
+                                        "0x8000004b (Unspecified error)", "Cannot set verdict")));
     m_script->stopResults.clear();
     EXPECT_EQ(m_facade->StopInterception(Event(1)), 0);
     EXPECT_THAT(m_script->Log(),
-                ElementsAre("start 1 svc 0", "stop 1", "verdict 1 42 1", "stop 1", "destroyed 1"));
-}
-
-TEST_F(FacadeTest, VerdictResults) {
-    ASSERT_EQ(m_facade->StartInterception(Event(0), {}, "svc"), 0);
-    ni::Packet packet;
-    packet.id = 7;
-    m_script->verdictResult = 1;  // LATER
-    EXPECT_EQ(m_facade->SetVerdict(Event(0), packet, 3), 0);
-    m_script->verdictResult = qor::errors::kUnspecified;
-    EXPECT_EQ(m_facade->SetVerdict(Event(0), packet, 0), qor::errors::kUnspecified);
-    EXPECT_THAT(Errors(),
-                ElementsAre(CheckRecord(84, "it->second->SetVerdict(packet, verdict)",
-                                        "0x8000004b (Unspecified error)", "Cannot set verdict")));
+                ElementsAre("start 1 svc 0", "stop 1", "verdict 1 42 1", "verdict 1 42 3",
+                            "verdict 1 42 0", "stop 1", "destroyed 1"));
 }
 
 TEST_F(FacadeTest, StartTwiceWithOneEventKeepsTheFirst) {
