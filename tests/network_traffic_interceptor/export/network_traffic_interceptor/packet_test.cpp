@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "qor/exception.h"
@@ -65,35 +66,23 @@ TEST(PacketViews, FieldsAreReadAtTheirOffsetsInNetworkOrder) {
     ParsedPacket p;
     ASSERT_EQ(p.Parse(Range(v4), true), qor::errors::kOk);
     const Ipv4Header& ip = *p.Ipv4();
-    EXPECT_EQ(ip.Version(), 4);
-    EXPECT_EQ(ip.HeaderLength(), 20u);
-    EXPECT_EQ(ip.TypeOfService(), 0xb8);
-    EXPECT_EQ(ip.TotalLength(), 61);
-    EXPECT_EQ(ip.Identification(), 0x1c46);
-    EXPECT_TRUE(ip.DontFragment());
-    EXPECT_FALSE(ip.MoreFragments());
-    EXPECT_EQ(ip.FragmentOffset(), 0);
-    EXPECT_EQ(ip.TimeToLive(), 64);
-    EXPECT_EQ(ip.HeaderChecksum(), 0xb1e6);
-    EXPECT_EQ(ip.SourceAddress(), 0xc0a80068u);
-    EXPECT_EQ(ip.DestinationAddress(), 0xc613fffeu);
+    EXPECT_EQ(
+        std::tuple(ip.Version(), ip.HeaderLength(), ip.TypeOfService(), ip.TotalLength(),
+                   ip.Identification(), ip.DontFragment(), ip.MoreFragments(), ip.FragmentOffset(),
+                   ip.TimeToLive(), ip.HeaderChecksum(), ip.SourceAddress(),
+                   ip.DestinationAddress()),
+        std::tuple(4, 20u, 0xb8, 61, 0x1c46, true, false, 0, 64, 0xb1e6, 0xc0a80068u, 0xc613fffeu));
     const TcpHeader& tcp = *p.Tcp();
-    EXPECT_EQ(tcp.SourcePort(), 40003);
-    EXPECT_EQ(tcp.DestinationPort(), 443);
-    EXPECT_EQ(tcp.SequenceNumber(), 0x01020304u);
-    EXPECT_EQ(tcp.AcknowledgementNumber(), 0xa0b0c0d0u);
-    EXPECT_EQ(tcp.DataOffset(), 32u);
-    EXPECT_EQ(tcp.Flags(), 0x18);
-    EXPECT_EQ(tcp.Window(), 64240);
-    EXPECT_EQ(tcp.Checksum(), 0xabcd);
-    EXPECT_EQ(tcp.UrgentPointer(), 7);
+    EXPECT_EQ(std::tuple(tcp.SourcePort(), tcp.DestinationPort(), tcp.SequenceNumber(),
+                         tcp.AcknowledgementNumber(), tcp.DataOffset(), tcp.Flags(), tcp.Window(),
+                         tcp.Checksum(), tcp.UrgentPointer()),
+              std::tuple(40003, 443, 0x01020304u, 0xa0b0c0d0u, 32u, 0x18, 64240, 0xabcd, 7));
     EXPECT_EQ(std::string(p.ApplicationPayload().begin, p.ApplicationPayload().end), "GET /");
 
     const Bytes fragment = Hex("45 00 00 00 00 01 3f ff 40 11 00 00 c6 12 00 01 c6 12 00 02");
     const Ipv4Header frag = ViewHeader<Ipv4Header>(Range(fragment));
-    EXPECT_FALSE(frag.DontFragment());
-    EXPECT_TRUE(frag.MoreFragments());
-    EXPECT_EQ(frag.FragmentOffset(), 0x1fff);
+    EXPECT_EQ(std::tuple(frag.DontFragment(), frag.MoreFragments(), frag.FragmentOffset()),
+              std::tuple(false, true, 0x1fff));
 
     // IPv6: traffic class 0xa5, flow label 0x12345, hop limit 7, UDP.
     const Bytes v6 =
@@ -102,17 +91,13 @@ TEST(PacketViews, FieldsAreReadAtTheirOffsetsInNetworkOrder) {
             kUdp);
     ASSERT_EQ(p.Parse(Range(v6), true), qor::errors::kOk);
     const Ipv6Header& ip6 = *p.Ipv6();
-    EXPECT_EQ(ip6.Version(), 6);
-    EXPECT_EQ(ip6.TrafficClass(), 0xa5);
-    EXPECT_EQ(ip6.FlowLabel(), 0x12345u);
-    EXPECT_EQ(ip6.PayloadLength(), 12);
-    EXPECT_EQ(ip6.HopLimit(), 7);
-    EXPECT_EQ(ip6.SourceAddress(), kV6Source);
-    EXPECT_EQ(ip6.DestinationAddress(), kV6Source + 1);
+    EXPECT_EQ(std::tuple(ip6.Version(), ip6.TrafficClass(), ip6.FlowLabel(), ip6.PayloadLength(),
+                         ip6.HopLimit(), ip6.SourceAddress() == kV6Source,
+                         ip6.DestinationAddress() == kV6Source + 1),
+              std::tuple(6, 0xa5, 0x12345u, 12, 7, true, true));
     const UdpHeader& udp = *p.Udp();
-    EXPECT_EQ(udp.SourcePort(), 40001);
-    EXPECT_EQ(udp.DestinationPort(), 40002);
-    EXPECT_EQ(udp.Length(), 12);
+    EXPECT_EQ(std::tuple(udp.SourcePort(), udp.DestinationPort(), udp.Length()),
+              std::tuple(40001, 40002, 12));
     EXPECT_EQ(p.Source(), (PacketEndpoint{kV6Source, 40001, 6}));
     EXPECT_EQ(p.Destination(), (PacketEndpoint{kV6Source + 1, 40002, 6}));
 }
