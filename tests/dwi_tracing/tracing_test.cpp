@@ -54,27 +54,6 @@ TEST_F(TracingTest, ResultCheckRecordBytes) {
                               "\\(Unspecified error\\) Cannot do it for svc"));
 }
 
-TEST_F(TracingTest, FixedLineCheckRecordBytes) {
-    DWI_CHECK_RECORD(m_tracer.Get(), 300, QOR_AT(44),
-                     "interceptor->Start(filter, event, serviceName)", qor::errors::kInvalidState)
-        << "Cannot start interceptor for "
-        << "svc";
-    ASSERT_EQ(m_host->Texts().size(), 1u);
-    EXPECT_EQ(m_host->Texts()[0],
-              "Obj: tests/dwi_tracing/tracing_test:44(interceptor->Start(filter, event, "
-              "serviceName)),(QOR_SUCCEEDED(_result)) failed: result = 0x8000006a (Invalid state) "
-              "Cannot start interceptor for svc");
-}
-
-TEST_F(TracingTest, BooleanCheckRecordBytes) {
-    DWI_BOOL_RECORD(m_tracer.Get(), 300, QOR_AT(65), "it != m_interceptors.end()")
-        << "Cannot find " << qor::trace::Hex0x{0};
-    ASSERT_EQ(m_host->Texts().size(), 1u);
-    EXPECT_EQ(m_host->Texts()[0],
-              "Obj: tests/dwi_tracing/tracing_test:65(it != m_interceptors.end()),(bool) failed: "
-              "result = false Cannot find 0x0");
-}
-
 struct Stoppable {
     [[nodiscard]] qor::result_t Stop() { return qor::errors::kUnspecified; }
 };
@@ -85,12 +64,24 @@ void DestructorLike(qor::ITracer* tracer) {
     DWI_IGNORED_RESULT(tracer, interceptor->Stop(), "Cannot stop interceptor");
 }
 
-TEST_F(TracingTest, IgnoredResultRecordBytes) {
+TEST_F(TracingTest, FixedLineBooleanAndIgnoredRecordBytes) {
+    DWI_CHECK_RECORD(m_tracer.Get(), 300, QOR_AT(44),
+                     "interceptor->Start(filter, event, serviceName)", qor::errors::kInvalidState)
+        << "Cannot start interceptor for "
+        << "svc";
+    DWI_BOOL_RECORD(m_tracer.Get(), 300, QOR_AT(65), "it != m_interceptors.end()")
+        << "Cannot find " << qor::trace::Hex0x{0};
     DestructorLike(m_tracer.Get());
-    ASSERT_EQ(m_host->Texts().size(), 1u);
-    EXPECT_EQ(m_host->Texts()[0],
-              "Obj: DestructorLike: '(interceptor->Stop())=0x8000004b (Unspecified error)' Cannot "
-              "stop interceptor");
+    EXPECT_THAT(
+        m_host->Texts(),
+        testing::ElementsAre(
+            "Obj: tests/dwi_tracing/tracing_test:44(interceptor->Start(filter, event, "
+            "serviceName)),(QOR_SUCCEEDED(_result)) failed: result = 0x8000006a (Invalid state) "
+            "Cannot start interceptor for svc",
+            "Obj: tests/dwi_tracing/tracing_test:65(it != m_interceptors.end()),(bool) failed: "
+            "result = false Cannot find 0x0",
+            "Obj: DestructorLike: '(interceptor->Stop())=0x8000004b (Unspecified error)' Cannot "
+            "stop interceptor"));
 }
 
 TEST_F(TracingTest, EntryExitAndMessageForms) {
@@ -121,14 +112,7 @@ TEST_F(TracingTest, RefusedLevelFormatsNothing) {
     EXPECT_EQ(m_host->Texts(), std::vector<std::string>{"Obj: probe"});
 }
 
-TEST_F(TracingTest, RecordGrowsBeyondInitialCapacity) {
-    const std::string big(3000, 'x');
-    QOR_TRACE(m_tracer.Get(), 300) << big << "|end";
-    ASSERT_EQ(m_host->Texts().size(), 1u);
-    EXPECT_EQ(m_host->Texts()[0], "Obj: " + big + "|end");
-}
-
-TEST_F(TracingTest, ValueFormatting) {
+TEST_F(TracingTest, ValueFormattingAndRecordGrowth) {
     using namespace qor::trace;
     QOR_TRACE(m_tracer.Get(), 300)
         << 255 << ' ' << hex << showbase << 255 << ' ' << -255 << ' ' << oct << 8 << ' ' << dec
@@ -136,9 +120,14 @@ TEST_F(TracingTest, ValueFormatting) {
         << SetPrecision{2} << 3.14159 << ' ' << scientific << 1234.5 << ' ' << std::optional<int>()
         << ' ' << std::optional<int>(7) << ' ' << static_cast<const void*>(nullptr) << ' ' << true
         << ' ' << Result{1};
-    ASSERT_EQ(m_host->Texts().size(), 1u);
-    EXPECT_EQ(m_host->Texts()[0],
-              "Obj: 255 0xff -0xff 010 -3 ...42 3.14 1.23e+03 null 7 null 1 0x00000001 (False)");
+    // Beyond the record's initial capacity.
+    const std::string big(3000, 'x');
+    QOR_TRACE(m_tracer.Get(), 300) << big << "|end";
+    EXPECT_THAT(
+        m_host->Texts(),
+        testing::ElementsAre(
+            "Obj: 255 0xff -0xff 010 -3 ...42 3.14 1.23e+03 null 7 null 1 0x00000001 (False)",
+            "Obj: " + big + "|end"));
 }
 
 TEST(PrefixTracerCreation, LocatorWithoutTracerThrowsAtFixedLine) {
