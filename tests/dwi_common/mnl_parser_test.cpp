@@ -162,7 +162,7 @@ TEST_F(MnlParserTest, ParseRecordShowsArgumentsAndDump) {
 // the table, and whether the message is whole.
 struct ShapeCase {
     const char* name;
-    std::function<std::vector<char>()> build;
+    std::vector<char> bytes;
     int result;
     std::uint32_t mark;  // NFQA_MARK in the delivered table (0xFFFFFFFF: none)
     std::vector<std::string> records;
@@ -170,77 +170,58 @@ struct ShapeCase {
 
 const std::string kBroken = "300:" + std::string(kCannotProcess);
 
+std::vector<char> Overrun() {
+    Message m;
+    m.U32(NFQA_MARK, 1);
+    auto* overrun = static_cast<nlattr*>(mnl_nlmsg_get_payload_tail(m.Header()));
+    m.U32(NFQA_IFINDEX_INDEV, 2);
+    overrun->nla_len = 12;  // four bytes past the message
+    return m.Bytes();
+}
+
+std::vector<char> Padded(std::vector<char> buf) {
+    buf.resize(MNL_ALIGN(buf.size()), 0);
+    return buf;
+}
+
+std::vector<char> Truncated(std::uint32_t length) {
+    Message m;
+    m.Header()->nlmsg_len = length;
+    return m.Bytes();
+}
+
 const ShapeCase kShapes[] = {
-    {"LastOccurrenceWins",
-     [] { return Message().U32(NFQA_MARK, 1).U32(NFQA_MARK, 2).Bytes(); },
-     MNL_CB_OK,
-     2,
-     {}},
+    {"LastOccurrenceWins", Message().U32(NFQA_MARK, 1).U32(NFQA_MARK, 2).Bytes(), MNL_CB_OK, 2, {}},
     {"TypeFlagsAreMaskedOff",
-     [] { return Message().U32(NFQA_MARK | NLA_F_NET_BYTEORDER | NLA_F_NESTED, 3).Bytes(); },
+     Message().U32(NFQA_MARK | NLA_F_NET_BYTEORDER | NLA_F_NESTED, 3).Bytes(),
      MNL_CB_OK,
      3,
      {}},
-    {"AttributeRunsPastTheMessage",
-     [] {
-         Message m;
-         m.U32(NFQA_MARK, 1);
-         auto* overrun = static_cast<nlattr*>(mnl_nlmsg_get_payload_tail(m.Header()));
-         m.U32(NFQA_IFINDEX_INDEV, 2);
-         overrun->nla_len = 12;  // four bytes past the message
-         return m.Bytes();
-     },
-     -1,
-     0,
-     {kBroken}},
+    {"AttributeRunsPastTheMessage", Overrun(), -1, 0, {kBroken}},
     {"CheckerRejects",
-     [] { return Message().U16(NFQA_MARK, 1).Bytes(); },
+     Message().U16(NFQA_MARK, 1).Bytes(),
      -1,
      0,
      {"300:(it == m_checker->end() || it->second(attr) >= 0),(bool) failed: result = false",
       kBroken}},
-    {"UnalignedLastAttribute",
-     [] { return Message().U32(NFQA_MARK, 5).Raw(5, 5).Bytes(); },
-     MNL_CB_OK,
-     5,
-     {}},
-    {"LengthBelowAttributeHeader",
-     [] { return Message().U32(NFQA_MARK, 1).Raw(4, 3).Bytes(); },
-     -1,
-     0,
-     {kBroken}},
+    {"UnalignedLastAttribute", Message().U32(NFQA_MARK, 5).Raw(5, 5).Bytes(), MNL_CB_OK, 5, {}},
+    {"LengthBelowAttributeHeader", Message().U32(NFQA_MARK, 1).Raw(4, 3).Bytes(), -1, 0, {kBroken}},
     {"LastAttributeRunsIntoThePadding",
-     [] {
-         auto buf = Message().U32(NFQA_MARK, 1).Raw(5, 6).Bytes();
-         buf.resize(MNL_ALIGN(buf.size()), 0);
-         return buf;
-     },
+     Padded(Message().U32(NFQA_MARK, 1).Raw(5, 6).Bytes()),
      -1,
      0,
      {kBroken}},
     // The kernel does not pad a packet's payload: stray bytes at the end of
     // the buffer must not be read past it.
-    {"ThreeStrayBytes",
-     [] { return Message().U32(NFQA_MARK, 1).Raw(3, 0).Bytes(); },
-     -1,
-     0,
-     {kBroken}},
-    {"NoRoomForTheNetfilterHeader",
-     [] {
-         Message m;
-         m.Header()->nlmsg_len = 18;
-         return m.Bytes();
-     },
-     -1,
-     0,
-     {kBroken}},
+    {"ThreeStrayBytes", Message().U32(NFQA_MARK, 1).Raw(3, 0).Bytes(), -1, 0, {kBroken}},
+    {"NoRoomForTheNetfilterHeader", Truncated(18), -1, 0, {kBroken}},
 };
 
 class MnlParserShapeTest : public MnlParserTest, public ::testing::WithParamInterface<ShapeCase> {};
 
 TEST_P(MnlParserShapeTest, KeepsWhatTheMessageHolds) {
     const ShapeCase& c = GetParam();
-    EXPECT_EQ(Parse(c.build()), c.result);
+    EXPECT_EQ(Parse(c.bytes), c.result);
     ASSERT_EQ(m_tables.size(), c.result == MNL_CB_OK ? 1u : 0u);
     if (c.result == MNL_CB_OK) {
         EXPECT_EQ(U32At(m_tables[0], NFQA_MARK), c.mark);
