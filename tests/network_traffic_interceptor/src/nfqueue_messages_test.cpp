@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,50 +20,6 @@ namespace {
 
 namespace ni = dwi::network_interceptor;
 using Bytes = std::vector<std::uint8_t>;
-
-// Message composes expected bytes field by field, in wire order.
-class Message {
-public:
-    Message& U8(std::uint8_t v) {
-        m_bytes.push_back(v);
-        return *this;
-    }
-    Message& Le16(std::uint16_t v) { return U8(v & 0xFF).U8(v >> 8); }
-    Message& Le32(std::uint32_t v) { return Le16(v & 0xFFFF).Le16(v >> 16); }
-    Message& Be16(std::uint16_t v) { return U8(v >> 8).U8(v & 0xFF); }
-    Message& Be32(std::uint32_t v) { return Be16(v >> 16).Be16(v & 0xFFFF); }
-    Message& Raw(const Bytes& b) {
-        m_bytes.insert(m_bytes.end(), b.begin(), b.end());
-        return *this;
-    }
-    // Header fills in nlmsg_len from the final size.
-    Bytes Done() const {
-        Bytes out = m_bytes;
-        const auto len = static_cast<std::uint32_t>(out.size());
-        for (int i = 0; i < 4; ++i) {
-            out[i] = static_cast<std::uint8_t>(len >> (8 * i));
-        }
-        return out;
-    }
-
-private:
-    Bytes m_bytes;
-};
-
-Message Header(std::uint8_t type, std::uint16_t flags, std::uint16_t resId) {
-    Message m;
-    m.Le32(0)  // length, filled by Done()
-        .Le16(static_cast<std::uint16_t>((NFNL_SUBSYS_QUEUE << 8) | type))
-        .Le16(flags)
-        .Le32(0)   // seq
-        .Le32(0);  // pid
-    m.U8(AF_UNSPEC).U8(NFNETLINK_V0).Be16(resId);
-    return m;
-}
-
-Message ConfigHeader(std::uint16_t resId) {
-    return Header(NFQNL_MSG_CONFIG, NLM_F_REQUEST | NLM_F_ACK, resId);
-}
 
 Bytes AsBytes(const nlmsghdr* nlh) {
     const auto* p = reinterpret_cast<const std::uint8_t*>(nlh);
@@ -80,6 +37,19 @@ Bytes Hex(const std::string& text) {
         i += 2;
     }
     return bytes;
+}
+
+// Expected is a whole message: netlink header with its final length, nfgenmsg,
+// then `attributes` (hex: length, type, payload of each).
+Bytes Expected(std::uint8_t type, std::uint16_t flags, std::uint16_t resId,
+               const std::string& attributes) {
+    // Lengths and flags here fit in their low byte; seq and pid are 0.
+    char header[64];
+    std::snprintf(header, sizeof(header),
+                  "%02zx000000 %02x%02x %02x00 00000000 00000000 %02x%02x %04x ",
+                  20 + Hex(attributes).size(), type, NFNL_SUBSYS_QUEUE, flags, AF_UNSPEC,
+                  NFNETLINK_V0, resId);
+    return Hex(header + attributes);
 }
 
 struct ConfigCase {
@@ -118,21 +88,14 @@ TEST_P(ConfigMessageTest, BytesMatch) {
     std::fill(std::begin(buffer), std::end(buffer), '\xEE');
     const nlmsghdr* nlh = GetParam().build(buffer);
     ASSERT_EQ(static_cast<const void*>(nlh), static_cast<const void*>(buffer));
-    EXPECT_EQ(AsBytes(nlh), ConfigHeader(GetParam().resId).Raw(Hex(GetParam().attributes)).Done());
+    EXPECT_EQ(AsBytes(nlh), Expected(NFQNL_MSG_CONFIG, NLM_F_REQUEST | NLM_F_ACK, GetParam().resId,
+                                     GetParam().attributes));
 }
 
 INSTANTIATE_TEST_SUITE_P(Builders, ConfigMessageTest, ::testing::ValuesIn(ConfigCases()),
                          [](const auto& test) { return test.param.name; });
 
 // --- Verdicts ---------------------------------------------------------------
-
-Message VerdictHeader(std::uint16_t queue, std::uint32_t nfVerdict, std::uint32_t id) {
-    return Header(NFQNL_MSG_VERDICT, NLM_F_REQUEST, queue)
-        .Le16(12)
-        .Le16(NFQA_VERDICT_HDR)
-        .Be32(nfVerdict)
-        .Be32(id);
-}
 
 Bytes BuildVerdict(std::uint16_t queue, std::uint32_t id, std::uint32_t nfVerdict,
                    const ni::Packet* packet) {
@@ -147,28 +110,17 @@ Bytes BuildVerdict(std::uint16_t queue, std::uint32_t id, std::uint32_t nfVerdic
 
 TEST(VerdictMessageTest, MarkWhenNotZeroPayloadOnlyWhenChanged) {
     std::uint8_t data[] = {0x45, 0x00, 0x00, 0x1c, 0xAB};
-    const Bytes padded{0x45, 0x00, 0x00, 0x1c, 0xAB, 0, 0, 0};
     struct Case {
         const char* name;
         std::uint32_t mark;
         bool changed;
-        Bytes expected;
+        std::string attributes;  // after the verdict header
     };
     const Case cases[] = {
-        {"neither", 0, false, VerdictHeader(5, NF_REPEAT, 9).Done()},
-        {"mark", 0x01020304, false,
-         VerdictHeader(5, NF_REPEAT, 9).Le16(8).Le16(NFQA_MARK).Be32(0x01020304).Done()},
-        {"payload", 0, true,
-         VerdictHeader(5, NF_REPEAT, 9).Le16(4 + 5).Le16(NFQA_PAYLOAD).Raw(padded).Done()},
-        {"both", 0xFFFFFFFF, true,
-         VerdictHeader(5, NF_REPEAT, 9)
-             .Le16(8)
-             .Le16(NFQA_MARK)
-             .Be32(0xFFFFFFFF)
-             .Le16(4 + 5)
-             .Le16(NFQA_PAYLOAD)
-             .Raw(padded)
-             .Done()},
+        {"neither", 0, false, ""},
+        {"mark", 0x01020304, false, "0800 0300 01020304"},
+        {"payload", 0, true, "0900 0a00 4500001cab 000000"},
+        {"both", 0xFFFFFFFF, true, "0800 0300 ffffffff 0900 0a00 4500001cab 000000"},
     };
     for (const Case& c : cases) {
         ni::Packet packet;
@@ -176,10 +128,14 @@ TEST(VerdictMessageTest, MarkWhenNotZeroPayloadOnlyWhenChanged) {
         packet.payloadEnd = data + sizeof(data);
         packet.mark = c.mark;
         packet.payloadChanged = c.changed;
-        EXPECT_EQ(BuildVerdict(5, 9, NF_REPEAT, &packet), c.expected) << c.name;
+        // NF_REPEAT is 4.
+        EXPECT_EQ(BuildVerdict(5, 9, NF_REPEAT, &packet),
+                  Expected(NFQNL_MSG_VERDICT, NLM_F_REQUEST, 5,
+                           "0c00 0200 00000004 00000009" + c.attributes))
+            << c.name;
     }
     EXPECT_EQ(BuildVerdict(0x0203, 0xA1B2C3D4, NF_DROP, nullptr),
-              VerdictHeader(0x0203, NF_DROP, 0xA1B2C3D4).Done());
+              Expected(NFQNL_MSG_VERDICT, NLM_F_REQUEST, 0x0203, "0c00 0200 00000000 a1b2c3d4"));
 }
 
 TEST(VerdictMessageTest, LargestPayloadThatAnAttributeHoldsFits) {
