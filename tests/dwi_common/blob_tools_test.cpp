@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "host/services/service_locator.h"
@@ -118,13 +119,11 @@ TEST_F(BlobToolsTest, RoundTripThroughTheSerialiser) {
     ASSERT_EQ(AnyFromBlob(locator.Get(), blob, Data()), 0);
     const auto calls = m_serializer->Calls();
     ASSERT_EQ(calls.size(), 2u);
-    EXPECT_TRUE(calls[0].serialize);
-    EXPECT_EQ(calls[0].data.object, &m_value);
-    EXPECT_EQ(calls[0].mode, 0u);
-    EXPECT_FALSE(calls[1].serialize);
-    EXPECT_EQ(calls[1].blob, blob.data());
-    EXPECT_EQ(calls[1].input, (std::vector<std::uint8_t>{1, 2, 3, 4, 5, 6}));
-    EXPECT_EQ(calls[1].mode, 0u);
+    EXPECT_EQ(std::tuple(calls[0].serialize, calls[0].data.object, calls[0].mode),
+              std::tuple(true, static_cast<const void*>(&m_value), 0u));
+    EXPECT_EQ(std::tuple(calls[1].serialize, calls[1].blob, calls[1].input, calls[1].mode),
+              std::tuple(false, static_cast<const void*>(blob.data()),
+                         std::vector<std::uint8_t>{1, 2, 3, 4, 5, 6}, 0u));
     EXPECT_EQ(m_allocator->Outstanding(), 0);
     EXPECT_TRUE(m_tracer->Lines().empty());
 }
