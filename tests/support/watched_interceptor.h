@@ -2,7 +2,6 @@
 // watched, held back or failed, and helpers for traces and threads.
 #pragma once
 
-#include <dirent.h>
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_queue.h>
@@ -14,7 +13,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -136,58 +137,38 @@ bool Eventually(Condition condition) {
     return condition();
 }
 
-// ForEachEntry calls `f` with the name of every entry of `path` but "." and "..".
-template <class F>
-void ForEachEntry(const std::string& path, F f) {
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr) {
-        return;
-    }
-    while (const dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.') {
-            f(std::string(entry->d_name));
-        }
-    }
-    closedir(dir);
-}
-
 // CountThreads counts this process's threads named `name`.
 inline int CountThreads(const std::string& name) {
     int n = 0;
-    ForEachEntry("/proc/self/task", [&](const std::string& task) {
-        std::ifstream comm("/proc/self/task/" + task + "/comm");
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
         std::string thread;
         std::getline(comm, thread);
         n += thread == name ? 1 : 0;
-    });
+    }
     return n;
 }
 
-// OpenDescriptors counts this process's open descriptors.
+// OpenDescriptors counts this process's open descriptors but the iterator's own.
 inline int OpenDescriptors() {
-    int n = 0;
-    ForEachEntry("/proc/self/fd", [&](const std::string&) { ++n; });
-    return n - 1;  // the directory's own descriptor
+    std::filesystem::directory_iterator fds("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(fds), end(fds))) - 1;
 }
 
 // EventFdCounts lists the counters of this process's eventfds.
 inline std::vector<std::uint64_t> EventFdCounts() {
     std::vector<std::uint64_t> counts;
-    ForEachEntry("/proc/self/fd", [&](const std::string& fd) {
-        char target[256] = {};
-        const std::string path = "/proc/self/fd/" + fd;
-        if (readlink(path.c_str(), target, sizeof(target) - 1) <= 0 ||
-            std::string(target) != "anon_inode:[eventfd]") {
-            return;
-        }
-        std::ifstream info("/proc/self/fdinfo/" + fd);
-        std::string line;
-        while (std::getline(info, line)) {
-            if (line.rfind("eventfd-count:", 0) == 0) {
-                counts.push_back(std::stoull(line.substr(14), nullptr, 16));
+    std::error_code error;
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+        if (std::filesystem::read_symlink(fd.path(), error) == "anon_inode:[eventfd]") {
+            std::ifstream info("/proc/self/fdinfo/" + fd.path().filename().string());
+            for (std::string line; std::getline(info, line);) {
+                if (line.rfind("eventfd-count:", 0) == 0) {
+                    counts.push_back(std::stoull(line.substr(14), nullptr, 16));
+                }
             }
         }
-    });
+    }
     return counts;
 }
 
