@@ -42,18 +42,6 @@ protected:
     return 0;
 }
 
-TEST_F(TracingTest, ResultCheckRecordBytes) {
-    EXPECT_EQ(ReturnsThroughCheck(m_tracer.Get()), qor::errors::kUnspecified);
-    const auto lines = m_host->Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].level, 300u);
-    EXPECT_THAT(
-        lines[0].text,
-        testing::MatchesRegex("Obj: tests/dwi_tracing/tracing_test:[0-9]+\\(FailingCall\\(\\)\\),"
-                              "\\(QOR_SUCCEEDED\\(_result\\)\\) failed: result = 0x8000004b "
-                              "\\(Unspecified error\\) Cannot do it for svc"));
-}
-
 struct Stoppable {
     [[nodiscard]] qor::result_t Stop() { return qor::errors::kUnspecified; }
 };
@@ -64,7 +52,8 @@ void DestructorLike(qor::ITracer* tracer) {
     DWI_IGNORED_RESULT(tracer, interceptor->Stop(), "Cannot stop interceptor");
 }
 
-TEST_F(TracingTest, FixedLineBooleanAndIgnoredRecordBytes) {
+TEST_F(TracingTest, RecordBytesOfEachCheckForm) {
+    EXPECT_EQ(ReturnsThroughCheck(m_tracer.Get()), qor::errors::kUnspecified);
     DWI_CHECK_RECORD(m_tracer.Get(), 300, QOR_AT(44),
                      "interceptor->Start(filter, event, serviceName)", qor::errors::kInvalidState)
         << "Cannot start interceptor for "
@@ -72,9 +61,14 @@ TEST_F(TracingTest, FixedLineBooleanAndIgnoredRecordBytes) {
     DWI_BOOL_RECORD(m_tracer.Get(), 300, QOR_AT(65), "it != m_interceptors.end()")
         << "Cannot find " << qor::trace::Hex0x{0};
     DestructorLike(m_tracer.Get());
+    EXPECT_EQ(m_host->Lines().at(0).level, 300u);
     EXPECT_THAT(
         m_host->Texts(),
         testing::ElementsAre(
+            testing::MatchesRegex(
+                "Obj: tests/dwi_tracing/tracing_test:[0-9]+\\(FailingCall\\(\\)\\),"
+                "\\(QOR_SUCCEEDED\\(_result\\)\\) failed: result = 0x8000004b "
+                "\\(Unspecified error\\) Cannot do it for svc"),
             "Obj: tests/dwi_tracing/tracing_test:44(interceptor->Start(filter, event, "
             "serviceName)),(QOR_SUCCEEDED(_result)) failed: result = 0x8000006a (Invalid state) "
             "Cannot start interceptor for svc",

@@ -180,12 +180,6 @@ protected:
 
 // --- Lifecycle --------------------------------------------------------------
 
-TEST_F(NfQueueInterceptorTest, StopNeverStartedIsInvalidState) {
-    EXPECT_EQ(m_interceptor->Stop(), static_cast<qor::result_t>(0x8000006a));
-    EXPECT_THAT(Lines(), ElementsAre("NfQueueInterceptor() ", "Stop() ",
-                                     "Stop: interceptor is stopped already"));
-}
-
 TEST_F(NfQueueInterceptorTest, StartConfiguresBothChannelsAndStopEndsEverything) {
     const int descriptors = nti::test::OpenDescriptors();
     ASSERT_EQ(Start(), 0);
@@ -277,7 +271,11 @@ TEST_F(NfQueueInterceptorTest, StartTwiceIsInvalidStateAndRestartTakesNewQueues)
 
 // --- Start failures ------------------------------------------------------------
 
-TEST_F(NfQueueInterceptorTest, MissingQueueQueryFailsButCountsAsStarted) {
+TEST_F(NfQueueInterceptorTest, StopNeverStartedAndStartWithoutAQueue) {
+    EXPECT_EQ(m_interceptor->Stop(), static_cast<qor::result_t>(0x8000006a));
+    EXPECT_THAT(Lines(), ElementsAre("NfQueueInterceptor() ", "Stop() ",
+                                     "Stop: interceptor is stopped already"));
+    m_tracer->Clear();
     ASSERT_EQ(m_locator->Unregister(firewall::INfqueueQuery::IID), 0);
     EXPECT_EQ(Start(), static_cast<qor::result_t>(0x80000001));
     EXPECT_THAT(Lines(300),
@@ -289,9 +287,9 @@ TEST_F(NfQueueInterceptorTest, MissingQueueQueryFailsButCountsAsStarted) {
     EXPECT_EQ(m_interceptor->Stop(), 0);
     EXPECT_EQ(m_interceptor->Stop(), static_cast<qor::result_t>(0x8000006a));
     EXPECT_TRUE(m_rules->Calls().empty());
-}
 
-TEST_F(NfQueueInterceptorTest, NoAvailableQueue) {
+    m_tracer->Clear();
+    ASSERT_EQ(m_locator->Register(firewall::INfqueueQuery::IID, m_query.Get()), 0);
     m_query->Fail(qor::errors::kNotFound);
     EXPECT_EQ(Start(), qor::errors::kNotFound);
     EXPECT_THAT(Lines(300), ElementsAre(CheckRecord("nfqueue->GetAvailableQueue(count, queueNum)",
