@@ -61,14 +61,6 @@ ConnectionKey TcpKey(std::uint32_t ifindex, std::uint16_t localPort, std::uint16
     return key;
 }
 
-std::vector<std::string> RuleNames(const dwi::firewall::Rules& rules) {
-    std::vector<std::string> names;
-    for (const auto& rule : rules) {
-        names.push_back(std::get<dwi::firewall::NflogRule>(rule).name);
-    }
-    return names;
-}
-
 Bytes Outgoing(std::uint16_t totalLength = 60) {
     return nti::test::Ipv4Packet(kHostV4, kPeerV4, nti::test::kTcp, 40000, 443, totalLength);
 }
@@ -127,27 +119,14 @@ TEST_F(NflogCollectorTest, BuildsTheThreeStatisticsRules) {
     };
     for (const Case c : {Case{0, 4}, Case{1, std::nullopt}, Case{0x80, std::nullopt}}) {
         SCOPED_TRACE(static_cast<int>(c.iptablesFlags));
-        const auto collector = Make(c.iptablesFlags);
-        const auto& rules = collector->Rules();
-        ASSERT_EQ(rules.size(), 3u);
-        const struct {
-            const char* name;
-            std::uint8_t chain;
-            bool excluded;
-        } expected[] = {
-            {"zolt_stats_fwd", 4, false}, {"zolt_stats_in", 2, true}, {"zolt_stats_out", 3, true}};
-        for (std::size_t i = 0; i < rules.size(); ++i) {
-            ASSERT_TRUE(std::holds_alternative<dwi::firewall::NflogRule>(rules[i]));
-            const auto& rule = std::get<dwi::firewall::NflogRule>(rules[i]);
-            EXPECT_EQ(rule.name, expected[i].name);
-            EXPECT_EQ(rule.chain, expected[i].chain);
-            EXPECT_EQ(rule.nflogGroup, 10000);
-            EXPECT_EQ(rule.bypassMark, kBypassMark);
-            EXPECT_TRUE(rule.bypassMarkSet);
-            EXPECT_EQ(rule.excludeLoopback, expected[i].excluded);
-            EXPECT_EQ(rule.excludeMulticast, expected[i].excluded);
-            EXPECT_EQ(rule.ipVersion, c.ipVersion);
-        }
+        const auto rule = [&](const char* name, std::uint8_t chain, bool excluded) {
+            return dwi::firewall::NflogRule{name, chain,    10000,    kBypassMark,
+                                            true, excluded, excluded, c.ipVersion};
+        };
+        EXPECT_EQ(
+            Make(c.iptablesFlags)->Rules(),
+            (dwi::firewall::Rules{rule("zolt_stats_fwd", 4, false), rule("zolt_stats_in", 2, true),
+                                  rule("zolt_stats_out", 3, true)}));
     }
     EXPECT_TRUE(
         m_tracer->Contains("NfLogConnectionCollector: NfLogConnectionCollector() nflogGroup=10000, "
@@ -190,59 +169,64 @@ TEST_F(NflogCollectorTest, ConstructionFailsWithoutItsHostServices) {
     }
 }
 
-TEST_F(NflogCollectorTest, StartAddsTaggedRulesThenStartsTheListener) {
+TEST_F(NflogCollectorTest, StartAddsTaggedRulesStopRemovesThem) {
     const auto collector = Make();
     ASSERT_EQ(collector->Start(), 0);
-    const auto calls = m_firewall->Calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_TRUE(calls[0].add);
-    EXPECT_EQ(calls[0].tag, "zolt_stats");
-    EXPECT_EQ(RuleNames(calls[0].rules), RuleNames(collector->Rules()));
     EXPECT_EQ(m_factory->Listener()->Starts(), (std::vector<std::vector<std::uint16_t>>{{10000}}));
-    EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: Start() m_nflogGroup=10000"));
-}
-
-TEST_F(NflogCollectorTest, StartReportsFailuresInOrder) {
-    {
-        const auto collector = Make();
-        m_firewall->FailAdd(qor::errors::kUnspecified);
-        EXPECT_EQ(collector->Start(), qor::errors::kUnspecified);
-        EXPECT_TRUE(m_factory->Listener()->Starts().empty());
-        EXPECT_TRUE(HasCheckRecord("m_firewall->AddRules(m_rules, \"zolt\" \"_stats\")",
-                                   "0x8000004b (Unspecified error) Cannot add firewall rules"));
-    }
-    m_firewall->FailAdd(0);
-    const auto collector = Make();
-    m_factory->Listener()->FailStart(qor::errors::kInvalidState);
-    EXPECT_EQ(collector->Start(), qor::errors::kInvalidState);
-    EXPECT_TRUE(
-        HasCheckRecord("m_nflogListener->Start(groups)", "0x8000006a (Invalid state) Cannot"));
-}
-
-TEST_F(NflogCollectorTest, StopRemovesRulesThenStopsTheListener) {
-    const auto collector = Make();
-    ASSERT_EQ(collector->Start(), 0);
     ASSERT_EQ(collector->Stop(), 0);
+    EXPECT_EQ(m_factory->Listener()->Stops(), 1);
     const auto calls = m_firewall->Calls();
     ASSERT_EQ(calls.size(), 2u);
+    EXPECT_TRUE(calls[0].add);
+    EXPECT_EQ(calls[0].tag, "zolt_stats");
+    EXPECT_EQ(calls[0].rules, collector->Rules());
     EXPECT_FALSE(calls[1].add);
-    EXPECT_EQ(RuleNames(calls[1].rules), RuleNames(collector->Rules()));
-    EXPECT_EQ(m_factory->Listener()->Stops(), 1);
+    EXPECT_EQ(calls[1].rules, collector->Rules());
+    EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: Start() m_nflogGroup=10000"));
     EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: Stop() m_nflogGroup=10000"));
 }
 
-TEST_F(NflogCollectorTest, FailedRuleRemovalLeavesTheListenerRunning) {
-    const auto collector = Make();
-    m_firewall->FailRemove(qor::errors::kAccessDenied);
-    EXPECT_EQ(collector->Stop(), qor::errors::kAccessDenied);
-    EXPECT_EQ(m_factory->Listener()->Stops(), 0);
-    EXPECT_TRUE(
-        HasCheckRecord("m_firewall->RemoveRules(m_rules)", "0x80000045 (Access denied) Cannot"));
-
-    m_firewall->FailRemove(0);
-    m_factory->Listener()->FailStop(qor::errors::kUnspecified);
-    EXPECT_EQ(collector->Stop(), qor::errors::kUnspecified);
-    EXPECT_TRUE(HasCheckRecord("m_nflogListener->Stop()", "0x8000004b"));
+// The firewall step comes first: when it fails the listener is left alone.
+TEST_F(NflogCollectorTest, StartAndStopReportFailuresInOrder) {
+    struct Case {
+        const char* name;
+        std::function<void(CollectorHarness&)> breakIt;
+        bool start;
+        qor::result_t result;
+        std::string expression;
+        std::string tail;
+    };
+    const Case cases[] = {
+        {"add", [](CollectorHarness& h) { h.m_firewall->FailAdd(qor::errors::kUnspecified); }, true,
+         qor::errors::kUnspecified, "m_firewall->AddRules(m_rules, \"zolt\" \"_stats\")",
+         "0x8000004b (Unspecified error) Cannot add firewall rules"},
+        {"listener start",
+         [](CollectorHarness& h) {
+             h.m_factory->Listener()->FailStart(qor::errors::kInvalidState);
+         },
+         true, qor::errors::kInvalidState, "m_nflogListener->Start(groups)",
+         "0x8000006a (Invalid state) Cannot"},
+        {"remove",
+         [](CollectorHarness& h) { h.m_firewall->FailRemove(qor::errors::kAccessDenied); }, false,
+         qor::errors::kAccessDenied, "m_firewall->RemoveRules(m_rules)",
+         "0x80000045 (Access denied) Cannot"},
+        {"listener stop",
+         [](CollectorHarness& h) { h.m_factory->Listener()->FailStop(qor::errors::kUnspecified); },
+         false, qor::errors::kUnspecified, "m_nflogListener->Stop()", "0x8000004b"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        CollectorHarness h;
+        const auto collector = h.Make();
+        c.breakIt(h);
+        EXPECT_EQ(c.start ? collector->Start() : collector->Stop(), c.result);
+        EXPECT_TRUE(h.HasCheckRecord(c.expression, c.tail));
+        const bool firewallFailed = c.expression.rfind("m_firewall", 0) == 0;
+        EXPECT_EQ(h.m_factory->Listener()->Starts().empty(), firewallFailed || !c.start);
+        if (firewallFailed) {
+            EXPECT_EQ(h.m_factory->Listener()->Stops(), 0);
+        }
+    }
 }
 
 TEST_F(NflogCollectorTest, DestructorRemovesRulesAndStopsListenerTracingFailures) {
@@ -259,17 +243,6 @@ TEST_F(NflogCollectorTest, DestructorRemovesRulesAndStopsListenerTracingFailures
         "0x8000004b (Unspecified error)' Cannot remove firewall rules"));
     EXPECT_TRUE(m_tracer->Contains(
         "~NfLogConnectionCollector: '(m_nflogListener->Stop())=0x8000006a (Invalid state)'"));
-}
-
-TEST_F(NflogCollectorTest, MessageWithoutPayloadIsIgnoredWithOneTrace) {
-    const auto collector = Make();
-    m_tracer->Clear();
-    Deliver({.hook = kLocalIn, .inDevice = 2});
-    const auto lines = m_tracer->Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].level, 700u);
-    EXPECT_EQ(lines[0].text, "NfLogConnectionCollector: OnData: No NFULA_PAYLOAD attribute found");
-    EXPECT_TRUE(Take(*collector).empty());
 }
 
 // Direction and interface: the hook decides; without a local hook the raw
@@ -306,41 +279,35 @@ TEST_F(NflogCollectorTest, DirectionAndInterfaceFromHookAndDevices) {
                        .inDevice = c.inDevice,
                        .outDevice = c.outDevice,
                        .payload = c.in ? Incoming(100) : Outgoing(100)});
-        const ConnectionMap snapshot = fresh.Take(*collector);
-        ASSERT_EQ(snapshot.size(), 1u);
-        EXPECT_EQ(snapshot.begin()->first, TcpKey(c.ifindex, 40000, 443));
-        const TrafficCounters expected =
-            c.in ? TrafficCounters{1, 100, 0, 0} : TrafficCounters{0, 0, 1, 100};
-        EXPECT_EQ(snapshot.begin()->second, expected);
+        EXPECT_EQ(
+            fresh.Take(*collector),
+            (ConnectionMap{{TcpKey(c.ifindex, 40000, 443), c.in ? TrafficCounters{1, 100, 0, 0}
+                                                                : TrafficCounters{0, 0, 1, 100}}}));
     }
 }
 
 TEST_F(NflogCollectorTest, LinkLayerFieldsOnlyFromEthernetHeaders) {
     const Bytes ethernetIn = nti::test::EthernetHeader(kHostMac, kRouterMac, 0x0800);
     const Bytes ethernetOut = nti::test::EthernetHeader(kRouterMac, kHostMac, 0x86dd);
+    Bytes longer = ethernetIn;
+    longer.push_back(0xAA);
     struct Case {
         const char* name;
         std::uint8_t hook;
         std::optional<std::uint16_t> hwType;
         std::optional<Bytes> hwHeader;
-        bool linkFields;
-        std::uint16_t etherType;
+        std::optional<std::uint16_t> etherType;  // none: no link-layer fields
     };
     const Case cases[] = {
-        {"ethernet in", kLocalIn, 1, ethernetIn, true, 0x0800},
-        {"ethernet out", kLocalOut, 1, ethernetOut, true, 0x86dd},
-        {"ieee802", kLocalIn, 6, ethernetIn, true, 0x0800},
-        {"longer header", kLocalIn, 1,
-         [&] {
-             Bytes b = ethernetIn;
-             b.push_back(0xAA);
-             return b;
-         }(),
-         true, 0x0800},
-        {"loopback type", kLocalIn, 772, ethernetIn, false, 0},
-        {"short header", kLocalIn, 1, Bytes(ethernetIn.begin(), ethernetIn.end() - 1), false, 0},
-        {"no type", kLocalIn, std::nullopt, ethernetIn, false, 0},
-        {"no header", kLocalIn, 1, std::nullopt, false, 0},
+        {"ethernet in", kLocalIn, 1, ethernetIn, 0x0800},
+        {"ethernet out", kLocalOut, 1, ethernetOut, 0x86dd},
+        {"ieee802", kLocalIn, 6, ethernetIn, 0x0800},
+        {"longer header", kLocalIn, 1, longer, 0x0800},
+        {"loopback type", kLocalIn, 772, ethernetIn, std::nullopt},
+        {"short header", kLocalIn, 1, Bytes(ethernetIn.begin(), ethernetIn.end() - 1),
+         std::nullopt},
+        {"no type", kLocalIn, std::nullopt, ethernetIn, std::nullopt},
+        {"no header", kLocalIn, 1, std::nullopt, std::nullopt},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -353,18 +320,15 @@ TEST_F(NflogCollectorTest, LinkLayerFieldsOnlyFromEthernetHeaders) {
                        .hwType = c.hwType,
                        .hwHeader = c.hwHeader,
                        .payload = in ? Incoming() : Outgoing()});
+        ConnectionKey expected = TcpKey(2, 40000, 443);
+        if (c.etherType) {
+            expected.etherType = c.etherType;
+            expected.localMac = kHostMac;
+            expected.remoteMac = kRouterMac;
+        }
         const ConnectionMap snapshot = fresh.Take(*collector);
         ASSERT_EQ(snapshot.size(), 1u);
-        const ConnectionKey& key = snapshot.begin()->first;
-        if (c.linkFields) {
-            EXPECT_EQ(key.localMac, kHostMac);
-            EXPECT_EQ(key.remoteMac, kRouterMac);
-            EXPECT_EQ(key.etherType, c.etherType);
-        } else {
-            EXPECT_EQ(key.localMac, std::nullopt);
-            EXPECT_EQ(key.remoteMac, std::nullopt);
-            EXPECT_EQ(key.etherType, std::nullopt);
-        }
+        EXPECT_EQ(snapshot.begin()->first, expected);
     }
 }
 
@@ -416,7 +380,7 @@ TEST_F(NflogCollectorTest, AddressesPortsAndBytesByFamilyAndProtocol) {
     }
 }
 
-TEST_F(NflogCollectorTest, PacketsOfOneConnectionAddUp) {
+TEST_F(NflogCollectorTest, PacketsOfOneConnectionAddUpAndAreTakenOnce) {
     const auto collector = Make();
     Deliver({.hook = kLocalOut, .outDevice = 2, .payload = Outgoing(100)});
     Deliver({.hook = kLocalIn, .inDevice = 2, .payload = Incoming(1500)});
@@ -425,40 +389,37 @@ TEST_F(NflogCollectorTest, PacketsOfOneConnectionAddUp) {
     Deliver({.hook = kLocalOut,
              .outDevice = 2,
              .payload = nti::test::Ipv4Packet(kHostV4, kPeerV4, nti::test::kTcp, 40001, 443, 52)});
-    const ConnectionMap snapshot = Take(*collector);
-    ASSERT_EQ(snapshot.size(), 2u);
-    EXPECT_EQ(snapshot.at(TcpKey(2, 40000, 443)), (TrafficCounters{2, 1540, 1, 100}));
-    EXPECT_EQ(snapshot.at(TcpKey(2, 40001, 443)), (TrafficCounters{0, 0, 1, 52}));
-}
-
-TEST_F(NflogCollectorTest, TakeStatsHandsTrafficOverOnce) {
-    const auto collector = Make();
-    Deliver({.hook = kLocalIn, .inDevice = 2, .payload = Incoming()});
     ConnectionMap snapshot;
     snapshot.emplace(TcpKey(9, 1, 2), TrafficCounters{7, 7, 7, 7});  // stale, must go
     ASSERT_EQ(collector->TakeStats(snapshot), 0);
-    ASSERT_EQ(snapshot.size(), 1u);
-    EXPECT_EQ(snapshot.count(TcpKey(2, 40000, 443)), 1u);
-    EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: TakeStats() <- connections.size=1"));
+    EXPECT_EQ(snapshot, (ConnectionMap{{TcpKey(2, 40000, 443), TrafficCounters{2, 1540, 1, 100}},
+                                       {TcpKey(2, 40001, 443), TrafficCounters{0, 0, 1, 52}}}));
+    EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: TakeStats() <- connections.size=2"));
     EXPECT_TRUE(Take(*collector).empty());
     EXPECT_TRUE(m_tracer->Contains("NfLogConnectionCollector: TakeStats() <- connections.size=0"));
 }
 
-TEST_F(NflogCollectorTest, TruncatedPacketIsDroppedAndTracedAndTheNextOneCounts) {
+// A message without payload is traced once at 700; a truncated packet is a
+// failure; neither counts, and the next good one does.
+TEST_F(NflogCollectorTest, BrokenMessagesAreDroppedAndTraced) {
     const auto collector = Make();
     const Bytes full = Incoming();
+    m_tracer->Clear();
+    Deliver({.hook = kLocalIn, .inDevice = 2});
+    ASSERT_EQ(m_tracer->Lines().size(), 1u);
+    EXPECT_EQ(m_tracer->Lines()[0].level, 700u);
+    EXPECT_EQ(m_tracer->Lines()[0].text,
+              "NfLogConnectionCollector: OnData: No NFULA_PAYLOAD attribute found");
+    EXPECT_TRUE(Take(*collector).empty());
     // Short of the IPv4 header, then short of the TCP header.
     Deliver({.hook = kLocalIn, .inDevice = 2, .payload = Bytes(full.begin(), full.begin() + 19)});
     Deliver({.hook = kLocalIn, .inDevice = 2, .payload = Bytes(full.begin(), full.begin() + 30)});
     Deliver({.hook = kLocalIn, .inDevice = 2, .payload = full});
-    const ConnectionMap snapshot = Take(*collector);
-    ASSERT_EQ(snapshot.size(), 1u);
-    EXPECT_EQ(snapshot.begin()->second, (TrafficCounters{1, 60, 0, 0}));
+    EXPECT_EQ(Take(*collector),
+              (ConnectionMap{{TcpKey(2, 40000, 443), TrafficCounters{1, 60, 0, 0}}}));
     int failures = 0;
     for (const auto& line : m_tracer->Lines()) {
-        if (line.level == 300 && line.text.find("OnData") != std::string::npos) {
-            ++failures;
-        }
+        failures += line.level == 300 && line.text.find("OnData") != std::string::npos ? 1 : 0;
     }
     EXPECT_EQ(failures, 2);
 }
