@@ -80,6 +80,13 @@ TEST_F(ModuleTest, ModuleLockCountsLiveObjects) {
     qor::RefPtr<qor::IObject> facade;
     ASSERT_EQ(Create(ni::kNetworkInterceptorClassId, facade), 0);
     EXPECT_EQ(m_module.CanUnloadModule(), 1);
+    // The facade answers its own interface and no other.
+    qor::RefPtr<ni::INetworkInterceptor> interceptor;
+    EXPECT_EQ(facade->QueryInterface(0x42EA2277, interceptor.RefVoid()), 0);
+    EXPECT_TRUE(interceptor);
+    void* out = nullptr;
+    EXPECT_EQ(facade->QueryInterface(0x6EF3329B, &out), qor::errors::kNoInterface);
+    EXPECT_THAT(m_tracer->Texts(), testing::Contains("NetworkInterceptor: NetworkInterceptor() "));
     qor::RefPtr<qor::IObject> counters;
     ASSERT_EQ(Create(ni::kConnectionCountersClassId, counters), 0);
     qor::RefPtr<qor::IObject> factory;
@@ -87,6 +94,7 @@ TEST_F(ModuleTest, ModuleLockCountsLiveObjects) {
         m_module.GetObjectFactory(m_locator.Get(), ni::kMetaRegistryFactoryClassId, factory.Ref()),
         0);
     facade.Reset();
+    interceptor.Reset();
     counters.Reset();
     EXPECT_EQ(m_module.CanUnloadModule(), 1);  // the factory still lives
     factory.Reset();
@@ -128,18 +136,6 @@ TEST_F(ModuleTest, ClassTableRouting) {
     }
     EXPECT_TRUE(m_tracer->Lines().empty()) << "unknown classes are not traced";
     EXPECT_EQ(m_module.CanUnloadModule(), 0);
-}
-
-TEST_F(ModuleTest, FacadeAnswersItsInterfaceTable) {
-    ASSERT_EQ(m_locator->Register(m_tracer.Get()), 0);
-    qor::RefPtr<qor::IObject> facade;
-    ASSERT_EQ(Create(ni::kNetworkInterceptorClassId, facade), 0);
-    qor::RefPtr<ni::INetworkInterceptor> interceptor;
-    EXPECT_EQ(facade->QueryInterface(0x42EA2277, interceptor.RefVoid()), 0);
-    EXPECT_TRUE(interceptor);
-    void* out = nullptr;
-    EXPECT_EQ(facade->QueryInterface(0x6EF3329B, &out), qor::errors::kNoInterface);
-    EXPECT_THAT(m_tracer->Texts(), testing::Contains("NetworkInterceptor: NetworkInterceptor() "));
 }
 
 // ThrowingLocator answers services itself and throws for missing ones.
