@@ -2,7 +2,7 @@
 // compared without their line numbers, so that tests do not move with edits.
 #pragma once
 
-#include <cctype>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -12,20 +12,8 @@ namespace nti::test {
 
 // WithoutLine writes every "<file>:<line>(" of `text` as "<file>:#(".
 inline std::string WithoutLine(const std::string& text) {
-    std::string out;
-    std::size_t from = 0;
-    for (std::size_t colon = text.find(':'); colon != std::string::npos;
-         colon = text.find(':', colon + 1)) {
-        std::size_t end = colon + 1;
-        while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end])) != 0) {
-            ++end;
-        }
-        if (end > colon + 1 && end < text.size() && text[end] == '(') {
-            out.append(text, from, colon + 1 - from).append("#");
-            from = end;
-        }
-    }
-    return out.append(text, from, std::string::npos);
+    static const std::regex kLine(":[0-9]+\\(");
+    return std::regex_replace(text, kLine, ":#(");
 }
 
 // HasCheckRecord: a level-300 record of `lines` holds the failed result check

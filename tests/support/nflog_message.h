@@ -12,6 +12,7 @@
 #include <cstring>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace nti::test {
@@ -31,26 +32,25 @@ inline constexpr std::array<std::uint8_t, 16> kHostV6{0x20, 0x01, 0x0d, 0xb8, 0,
 inline constexpr std::array<std::uint8_t, 16> kPeerV6{0x26, 0x06, 0x28, 0x00, 0, 0, 0, 0,
                                                       0,    0,    0,    0,    0, 0, 0, 9};
 
-// TransportHeader: TCP (20 bytes), UDP (8) or 8 zero bytes for any other
-// protocol.
-inline Bytes TransportHeader(std::uint8_t protocol, std::uint16_t sourcePort,
-                             std::uint16_t destinationPort) {
-    Bytes transport(protocol == kTcp ? 20 : 8, 0);
-    if (protocol == kTcp || protocol == kUdp) {
-        transport[0] = static_cast<std::uint8_t>(sourcePort >> 8);
-        transport[1] = static_cast<std::uint8_t>(sourcePort);
-        transport[2] = static_cast<std::uint8_t>(destinationPort >> 8);
-        transport[3] = static_cast<std::uint8_t>(destinationPort);
-    }
+// WithTransport appends to the IP header `p` a TCP (20 bytes), UDP (8) or
+// other (8 zero bytes; pass zero ports) transport header.
+inline Bytes WithTransport(Bytes p, std::uint8_t protocol, std::uint16_t sourcePort,
+                           std::uint16_t destinationPort) {
+    const std::size_t at = p.size();
+    p.resize(at + (protocol == kTcp ? 20 : 8), 0);
+    p[at] = static_cast<std::uint8_t>(sourcePort >> 8);
+    p[at + 1] = static_cast<std::uint8_t>(sourcePort);
+    p[at + 2] = static_cast<std::uint8_t>(destinationPort >> 8);
+    p[at + 3] = static_cast<std::uint8_t>(destinationPort);
     if (protocol == kTcp) {
-        transport[12] = 0x50;  // data offset 5
+        p[at + 12] = 0x50;  // data offset 5
     }
-    return transport;
+    return p;
 }
 
-// Ipv4Packet: a 20-byte IPv4 header claiming `totalLength`, then a TCP (20),
-// UDP (8) or other (8 zero bytes) transport header. Only the headers are
-// captured, as with a short NFLOG copy range.
+// Ipv4Packet: a 20-byte IPv4 header claiming `totalLength`, then the
+// transport header. Only the headers are captured, as with a short NFLOG copy
+// range.
 inline Bytes Ipv4Packet(std::array<std::uint8_t, 4> source, std::array<std::uint8_t, 4> destination,
                         std::uint8_t protocol, std::uint16_t sourcePort,
                         std::uint16_t destinationPort, std::uint16_t totalLength) {
@@ -62,13 +62,11 @@ inline Bytes Ipv4Packet(std::array<std::uint8_t, 4> source, std::array<std::uint
     p[9] = protocol;
     std::memcpy(&p[12], source.data(), 4);
     std::memcpy(&p[16], destination.data(), 4);
-    const Bytes transport = TransportHeader(protocol, sourcePort, destinationPort);
-    p.insert(p.end(), transport.begin(), transport.end());
-    return p;
+    return WithTransport(std::move(p), protocol, sourcePort, destinationPort);
 }
 
 // Ipv6Packet: a 40-byte IPv6 header claiming `payloadLength`, then the
-// transport header as in Ipv4Packet.
+// transport header.
 inline Bytes Ipv6Packet(std::array<std::uint8_t, 16> source,
                         std::array<std::uint8_t, 16> destination, std::uint8_t protocol,
                         std::uint16_t sourcePort, std::uint16_t destinationPort,
@@ -81,9 +79,7 @@ inline Bytes Ipv6Packet(std::array<std::uint8_t, 16> source,
     p[7] = 64;
     std::memcpy(&p[8], source.data(), 16);
     std::memcpy(&p[24], destination.data(), 16);
-    const Bytes transport = TransportHeader(protocol, sourcePort, destinationPort);
-    p.insert(p.end(), transport.begin(), transport.end());
-    return p;
+    return WithTransport(std::move(p), protocol, sourcePort, destinationPort);
 }
 
 // EthernetHeader: destination MAC, source MAC, EtherType.

@@ -38,10 +38,7 @@ const Mac48 kHostMac{0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
 const Mac48 kRouterMac{0x02, 0x00, 0x00, 0x00, 0x00, 0xfe};
 
 IpAddress V4(std::array<std::uint8_t, 4> a) {
-    IpAddress ip;
-    std::copy(a.begin(), a.end(), ip.bytes.begin());
-    ip.version = 4;
-    return ip;
+    return IpAddress{{a[0], a[1], a[2], a[3]}, 4};
 }
 
 IpAddress V6(std::array<std::uint8_t, 16> a) {
