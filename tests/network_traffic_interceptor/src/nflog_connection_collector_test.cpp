@@ -69,13 +69,10 @@ Bytes Incoming(std::uint16_t totalLength = 60) {
 // CollectorHarness: a collector's host services, all fakes.
 class CollectorHarness {
 public:
-    explicit CollectorHarness(std::uint32_t maxTraceLevel = 1000) {
-        m_locator = Create<nti::host::ServiceLocator>();
-        m_tracer = Create<nti::test::RecordingTracer>(maxTraceLevel);
-        m_firewall = Create<nti::test::FakeDynamicRules>();
-        m_factory = Create<nti::test::FakeNflogListenerFactory>();
-        m_locator->Add(dwi::firewall::IDynamicRules::IID, m_firewall.Get());
-        m_locator->Add(dwi::firewall::INflogListenerFactory::IID, m_factory.Get());
+    explicit CollectorHarness(std::uint32_t maxTraceLevel = 1000)
+        : m_tracer(Create<nti::test::RecordingTracer>(maxTraceLevel)) {
+        m_locator->Add(m_firewall.Get());
+        m_locator->Add(m_factory.Get());
     }
 
     ImplPtr<NfLogConnectionCollector> Make(std::uint8_t iptablesFlags = 1) {
@@ -101,10 +98,11 @@ public:
             expression, tail);
     }
 
-    ImplPtr<nti::host::ServiceLocator> m_locator;
+    ImplPtr<nti::host::ServiceLocator> m_locator = Create<nti::host::ServiceLocator>();
     ImplPtr<nti::test::RecordingTracer> m_tracer;
-    ImplPtr<nti::test::FakeDynamicRules> m_firewall;
-    ImplPtr<nti::test::FakeNflogListenerFactory> m_factory;
+    ImplPtr<nti::test::FakeDynamicRules> m_firewall = Create<nti::test::FakeDynamicRules>();
+    ImplPtr<nti::test::FakeNflogListenerFactory> m_factory =
+        Create<nti::test::FakeNflogListenerFactory>();
 };
 
 class NflogCollectorTest : public ::testing::Test, public CollectorHarness {};
@@ -132,30 +130,25 @@ TEST_F(NflogCollectorTest, BuildsTheThreeStatisticsRules) {
 
 TEST_F(NflogCollectorTest, ConstructionFailsWithoutItsHostServices) {
     struct Case {
-        const char* name;
-        std::function<void(CollectorHarness&)> breakIt;
+        qor::iid_t missing;  // 0: the listener cannot be created
         std::string expression;
         std::string message;
     };
     const Case cases[] = {
-        {"no firewall",
-         [](CollectorHarness& t) {
-             ASSERT_EQ(t.m_locator->Unregister(dwi::firewall::IDynamicRules::IID), 0);
-         },
-         "qor::GetInterface(sl, m_firewall.Ref())", "Cannot IDynamicRules interface"},
-        {"no listener factory",
-         [](CollectorHarness& t) {
-             ASSERT_EQ(t.m_locator->Unregister(dwi::firewall::INflogListenerFactory::IID), 0);
-         },
-         "qor::GetInterface(sl, factory.Ref())", "Cannot get INflogListenerFactory interface"},
-        {"listener creation fails",
-         [](CollectorHarness& t) { t.m_factory->FailCreate(qor::errors::kUnspecified); },
-         "factory->CreateListener(this, m_nflogListener.Ref())", "Cannot create nflog listener"},
+        {dwi::firewall::IDynamicRules::IID, "qor::GetInterface(sl, m_firewall.Ref())",
+         "Cannot IDynamicRules interface"},
+        {dwi::firewall::INflogListenerFactory::IID, "qor::GetInterface(sl, factory.Ref())",
+         "Cannot get INflogListenerFactory interface"},
+        {0, "factory->CreateListener(this, m_nflogListener.Ref())", "Cannot create nflog listener"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.expression);
         CollectorHarness fresh;
-        c.breakIt(fresh);
+        if (c.missing != 0) {
+            ASSERT_EQ(fresh.m_locator->Unregister(c.missing), 0);
+        } else {
+            fresh.m_factory->FailCreate(qor::errors::kUnspecified);
+        }
         try {
             fresh.Make();
             ADD_FAILURE() << "constructed";
