@@ -700,19 +700,6 @@ TEST_F(ConnectionCountersPersistenceTest, OnlyCollectorsRegisteredAgainAreSavedA
                         "statistics"));
 }
 
-TEST_F(ConnectionCountersPersistenceTest, CollectorWithoutTrafficIsStoredAndRestarted) {
-    {
-        const auto service = Make();
-        ASSERT_EQ(service->RegisterCollector(4, kRegistration, 5000), 0);
-    }
-    EXPECT_EQ(Summary(m_serializer->Last()), (std::vector<std::string>{"4/5000/1: 0"}));
-
-    const auto service = Make();
-    ASSERT_EQ(m_timer->Scheduled().size(), 1u);
-    EXPECT_EQ(m_timer->Scheduled()[0].period, 5000u);
-    EXPECT_EQ(service->RegisterCollector(4, kRegistration, 5000), 1);
-}
-
 TEST_F(ConnectionCountersPersistenceTest, DamagedOrUnreadableValueStartsEmpty) {
     const struct {
         const char* name;
