@@ -1,8 +1,6 @@
 // `nti stats` end to end: real NFLOG rules, real traffic and the kernel's own
 // conntrack accounting as the reference, all inside namespaces made here.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -22,6 +20,7 @@
 #include <tuple>
 #include <vector>
 
+#include "host/fixture/program.h"
 #include "tests/support/netns.h"
 #include "tests/support/traffic.h"
 
@@ -49,12 +48,46 @@ private:
     std::filesystem::path m_path;
 };
 
-// NtiStats runs `nti stats` inside a namespace with its output in files;
-// it is stopped with SIGTERM (by its own PID) at the latest when destroyed.
-class NtiStats {
+// NtiStats runs `nti stats` inside a namespace, or the service with
+// {"stats-service", ...}; its trace goes to a file of the state directory.
+class NtiStats : public host::Program {
 public:
     NtiStats(const NetNs& ns, const StateDir& state, std::vector<std::string> args)
-        : m_ns(ns), m_out(state.Path() / ("out-" + std::to_string(++s_runs))) {
+        : Program(Argv(ns, state, std::move(args))), m_ns(ns), m_trace(state.Path() / "trace") {}
+
+    // WaitForRules waits until the statistics rules are in place.
+    bool WaitForRules() {
+        for (int i = 0; i < 100 && Wait(0ms) == -1; ++i) {
+            std::string rules;
+            m_ns.Exec("iptables-save; ip6tables-save; nft list ruleset", &rules);
+            if (rules.find("zolt_stats_in") != std::string::npos &&
+                rules.find("zolt_stats_out") != std::string::npos) {
+                return true;
+            }
+            std::this_thread::sleep_for(100ms);
+        }
+        return false;
+    }
+    // Stop sends SIGTERM and waits; the exit status.
+    int Stop() {
+        Signal(SIGTERM);
+        return Wait(20s);
+    }
+    std::string Stdout() {
+        std::string text;
+        for (const auto& line : OutputLines()) {
+            text += line + "\n";
+        }
+        return text;
+    }
+    std::string Trace() const {
+        std::ifstream in(m_trace);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+
+private:
+    static std::vector<std::string> Argv(const NetNs& ns, const StateDir& state,
+                                         std::vector<std::string> args) {
         const char* bin = std::getenv("NTI_BIN");
         const char* module = std::getenv("NTI_MODULE");
         if (bin == nullptr || module == nullptr) {
@@ -70,97 +103,22 @@ public:
                                       "--state-dir",
                                       state.Path().string(),
                                       "--trace-file",
-                                      m_out.string() + ".trace",
+                                      (state.Path() / "trace").string(),
                                       "--trace-level",
                                       "800",
                                       "stats"};
-        // {"stats-service", ...} runs the service instead; its file sets ip6tables.
-        const bool service = !args.empty() && args.front() == "stats-service";
-        if (service) {
+        if (!args.empty() && args.front() == "stats-service") {
             argv.back() = args.front();
             args.erase(args.begin());
         } else if (std::find(args.begin(), args.end(), "--ip6tables") == args.end()) {
             argv.insert(argv.end(), {"--ip6tables", "yes"});
         }
         argv.insert(argv.end(), args.begin(), args.end());
-        m_pid = fork();
-        if (m_pid == 0) {
-            const int out =
-                open((m_out.string() + ".stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            const int err =
-                open((m_out.string() + ".stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            dup2(out, STDOUT_FILENO);
-            dup2(err, STDERR_FILENO);
-            std::vector<char*> raw;
-            for (auto& a : argv) {
-                raw.push_back(a.data());
-            }
-            raw.push_back(nullptr);
-            execvp("ip", raw.data());
-            _exit(127);
-        }
-    }
-    ~NtiStats() {
-        if (m_pid > 0 && !m_status) {
-            Stop();
-        }
+        return argv;
     }
 
-    // WaitForRules waits until the statistics rules are in place.
-    bool WaitForRules() const {
-        for (int i = 0; i < 100; ++i) {
-            std::string rules;
-            m_ns.Exec("iptables-save; ip6tables-save; nft list ruleset", &rules);
-            if (rules.find("zolt_stats_in") != std::string::npos &&
-                rules.find("zolt_stats_out") != std::string::npos && Alive()) {
-                return true;
-            }
-            std::this_thread::sleep_for(100ms);
-        }
-        return false;
-    }
-    // Wait waits (bounded) for the run to end by itself; the exit status.
-    int Wait(std::chrono::seconds limit = 20s) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (!m_status && std::chrono::steady_clock::now() < deadline) {
-            int status = 0;
-            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            } else {
-                std::this_thread::sleep_for(20ms);
-            }
-        }
-        if (!m_status) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-            m_status = -1;
-        }
-        return *m_status;
-    }
-    void Signal(int signo) const { kill(m_pid, signo); }
-    // Stop sends SIGTERM and waits; the exit status.
-    int Stop() {
-        kill(m_pid, SIGTERM);
-        return Wait();
-    }
-    std::string Stdout() const { return Read(".stdout"); }
-    std::string Stderr() const { return Read(".stderr"); }
-    std::string Trace() const { return Read(".trace"); }
-
-private:
-    bool Alive() const { return kill(m_pid, 0) == 0; }
-    std::string Read(const char* suffix) const {
-        std::ifstream in(m_out.string() + suffix);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-
-    static inline int s_runs = 0;
     const NetNs& m_ns;
-    std::filesystem::path m_out;
-    pid_t m_pid = -1;
-    std::optional<int> m_status;
+    std::filesystem::path m_trace;
 };
 
 // Flow is one direction-independent connection: endpoints as "ip:port".
@@ -331,9 +289,9 @@ TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
             args = {"stats-service", "--config", (m_state.Path() / "bad.conf").string()};
         }
         NtiStats nti(m_host, m_state, args);
-        EXPECT_EQ(nti.Wait(), 2) << c.message;
-        EXPECT_NE(nti.Stderr().find(c.message), std::string::npos) << nti.Stderr();
-        EXPECT_EQ(nti.Stdout(), "");
+        EXPECT_EQ(nti.Wait(20s), 2) << c.message;
+        EXPECT_NE(nti.Error().find(c.message), std::string::npos) << nti.Error();
+        EXPECT_EQ(nti.OutputLines(), std::vector<std::string>{});
     }
     std::string rules;
     m_host.Exec("iptables-save; nft list ruleset", &rules);
@@ -357,10 +315,10 @@ TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
     const Endpoint from{"198.18.20.1", 41000}, to{"198.18.21.1", 6000};
 
     NtiStats nti(router, state, {"--period", "500ms", "--json"});
-    ASSERT_TRUE(nti.WaitForRules()) << nti.Stderr() << nti.Trace();
+    ASSERT_TRUE(nti.WaitForRules()) << nti.Error() << nti.Trace();
     UdpExchange(client, from, server, to, 6, 150, 2, 400);
     std::this_thread::sleep_for(1200ms);
-    EXPECT_EQ(nti.Stop(), 0) << nti.Stderr();
+    EXPECT_EQ(nti.Stop(), 0) << nti.Error();
 
     const auto totals = Totals(Intervals(nti.Stdout()), Key(from), false);
     const auto it = totals.find(Flow{Key(from), Key(to), 17});
@@ -370,44 +328,6 @@ TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
     ASSERT_TRUE(kernel.has_value());
     EXPECT_EQ(it->second, *kernel);
 }
-
-// Nfcapd is the flow collector of the nfdump package, listening in `ns`;
-// stopped (by the PID it wrote) when destroyed, which writes its file.
-class Nfcapd {
-public:
-    Nfcapd(const NetNs& ns, const StateDir& state, const Endpoint& at)
-        : m_ns(ns), m_dir(state.Path() / "flows"), m_pidFile(state.Path() / "nfcapd.pid") {
-        std::filesystem::create_directories(m_dir);
-        m_ns.Must("nfcapd -D -P " + m_pidFile.string() + " -w " + m_dir.string() + " -b " +
-                  at.address + " -p " + std::to_string(at.port));
-        for (int i = 0; i < 50 && Pid() <= 0; ++i) {
-            std::this_thread::sleep_for(50ms);
-        }
-    }
-    ~Nfcapd() { Stop(); }
-    // Stop ends the collector and returns its flows as nfdump's CSV.
-    std::string Stop() {
-        if (const pid_t pid = Pid(); pid > 0 && kill(pid, SIGTERM) == 0) {
-            for (int i = 0; i < 100 && kill(pid, 0) == 0; ++i) {
-                std::this_thread::sleep_for(50ms);
-            }
-        }
-        std::string csv;
-        Shell("nfdump -R " + m_dir.string() + " -N -o csv", &csv);
-        return csv;
-    }
-
-private:
-    pid_t Pid() const {
-        std::ifstream in(m_pidFile);
-        pid_t pid = -1;
-        in >> pid;
-        return pid;
-    }
-    const NetNs& m_ns;
-    std::filesystem::path m_dir;
-    std::filesystem::path m_pidFile;
-};
 
 // NfdumpFlows reads nfdump's CSV into flows "src:port" -> "dst:port" with
 // their packets and bytes (a -> b filled only).
@@ -447,8 +367,12 @@ std::map<Flow, Counts> NfdumpFlows(const std::string& csv) {
 // The interval is closed when the first run stops and handed on when the
 // second starts.
 TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
+    // nfcapd, the flow collector of the nfdump package, listens in the peer.
     const Endpoint collector{"198.18.10.2", 4739};
-    Nfcapd nfcapd(m_peer, m_state, collector);
+    const std::filesystem::path flows = m_state.Path() / "flows";
+    std::filesystem::create_directories(flows);
+    host::Program nfcapd({"ip", "netns", "exec", m_peer.Name(), "nfcapd", "-w", flows.string(),
+                          "-b", collector.address, "-p", std::to_string(collector.port)});
     const std::filesystem::path json = m_state.Path() / "intervals.jsonl";
     const std::filesystem::path db = m_state.Path() / "history.sqlite";
     const std::filesystem::path config = m_state.Path() / "stats.conf";
@@ -463,13 +387,13 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
     const Endpoint tcp6{"fd00:198:18::1", 40103}, tcp6Peer{"fd00:198:18::2", 8101};
     {
         NtiStats first(m_host, m_state, {"stats-service", "--config", config.string()});
-        ASSERT_TRUE(first.WaitForRules()) << first.Stderr() << first.Trace();
+        ASSERT_TRUE(first.WaitForRules()) << first.Error() << first.Trace();
         UdpExchange(m_host, udp4, m_peer, udp4Peer, 5, 100, 3, 1000);
         UdpExchange(m_host, udp6, m_peer, udp6Peer, 4, 200, 2, 300);
         TcpExchange(m_host, tcp4, m_peer, tcp4Peer, 3000, 5000);
         TcpExchange(m_host, tcp6, m_peer, tcp6Peer, 2000, 7000);
         std::this_thread::sleep_for(300ms);  // NFLOG flush
-        EXPECT_EQ(first.Stop(), 0) << first.Stderr();
+        EXPECT_EQ(first.Stop(), 0) << first.Error();
     }
     NtiStats second(m_host, m_state, {"stats-service", "--config", config.string()});
     for (int i = 0;
@@ -480,7 +404,7 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
     std::ofstream(config, std::ios::app) << "[json:more]\n";  // no path: the reload fails
     second.Signal(SIGHUP);
     std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(second.Stop(), 0) << second.Stderr();
+    EXPECT_EQ(second.Stop(), 0) << second.Error();
     EXPECT_NE(second.Trace().find("Reload: " + config.string() +
                                   ": [json:more] path = : expected a file, or - for standard "
                                   "output; keeping the old settings"),
@@ -512,8 +436,11 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
         EXPECT_EQ(flow.b.rfind(udp6Peer.address + ":", 0), 0u) << flow.b;
     }
 
-    const std::string csv = nfcapd.Stop();
-    const auto flows = NfdumpFlows(csv);
+    nfcapd.Signal(SIGTERM);
+    nfcapd.Wait(10s);  // writes the file as it ends
+    std::string csv;
+    Shell("nfdump -R " + flows.string() + " -N -o csv", &csv);
+    const auto nfdump = NfdumpFlows(csv);
     struct Case {
         Endpoint local, peer;
         int protocol;
@@ -535,10 +462,10 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
             it->second.gateways,
             std::set<std::string>{&c.totals == &totals ? "198.18.10.254@02:00:00:00:0a:fe"
                                                        : "fd00:198:18::fe@02:00:00:00:0a:f6"});
-        const auto out = flows.find(Flow{Key(c.local), Key(c.peer), c.protocol});
-        const auto back = flows.find(Flow{Key(c.peer), Key(c.local), c.protocol});
-        ASSERT_NE(out, flows.end()) << csv;
-        ASSERT_NE(back, flows.end()) << csv;
+        const auto out = nfdump.find(Flow{Key(c.local), Key(c.peer), c.protocol});
+        const auto back = nfdump.find(Flow{Key(c.peer), Key(c.local), c.protocol});
+        ASSERT_NE(out, nfdump.end()) << csv;
+        ASSERT_NE(back, nfdump.end()) << csv;
         EXPECT_EQ((Counts{out->second.packetsAtoB, out->second.bytesAtoB, back->second.packetsAtoB,
                           back->second.bytesAtoB}),
                   it->second);
