@@ -151,22 +151,8 @@ TEST_F(DynamicRulesNetnsTest, IdenticalRecordsOfTwoCallsAreRemovedOneAtATime) {
               1);
 }
 
-TEST_F(DynamicRulesNetnsTest, FailedIpv6RunTakesIpv4RulesBackOut) {
-    FirewallOptions options;
-    auto rules = Make();
-    options.ipv6Restore = "false";
-    auto failing = qor::object::Create<IptablesRules>(options, nullptr);
-    EXPECT_EQ(failing->AddRules({Udp(0, 7, 9)}, "x"), qor::errors::kUnspecified);
-    EXPECT_EQ(failing->InstalledCount(), 0u);
-    EXPECT_EQ(OurLines("iptables-save").size(), 6u);
-    // IPv4-only records never run the IPv6 program.
-    NflogRule v4 = Log(dwi::firewall::kChainForward, "fwd");
-    v4.ipVersion = 4;
-    EXPECT_EQ(failing->AddRules({v4}, "x"), 0);
-    EXPECT_EQ(OurLines("iptables-save").size(), 7u);
-}
-
-TEST_F(DynamicRulesNetnsTest, InvalidInputInstallsNothing) {
+// After each failure only the chains and jumps are there.
+TEST_F(DynamicRulesNetnsTest, FailuresLeaveNoRuleBehind) {
     auto rules = Make();
     QueueRule portsWithoutProtocol;
     portsWithoutProtocol.localPorts = {1, 1};
@@ -178,10 +164,8 @@ TEST_F(DynamicRulesNetnsTest, InvalidInputInstallsNothing) {
               qor::errors::kInvalidArgument);
     EXPECT_EQ(rules->InstalledCount(), 0u);
     EXPECT_EQ(OurLines("iptables-save").size(), 6u);
-}
 
-TEST_F(DynamicRulesNetnsTest, RuleDeletedBehindItsBackDoesNotKeepOthers) {
-    auto rules = Make();
+    // A rule deleted behind its back does not keep the others.
     const dwi::firewall::Rules r = {Udp(0, 7, 9), Udp(0, 7, 10)};
     ASSERT_EQ(rules->AddRules(r, "x"), 0);
     Restore("iptables-restore",
@@ -191,6 +175,19 @@ TEST_F(DynamicRulesNetnsTest, RuleDeletedBehindItsBackDoesNotKeepOthers) {
     EXPECT_EQ(OurLines("iptables-save").size(), 6u);
     EXPECT_EQ(OurLines("ip6tables-save").size(), 6u);
     EXPECT_EQ(rules->InstalledCount(), 0u);
+
+    // A failed IPv6 run takes its IPv4 rules back out.
+    FirewallOptions options;
+    options.ipv6Restore = "false";
+    auto failing = qor::object::Create<IptablesRules>(options, nullptr);
+    EXPECT_EQ(failing->AddRules({Udp(0, 7, 9)}, "x"), qor::errors::kUnspecified);
+    EXPECT_EQ(failing->InstalledCount(), 0u);
+    EXPECT_EQ(OurLines("iptables-save").size(), 6u);
+    // IPv4-only records never run the IPv6 program.
+    NflogRule v4 = Log(dwi::firewall::kChainForward, "fwd");
+    v4.ipVersion = 4;
+    EXPECT_EQ(failing->AddRules({v4}, "x"), 0);
+    EXPECT_EQ(OurLines("iptables-save").size(), 7u);
 }
 
 TEST_F(DynamicRulesNetnsTest, ExceptionEscapingAThreadRemovesRulesAndChainsBeforeTheAbort) {
