@@ -90,74 +90,53 @@ TEST(BlockListEntryTest, ListSkipsCommentsAndNamesTheBadLine) {
         std::runtime_error);
 }
 
-TEST(BlockListFlowTest, Ipv4PortsOnlyFromFirstFragmentsAndPastOptions) {
-    auto tcp = Ipv4(IPPROTO_TCP);
-    Append(tcp, kPorts);
-    auto flow = Parse(tcp);
-    ASSERT_TRUE(flow);
-    EXPECT_EQ(ToString(flow->source), "198.18.0.1:40000");
-    EXPECT_EQ(ToString(flow->destination), "198.18.0.2:443");
-
-    auto withOptions = Ipv4(IPPROTO_UDP, 0, 6);  // 4 bytes of options
-    Append(withOptions, kPorts);
-    flow = Parse(withOptions);
-    ASSERT_TRUE(flow);
-    EXPECT_EQ(flow->destination.port, 443);
-
-    auto later = Ipv4(IPPROTO_UDP, 0x0010);  // offset 16*8: no transport header here
-    Append(later, kPorts);
-    flow = Parse(later);
-    ASSERT_TRUE(flow);
-    EXPECT_FALSE(flow->destination.port);
-
-    auto icmp = Ipv4(IPPROTO_ICMP);
-    Append(icmp, kPorts);
-    flow = Parse(icmp);
-    ASSERT_TRUE(flow);
-    EXPECT_FALSE(flow->source.port);
-
-    EXPECT_FALSE(Parse(Bytes({0x45, 0, 0})));
-    EXPECT_FALSE(Parse(Ipv4(IPPROTO_TCP, 0, 4)));  // header length below 20
-    EXPECT_FALSE(Parse(Bytes({0x20})));
+// Ports only from first fragments, past IPv4 options and IPv6 extension
+// headers; "" where no flow is read.
+TEST(BlockListFlowTest, PortsOnlyWhereTheTransportHeaderIs) {
+    const auto cat = [](std::vector<std::uint8_t> p, std::initializer_list<int> more) {
+        Append(p, Bytes(more));
+        Append(p, kPorts);
+        return p;
+    };
+    const struct {
+        const char* name;
+        std::vector<std::uint8_t> packet;
+        int protocol;
+        const char* flow;
+    } cases[] = {
+        {"tcp", cat(Ipv4(IPPROTO_TCP), {}), IPPROTO_TCP, "198.18.0.1:40000 198.18.0.2:443"},
+        {"options", cat(Ipv4(IPPROTO_UDP, 0, 6), {}), IPPROTO_UDP,
+         "198.18.0.1:40000 198.18.0.2:443"},
+        // Offset 16*8: no transport header here.
+        {"later fragment", cat(Ipv4(IPPROTO_UDP, 0x0010), {}), IPPROTO_UDP,
+         "198.18.0.1 198.18.0.2"},
+        {"icmp", cat(Ipv4(IPPROTO_ICMP), {}), IPPROTO_ICMP, "198.18.0.1 198.18.0.2"},
+        {"short", Bytes({0x45, 0, 0}), 0, ""},
+        {"header length below 20", Ipv4(IPPROTO_TCP, 0, 4), 0, ""},
+        {"version 2", Bytes({0x20}), 0, ""},
+        // Hop-by-hop (8 bytes) -> destination options (16 bytes) -> TCP.
+        {"extension headers", cat(Ipv6(0), {60, 0, 0, 0, 0, 0, 0, 0, IPPROTO_TCP, 1, 0, 0,
+                                            0,  0, 0, 0, 0, 0, 0, 0, 0,           0, 0, 0}),
+         IPPROTO_TCP, "[fd00:198:18::1]:40000 [fd00:198:18::2]:443"},
+        // Offset 0, more fragments.
+        {"first fragment", cat(Ipv6(44), {IPPROTO_UDP, 0, 0x00, 0x01, 0, 0, 0, 1}), IPPROTO_UDP,
+         "[fd00:198:18::1]:40000 [fd00:198:18::2]:443"},
+        // Offset 23*8.
+        {"later v6 fragment", cat(Ipv6(44), {IPPROTO_UDP, 0, 0x00, 0xb8, 0, 0, 0, 1}), IPPROTO_UDP,
+         "fd00:198:18::1 fd00:198:18::2"},
+        {"extension header past the end", cat(Ipv6(0), {IPPROTO_TCP, 4, 0, 0, 0, 0, 0, 0}), 0,
+         "fd00:198:18::1 fd00:198:18::2"},
+        {"short v6", Bytes({0x60, 0, 0, 0}), 0, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto flow = Parse(c.packet);
+        EXPECT_EQ(flow ? ToString(flow->source) + " " + ToString(flow->destination) : "", c.flow);
+        if (flow && c.protocol != 0) {
+            EXPECT_EQ(flow->protocol, c.protocol);
+        }
+    }
     EXPECT_FALSE(ParseFlow(nullptr, nullptr));
-}
-
-TEST(BlockListFlowTest, Ipv6WalksExtensionHeaders) {
-    // Hop-by-hop (8 bytes) -> destination options (16 bytes) -> TCP.
-    auto p = Ipv6(0);
-    Append(p, Bytes({60, 0, 0, 0, 0, 0, 0, 0}));
-    Append(p, Bytes({IPPROTO_TCP, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-    Append(p, kPorts);
-    auto flow = Parse(p);
-    ASSERT_TRUE(flow);
-    EXPECT_EQ(flow->protocol, IPPROTO_TCP);
-    EXPECT_EQ(ToString(flow->source), "[fd00:198:18::1]:40000");
-    EXPECT_EQ(ToString(flow->destination), "[fd00:198:18::2]:443");
-
-    // A first fragment carries the ports, a later one does not.
-    auto first = Ipv6(44);
-    Append(first, Bytes({IPPROTO_UDP, 0, 0x00, 0x01, 0, 0, 0, 1}));  // offset 0, more fragments
-    Append(first, kPorts);
-    flow = Parse(first);
-    ASSERT_TRUE(flow);
-    EXPECT_EQ(flow->destination.port, 443);
-    auto later = Ipv6(44);
-    Append(later, Bytes({IPPROTO_UDP, 0, 0x00, 0xb8, 0, 0, 0, 1}));  // offset 23*8
-    Append(later, kPorts);
-    flow = Parse(later);
-    ASSERT_TRUE(flow);
-    EXPECT_EQ(flow->protocol, IPPROTO_UDP);
-    EXPECT_FALSE(flow->destination.port);
-
-    // An extension header running past the end leaves no ports.
-    auto cut = Ipv6(0);
-    Append(cut, Bytes({IPPROTO_TCP, 4, 0, 0, 0, 0, 0, 0}));
-    Append(cut, kPorts);
-    flow = Parse(cut);
-    ASSERT_TRUE(flow);
-    EXPECT_FALSE(flow->source.port);
-
-    EXPECT_FALSE(Parse(Bytes({0x60, 0, 0, 0})));
 }
 
 // Truncated and garbled headers never read past the end (run under ASan:
