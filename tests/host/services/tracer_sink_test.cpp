@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -22,13 +21,6 @@ TEST(TraceLineTest, Layout) {
     // 2026-11-21T20:44:09.123456Z
     EXPECT_EQ(nti::host::FormatTraceLine(1795293849123456789LL, 4242, 300, "Obj: text"),
               "2026-11-21T20:44:09.123456Z 4242 300 Obj: text\n");
-}
-
-std::string ReadAll(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 TEST(FileTracerTest, OneLinePerRecordFromManyThreadsAndLevelThreshold) {
@@ -53,12 +45,10 @@ TEST(FileTracerTest, OneLinePerRecordFromManyThreadsAndLevelThreshold) {
             th.join();
         }
     }
-    const std::string text = ReadAll(path);
+    std::ifstream lines(path);
     unlink(path);
-    std::istringstream lines(text);
-    std::string line;
     int count = 0;
-    while (std::getline(lines, line)) {
+    for (std::string line; std::getline(lines, line);) {
         ++count;
         EXPECT_THAT(line, testing::MatchesRegex(
                               "[0-9T:.Z-]+ [0-9]+ 300 T: thread [0-3] record [0-9]+ x{100}"));
