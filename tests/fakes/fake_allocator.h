@@ -17,7 +17,6 @@ public:
         }
         void* p = std::malloc(size == 0 ? 1 : size);
         if (p != nullptr) {
-            ++m_allocations;
             ++m_outstanding;
             m_lastSize = size;
         }
@@ -31,13 +30,11 @@ public:
     }
 
     void FailAllocations(bool fail) { m_fail = fail; }
-    int Allocations() const { return m_allocations; }
     int Outstanding() const { return m_outstanding; }
     std::size_t LastSize() const { return m_lastSize; }
 
 private:
     std::atomic<bool> m_fail{false};
-    std::atomic<int> m_allocations{0};
     std::atomic<int> m_outstanding{0};
     std::atomic<std::size_t> m_lastSize{0};
 };

@@ -18,7 +18,6 @@ public:
         bool serialize;
         qor::AnyRef data;
         std::vector<std::uint8_t> input;  // Deserialize's bytes
-        std::size_t len = 0;
         const void* blob = nullptr;
         std::uint32_t mode = 0;
     };
@@ -26,7 +25,7 @@ public:
     qor::result_t Serialize(const qor::AnyRef& data, qor::IAllocator* alloc, void** ptr,
                             std::size_t* len, std::uint32_t mode) noexcept override {
         std::lock_guard lock(m_mutex);
-        m_calls.push_back({true, data, {}, 0, nullptr, mode});
+        m_calls.push_back({true, data, {}, nullptr, mode});
         if (!QOR_SUCCEEDED(m_serializeResult)) {
             return m_serializeResult;
         }
@@ -46,8 +45,8 @@ public:
                               std::uint32_t mode) noexcept override {
         std::lock_guard lock(m_mutex);
         const auto* bytes = static_cast<const std::uint8_t*>(blob);
-        m_calls.push_back({false, data, std::vector<std::uint8_t>(bytes, bytes + (blob ? len : 0)),
-                           len, blob, mode});
+        m_calls.push_back(
+            {false, data, std::vector<std::uint8_t>(bytes, bytes + (blob ? len : 0)), blob, mode});
         return m_deserializeResult;
     }
 

@@ -1,6 +1,7 @@
 // RecordingTracer keeps every committed record's text for assertions.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
@@ -57,13 +58,9 @@ public:
     }
     // Contains is true when some record's text contains `part`.
     bool Contains(const std::string& part) const {
-        std::lock_guard lock(m_mutex);
-        for (const auto& l : m_lines) {
-            if (l.text.find(part) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
+        const auto texts = Texts();
+        return std::any_of(texts.begin(), texts.end(),
+                           [&](const std::string& t) { return t.find(part) != std::string::npos; });
     }
     void Clear() {
         std::lock_guard lock(m_mutex);
