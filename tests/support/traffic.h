@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/fixture/traffic.h"
 #include "tests/support/netns.h"
 
 namespace nti::test {
@@ -43,9 +44,10 @@ struct Endpoint {
     std::string address;
     std::uint16_t port = 0;
 
+    int Family() const { return address.find(':') == std::string::npos ? AF_INET : AF_INET6; }
     sockaddr_storage Sockaddr(socklen_t* length) const {
         sockaddr_storage storage{};
-        if (address.find(':') == std::string::npos) {
+        if (Family() == AF_INET) {
             auto* in = reinterpret_cast<sockaddr_in*>(&storage);
             in->sin_family = AF_INET;
             in->sin_port = htons(port);
@@ -77,45 +79,27 @@ inline Fd BoundSocket(const NetNs& ns, int type, const Endpoint& local) {
     return fd;
 }
 
-// SendDatagrams sends `count` datagrams of `size` bytes to `to`.
-inline void SendDatagrams(const Fd& fd, const Endpoint& to, int count, std::size_t size) {
-    socklen_t length = 0;
-    const sockaddr_storage address = to.Sockaddr(&length);
-    const std::vector<char> data(size, 'x');
-    for (int i = 0; i < count; ++i) {
-        if (sendto(fd.Get(), data.data(), data.size(), 0,
-                   reinterpret_cast<const sockaddr*>(&address),
-                   length) != static_cast<ssize_t>(size)) {
-            throw std::runtime_error(std::string("sendto: ") + std::strerror(errno));
-        }
-    }
-}
-
-// ReceiveDatagrams reads up to `count` datagrams, each wait bounded by
-// `timeoutMs`; returns how many arrived.
-inline int ReceiveDatagrams(const Fd& fd, int count, int timeoutMs = 2000) {
-    std::vector<char> buffer(65536);
-    int received = 0;
-    pollfd pfd{fd.Get(), POLLIN, 0};
-    while (received < count && poll(&pfd, 1, timeoutMs) == 1) {
-        if (recv(fd.Get(), buffer.data(), buffer.size(), 0) >= 0) {
-            ++received;
-        }
-    }
-    return received;
-}
-
 // UdpExchange sends `forth` datagrams of `forthSize` bytes from `a` (in
 // `nsA`) to `b` (in `nsB`), then `back` of `backSize` bytes in return, and
 // throws unless every one arrived.
 inline void UdpExchange(const NetNs& nsA, const Endpoint& a, const NetNs& nsB, const Endpoint& b,
                         int forth, std::size_t forthSize, int back, std::size_t backSize) {
-    Fd socketA = BoundSocket(nsA, SOCK_DGRAM, a);
-    Fd socketB = BoundSocket(nsB, SOCK_DGRAM, b);
-    SendDatagrams(socketA, b, forth, forthSize);
-    const int arrived = ReceiveDatagrams(socketB, forth);
-    SendDatagrams(socketB, a, back, backSize);
-    const int returned = ReceiveDatagrams(socketA, back);
+    host::UdpSocket socketA(nsA.Name(), a.Family(), a.address, a.port);
+    host::UdpSocket socketB(nsB.Name(), b.Family(), b.address, b.port);
+    const auto send = [](host::UdpSocket& from, host::UdpSocket& to, const Endpoint& at, int count,
+                         std::size_t size) {
+        for (int i = 0; i < count; ++i) {
+            from.SendTo(at.address, at.port, std::string(size, 'x'));
+        }
+        int arrived = 0;
+        for (std::string payload;
+             arrived < count && to.Receive(payload, std::chrono::seconds(2));) {
+            ++arrived;
+        }
+        return arrived;
+    };
+    const int arrived = send(socketA, socketB, b, forth, forthSize);
+    const int returned = send(socketB, socketA, a, back, backSize);
     if (arrived != forth || returned != back) {
         throw std::runtime_error("udp datagrams lost: " + std::to_string(arrived) + "/" +
                                  std::to_string(forth) + " there, " + std::to_string(returned) +

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -84,10 +85,18 @@ protected:
         nti::test::Veth({&m_local, "nti0", "02:00:00:00:00:01", {"198.18.0.1/24"}},
                         {&m_peer, "nti1", "02:00:00:00:00:02", {"198.18.0.2/24"}});
         m_local.Must("iptables -A OUTPUT -p udp --dport 5555 -j NFLOG --nflog-group 7");
+        m_socket =
+            std::make_unique<host::UdpSocket>(m_local.Name(), AF_INET, kLocal.address, kLocal.port);
         m_tracer = qor::object::Create<nti::test::RecordingTracer>();
         m_callback = qor::object::Create<RecordingCallback>();
     }
 
+    // Send sends `count` datagrams of `size` bytes from the local end to the peer.
+    void Send(int count, std::size_t size) {
+        for (int i = 0; i < count; ++i) {
+            EXPECT_TRUE(m_socket->SendTo(kPeer.address, kPeer.port, std::string(size, 'x')));
+        }
+    }
     qor::RefPtr<NflogListener> MakeListener(const NflogOptions& options = {}) {
         return qor::object::Create<NflogListener>(m_tracer.Get(), m_callback.Get(), options);
     }
@@ -98,6 +107,7 @@ protected:
 
     NetNs m_local{"nflog-a"};
     NetNs m_peer{"nflog-b"};
+    std::unique_ptr<host::UdpSocket> m_socket;
     qor::RefPtr<nti::test::RecordingTracer> m_tracer;
     qor::RefPtr<RecordingCallback> m_callback;
 };
@@ -109,17 +119,16 @@ TEST_F(NflogListenerTest, NothingIsDeliveredAfterStopAndStartStopCodes) {
     ASSERT_EQ(StartIn(*listener), 0);
     EXPECT_EQ(StartIn(*listener), qor::errors::kInvalidState);
 
-    auto local = nti::test::BoundSocket(m_local, SOCK_DGRAM, kLocal);
-    nti::test::SendDatagrams(local, kPeer, 2, 10);
+    Send(2, 10);
     ASSERT_TRUE(m_callback->WaitFor(2));
     EXPECT_EQ(listener->Stop(), 0);
-    nti::test::SendDatagrams(local, kPeer, 3, 10);
+    Send(3, 10);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // > the 50 ms flush
     EXPECT_EQ(m_callback->Packets(), 2u);
 
     // Restartable: the group was unbound.
     ASSERT_EQ(StartIn(*listener), 0);
-    nti::test::SendDatagrams(local, kPeer, 1, 10);
+    Send(1, 10);
     ASSERT_TRUE(m_callback->WaitFor(3));
     EXPECT_EQ(listener->Stop(), 0);
 }
@@ -142,18 +151,17 @@ TEST_F(NflogListenerTest, LostMessagesAreCountedFromSequenceGapsAndTraced) {
     auto listener = MakeListener(options);
     ASSERT_EQ(StartIn(*listener), 0);
 
-    auto local = nti::test::BoundSocket(m_local, SOCK_DGRAM, kLocal);
     m_callback->Block(true);
-    nti::test::SendDatagrams(local, kPeer, 1, 10);
+    Send(1, 10);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the thread is now held
     constexpr int kBurst = 400;
-    nti::test::SendDatagrams(local, kPeer, kBurst, 1000);
+    Send(kBurst, 1000);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     m_callback->Block(false);
     // Losses show at the next message that gets through.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const std::size_t before = m_callback->Packets();
-    nti::test::SendDatagrams(local, kPeer, 1, 10);
+    Send(1, 10);
     ASSERT_TRUE(m_callback->WaitFor(before + 1));
     EXPECT_EQ(listener->Stop(), 0);
 
