@@ -329,34 +329,19 @@ TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
     EXPECT_EQ(it->second, *kernel);
 }
 
-// NfdumpFlows reads nfdump's CSV into flows "src:port" -> "dst:port" with
-// their packets and bytes (a -> b filled only).
-std::map<Flow, Counts> NfdumpFlows(const std::string& csv) {
+// NfdumpFlows reads nfdump's records of `dir` into flows "src:port" ->
+// "dst:port" with their packets and bytes (a -> b filled only).
+std::map<Flow, Counts> NfdumpFlows(const std::filesystem::path& dir, std::string& text) {
+    Shell("nfdump -R " + dir.string() + " -q -N -o 'fmt:%sa %sp %da %dp %pr %ipkt %ibyt'", &text);
     std::map<Flow, Counts> flows;
-    std::istringstream lines(csv);
-    std::vector<std::string> names;
-    for (std::string line; std::getline(lines, line);) {
-        std::vector<std::string> fields;
-        std::istringstream in(line);
-        for (std::string f; std::getline(in, f, ',');) {
-            fields.push_back(f);
-        }
-        if (names.empty()) {
-            names = fields;
-            continue;
-        }
-        if (fields.size() != names.size()) {
-            break;  // the summary after the records
-        }
-        std::map<std::string, std::string> r;
-        for (std::size_t i = 0; i < names.size(); ++i) {
-            r[names[i]] = fields[i];
-        }
-        const std::string& pr = r["pr"];  // nfdump names the protocols it knows
-        const int protocol = pr == "TCP" ? 6 : pr == "UDP" ? 17 : -1;
-        Counts& c = flows[Flow{r["sa"] + ":" + r["sp"], r["da"] + ":" + r["dp"], protocol}];
-        c.packetsAtoB += std::stoull(r["ipkt"]);
-        c.bytesAtoB += std::stoull(r["ibyt"]);
+    std::istringstream records(text);
+    std::string sa, sp, da, dp;
+    int protocol = 0;
+    std::uint64_t packets = 0, bytes = 0;
+    while (records >> sa >> sp >> da >> dp >> protocol >> packets >> bytes) {
+        Counts& c = flows[Flow{sa + ":" + sp, da + ":" + dp, protocol}];
+        c.packetsAtoB += packets;
+        c.bytesAtoB += bytes;
     }
     return flows;
 }
@@ -438,9 +423,8 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
 
     nfcapd.Signal(SIGTERM);
     nfcapd.Wait(10s);  // writes the file as it ends
-    std::string csv;
-    Shell("nfdump -R " + flows.string() + " -N -o csv", &csv);
-    const auto nfdump = NfdumpFlows(csv);
+    std::string records;
+    const auto nfdump = NfdumpFlows(flows, records);
     struct Case {
         Endpoint local, peer;
         int protocol;
@@ -464,8 +448,8 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
                                                        : "fd00:198:18::fe@02:00:00:00:0a:f6"});
         const auto out = nfdump.find(Flow{Key(c.local), Key(c.peer), c.protocol});
         const auto back = nfdump.find(Flow{Key(c.peer), Key(c.local), c.protocol});
-        ASSERT_NE(out, nfdump.end()) << csv;
-        ASSERT_NE(back, nfdump.end()) << csv;
+        ASSERT_NE(out, nfdump.end()) << records;
+        ASSERT_NE(back, nfdump.end()) << records;
         EXPECT_EQ((Counts{out->second.packetsAtoB, out->second.bytesAtoB, back->second.packetsAtoB,
                           back->second.bytesAtoB}),
                   it->second);
