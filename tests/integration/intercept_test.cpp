@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <thread>
 
@@ -365,22 +366,58 @@ TEST_F(InterceptTest, ExactlyOneVerdictPerDatagramUnderLoad) {
     }
 }
 
-// Wrong arguments, and without CAP_NET_ADMIN the commands that change the
-// firewall, exit with 2 and a message before touching it; help texts show
-// plain ranges.
+// Wrong arguments or settings, and without CAP_NET_ADMIN the commands that
+// change the firewall, exit with 2 and a message before touching it; help
+// texts show plain ranges.
 TEST_F(InterceptTest, CommandLineMistakesExitTwoAndTouchNothing) {
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"--proto", "nope"},
-          {"--local-port", "53"},
-          {"--remote-addr", "198.18.0.0/40"},
-          {"--verdict", "later"},
-          {"--duration", "5x"},
-          {"--duration", "0"},
-          {"--family", "4", "--local-addr", "fd00:198:18::2"}}) {
-        Program nti(NtiArgv(args));
-        EXPECT_EQ(nti.Wait(10s), 2) << args[0] << " " << args[1];
+    const std::string config = m_state + "/bad.conf";
+    struct Case {
+        const char* command;
+        std::vector<std::string> args;
+        const char* message;
+        const char* file = nullptr;  // the --config file's text
+    };
+    const std::vector<std::string> service = {"--config", config};
+    const Case cases[] = {
+        {"intercept", {"--proto", "nope"}, ""},
+        {"intercept", {"--local-port", "53"}, ""},
+        {"intercept", {"--remote-addr", "198.18.0.0/40"}, ""},
+        {"intercept", {"--verdict", "later"}, ""},
+        {"intercept", {"--duration", "5x"}, ""},
+        {"intercept", {"--duration", "0"}, ""},
+        {"intercept", {"--family", "4", "--local-addr", "fd00:198:18::2"}, ""},
+        {"stats-service", service, "[collector] period = 59: expected 60s to 24h",
+         "[collector]\nperiod = 59\n"},
+        {"stats-service", service, "[json] path = : expected a file", "[json]\n"},
+        {"stats-service", service, "[sqlite] keep: unknown key", "[sqlite]\npath = x\nkeep = 2d\n"},
+        {"stats-service", service, "[ipfix] port = 0: expected 1 to 65535",
+         "[ipfix]\nhost = 198.18.10.2\nport = 0\n"},
+        {"stats-service", service, "[syslog]: unknown section", "[syslog]\n"},
+        {"stats-service", service, "line 1: ", "[collector\n"},
+        {"stats", {"--period", "0"}, "--period 0: expected a time from 1ms to 24h"},
+        {"stats", {"--period", "25h"}, "--period 25h: expected a time"},
+        {"stats", {"--period", "5x"}, "--period 5x: expected a time"},
+        {"stats", {"--proto", "nope"}, "not a protocol: nope"},
+        {"stats", {"--addr", "198.18.0.0/40"}, "not an address or CIDR network: 198.18.0.0/40"},
+        {"stats", {"--interface", "a-name-of-16-chr"}, "not an interface name"},
+        {"stats", {"--alignment", "now"}, "--alignment now: expected epoch or registration"},
+        {"stats", {"--ip6tables", "maybe"}, "--ip6tables maybe: expected auto, yes or no"},
+        {"stats", {"--nflog-bypass-mark", "0"}, "expected a non-zero 32-bit number"},
+        {"stats", {"--no-read", "--intervals", "2"}, "no --intervals or --unregister with it"},
+        {"stats", {"--id", "x"}, "--id"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.command) + " " + c.args[0] + " " + c.args[1]);
+        if (c.file != nullptr) {
+            std::ofstream(config) << c.file;
+        }
+        Program nti(NtiArgv(c.args, "auto", c.command));
+        EXPECT_EQ(nti.Wait(10s), 2);
         EXPECT_FALSE(nti.Error().empty());
+        EXPECT_NE(nti.Error().find(c.message), std::string::npos) << nti.Error();
+        EXPECT_EQ(nti.OutputLines(), std::vector<std::string>{});
     }
+    EXPECT_FALSE(std::filesystem::exists(m_state + "/state.db"));
     for (const char* command : {"intercept", "stats"}) {
         Program nti({"ip", "netns", "exec", m_net->Dut(), "setpriv", "--inh-caps=-net_admin",
                      "--bounding-set=-net_admin", m_bin, command, "--module", m_module});

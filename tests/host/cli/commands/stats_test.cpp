@@ -257,48 +257,6 @@ protected:
     StateDir m_state;
 };
 
-TEST_F(StatsIntegrationTest, WrongArgumentsExitTwoWithAMessageAndTouchNothing) {
-    struct Case {
-        std::vector<std::string> args;
-        const char* message;
-        const char* config = nullptr;  // stats-service with this file
-    };
-    const Case cases[] = {
-        {{}, "[collector] period = 59: expected 60s to 24h", "[collector]\nperiod = 59\n"},
-        {{}, "[json] path = : expected a file", "[json]\n"},
-        {{}, "[sqlite] keep: unknown key", "[sqlite]\npath = x\nkeep = 2d\n"},
-        {{}, "[ipfix] port = 0: expected 1 to 65535", "[ipfix]\nhost = 198.18.10.2\nport = 0\n"},
-        {{}, "[syslog]: unknown section", "[syslog]\n"},
-        {{}, "line 1: ", "[collector\n"},
-        {{"--period", "0"}, "--period 0: expected a time from 1ms to 24h"},
-        {{"--period", "25h"}, "--period 25h: expected a time"},
-        {{"--period", "5x"}, "--period 5x: expected a time"},
-        {{"--proto", "nope"}, "not a protocol: nope"},
-        {{"--addr", "198.18.0.0/40"}, "not an address or CIDR network: 198.18.0.0/40"},
-        {{"--interface", "a-name-of-16-chr"}, "not an interface name"},
-        {{"--alignment", "now"}, "--alignment now: expected epoch or registration"},
-        {{"--ip6tables", "maybe"}, "--ip6tables maybe: expected auto, yes or no"},
-        {{"--nflog-bypass-mark", "0"}, "expected a non-zero 32-bit number"},
-        {{"--no-read", "--intervals", "2"}, "no --intervals or --unregister with it"},
-        {{"--id", "x"}, "--id"},
-    };
-    for (const auto& c : cases) {
-        std::vector<std::string> args = c.args;
-        if (c.config != nullptr) {
-            std::ofstream(m_state.Path() / "bad.conf") << c.config;
-            args = {"stats-service", "--config", (m_state.Path() / "bad.conf").string()};
-        }
-        NtiStats nti(m_host, m_state, args);
-        EXPECT_EQ(nti.Wait(20s), 2) << c.message;
-        EXPECT_NE(nti.Error().find(c.message), std::string::npos) << nti.Error();
-        EXPECT_EQ(nti.OutputLines(), std::vector<std::string>{});
-    }
-    std::string rules;
-    m_host.Exec("iptables-save; nft list ruleset", &rules);
-    EXPECT_EQ(rules.find("zolt"), std::string::npos) << rules;
-    EXPECT_FALSE(std::filesystem::exists(m_state.Path() / "state.db"));
-}
-
 // client -- router -- server: the router runs nti stats and sees the flow on
 // its forward path only.
 TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
