@@ -48,12 +48,13 @@ private:
     std::filesystem::path m_path;
 };
 
-// NtiStats runs `nti stats` inside a namespace, or the service with
-// {"stats-service", ...}; its trace goes to a file of the state directory.
+// NtiStats runs `nti stats` or `nti stats-service` inside a namespace; its
+// trace goes to a file of the state directory.
 class NtiStats : public host::Program {
 public:
-    NtiStats(const NetNs& ns, const StateDir& state, std::vector<std::string> args)
-        : Program(Argv(ns, state, std::move(args))), m_ns(ns), m_trace(state.Path() / "trace") {}
+    NtiStats(const NetNs& ns, const StateDir& state, const char* command,
+             const std::vector<std::string>& args)
+        : Program(Argv(ns, state, command, args)), m_ns(ns), m_trace(state.Path() / "trace") {}
 
     // WaitForRules waits until the statistics rules are in place.
     bool WaitForRules() {
@@ -87,32 +88,17 @@ public:
 
 private:
     static std::vector<std::string> Argv(const NetNs& ns, const StateDir& state,
-                                         std::vector<std::string> args) {
+                                         const char* command,
+                                         const std::vector<std::string>& args) {
         const char* bin = std::getenv("NTI_BIN");
         const char* module = std::getenv("NTI_MODULE");
         if (bin == nullptr || module == nullptr) {
             throw std::runtime_error("NTI_BIN and NTI_MODULE must be set (run through ctest)");
         }
-        std::vector<std::string> argv{"ip",
-                                      "netns",
-                                      "exec",
-                                      ns.Name(),
-                                      bin,
-                                      "--module",
-                                      module,
-                                      "--state-dir",
-                                      state.Path().string(),
-                                      "--trace-file",
-                                      (state.Path() / "trace").string(),
-                                      "--trace-level",
-                                      "800",
-                                      "stats"};
-        if (!args.empty() && args.front() == "stats-service") {
-            argv.back() = args.front();
-            args.erase(args.begin());
-        } else if (std::find(args.begin(), args.end(), "--ip6tables") == args.end()) {
-            argv.insert(argv.end(), {"--ip6tables", "yes"});
-        }
+        std::vector<std::string> argv{"ip", "netns", "exec", ns.Name(), bin, "--module", module};
+        argv.insert(argv.end(),
+                    {"--state-dir", state.Path().string(), "--trace-file",
+                     (state.Path() / "trace").string(), "--trace-level", "800", command});
         argv.insert(argv.end(), args.begin(), args.end());
         return argv;
     }
@@ -272,7 +258,7 @@ TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
     TrackConnections(router);
     const Endpoint from{"198.18.20.1", 41000}, to{"198.18.21.1", 6000};
 
-    NtiStats nti(router, state, {"--period", "500ms", "--json"});
+    NtiStats nti(router, state, "stats", {"--ip6tables", "yes", "--period", "500ms", "--json"});
     ASSERT_TRUE(nti.WaitForRules()) << nti.Error() << nti.Trace();
     UdpExchange(client, from, server, to, 6, 150, 2, 400);
     std::this_thread::sleep_for(1200ms);
@@ -329,7 +315,7 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
     const Endpoint udp6{"fd00:198:18::1", 40102}, udp6Peer{"fd00:198:18::2", 5601};
     const Endpoint tcp6{"fd00:198:18::1", 40103}, tcp6Peer{"fd00:198:18::2", 8101};
     {
-        NtiStats first(m_host, m_state, {"stats-service", "--config", config.string()});
+        NtiStats first(m_host, m_state, "stats-service", {"--config", config.string()});
         ASSERT_TRUE(first.WaitForRules()) << first.Error() << first.Trace();
         UdpExchange(m_host, udp4, m_peer, udp4Peer, 5, 100, 3, 1000);
         UdpExchange(m_host, udp6, m_peer, udp6Peer, 4, 200, 2, 300);
@@ -338,7 +324,7 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
         std::this_thread::sleep_for(300ms);  // NFLOG flush
         EXPECT_EQ(first.Stop(), 0) << first.Error();
     }
-    NtiStats second(m_host, m_state, {"stats-service", "--config", config.string()});
+    NtiStats second(m_host, m_state, "stats-service", {"--config", config.string()});
     for (int i = 0;
          i < 100 && (!std::filesystem::exists(json) || std::filesystem::file_size(json) == 0);
          ++i) {
