@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "host/cli/commands/intercept_options.h"
+
 // Records are written with designated initializers: the fields left out keep
 // their defaults, which is the point of each case.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
@@ -15,21 +17,9 @@ using dwi::firewall::IpNetwork;
 using dwi::firewall::NflogRule;
 using dwi::firewall::QueueRule;
 
-IpNetwork V4(std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d, std::uint8_t prefix) {
-    IpNetwork n;
-    n.family = 4;
-    n.address = {a, b, c, d};
-    n.prefixLength = prefix;
-    return n;
-}
-
-IpNetwork V6Net(std::uint8_t last, std::uint8_t prefix) {
-    IpNetwork n;
-    n.family = 6;
-    n.address = {0xfd, 0x00, 0x01, 0x98, 0x00, 0x18};
-    n.address[15] = last;
-    n.prefixLength = prefix;
-    return n;
+// Net is "address/prefix" as a record.
+IpNetwork Net(const char* text) {
+    return *ParseNetwork(text);
 }
 
 struct RenderCase {
@@ -43,112 +33,104 @@ struct RenderCase {
 
 // What iptables-save prints for each record: the text is used for deletion,
 // so it has to match byte for byte.
-std::vector<RenderCase> RenderCases() {
-    std::vector<RenderCase> cases;
-    const auto add = [&](const char* name, dwi::firewall::Rule rule, const char* v4, const char* v6,
-                         const char* nft) {
-        cases.push_back({name, std::move(rule), v4, v6, nft});
-    };
-
-    add("inbound any", QueueRule{.queueNumber = 1000},
-        "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
-        "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
-        "input meta nfproto ipv4 queue num 1000 bypass comment \"nti:7:svc\"");
-    add("inbound udp with addresses and ports",
-        QueueRule{.queueNumber = 1000,
-                  .protocol = 17,
-                  .localAddress = V4(198, 18, 0, 2, 32),
-                  .remoteAddress = V4(198, 18, 7, 9, 15),
-                  .localPorts = {5000, 5000},
-                  .remotePorts = {1024, 2048},
-                  .interfaceName = "veth0"},
-        "NTI_IN -s 198.18.0.0/15 -d 198.18.0.2/32 -i veth0 -p udp -m udp --sport 1024:2048 "
-        "--dport 5000 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
-        "--queue-bypass",
-        nullptr,
-        "input meta nfproto ipv4 ip saddr 198.18.0.0/15 ip daddr 198.18.0.2/32 iifname "
-        "\"veth0\" meta l4proto 17 th sport 1024-2048 th dport 5000 queue num 1000 bypass "
-        "comment \"nti:7:svc\"");
-    add("outbound tcp: local is the source",
-        QueueRule{.direction = dwi::firewall::kOutbound,
-                  .queueNumber = 1001,
-                  .protocol = 6,
-                  .localAddress = V4(198, 18, 0, 2, 32),
-                  .localPorts = {80, 0},
-                  .interfaceName = "veth0"},
-        "NTI_OUT -s 198.18.0.2/32 -o veth0 -p tcp -m tcp --sport 80 -m comment --comment "
-        "\"nti:7:svc\" -j NFQUEUE --queue-num 1001 --queue-bypass",
-        nullptr,
-        "output meta nfproto ipv4 ip saddr 198.18.0.2/32 oifname \"veth0\" meta l4proto 6 "
-        "th sport 80 queue num 1001 bypass comment \"nti:7:svc\"");
-    add("forwarded in by input interface; icmp is IPv4 only",
-        QueueRule{.direction = dwi::firewall::kForwarded,
-                  .queueNumber = 1000,
-                  .protocol = 1,
-                  .interfaceName = "in0"},
-        "NTI_FWD -i in0 -p icmp -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num "
-        "1000 --queue-bypass",
-        nullptr,
-        "forward meta nfproto ipv4 iifname \"in0\" meta l4proto 1 queue num 1000 bypass "
-        "comment \"nti:7:svc\"");
-    add("forwarded out by output interface; ipv6-icmp is IPv6 only",
-        QueueRule{.direction = dwi::firewall::kForwarded | dwi::firewall::kOutbound,
-                  .queueNumber = 1001,
-                  .protocol = 58,
-                  .remoteAddress = V6Net(0x99, 64),
-                  .interfaceName = "out0"},
-        nullptr,
-        "NTI_FWD -d fd00:198:18::/64 -o out0 -p ipv6-icmp -m comment --comment \"nti:7:svc\" "
-        "-j NFQUEUE --queue-num 1001 --queue-bypass",
-        "forward meta nfproto ipv6 ip6 daddr fd00:198:18::/64 oifname \"out0\" meta l4proto "
-        "58 queue num 1001 bypass comment \"nti:7:svc\"");
-    add("family 4 and a numeric protocol",
-        QueueRule{.queueNumber = 1000, .family = 4, .protocol = 47},
-        "NTI_IN -p 47 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
-        "--queue-bypass",
-        nullptr,
-        "input meta nfproto ipv4 meta l4proto 47 queue num 1000 bypass comment \"nti:7:svc\"");
-    add("family 6 host address",
-        QueueRule{.queueNumber = 1000, .family = 6, .localAddress = V6Net(2, 128)}, nullptr,
-        "NTI_IN -d fd00:198:18::2/128 -m comment --comment \"nti:7:svc\" -j NFQUEUE "
-        "--queue-num 1000 --queue-bypass",
-        "input meta nfproto ipv6 ip6 daddr fd00:198:18::2/128 queue num 1000 bypass comment "
-        "\"nti:7:svc\"");
-    add("nflog input with every exclusion",
-        NflogRule{.name = "zolt_stats_in",
-                  .chain = dwi::firewall::kChainInput,
-                  .nflogGroup = 10000,
-                  .bypassMark = 0x4000,
-                  .bypassMarkSet = true,
-                  .excludeLoopback = true,
-                  .excludeMulticast = true},
-        "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m "
-        "addrtype ! --dst-type BROADCAST -m comment --comment \"nti:7:svc\" -j NFLOG "
-        "--nflog-group 10000",
-        "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m comment "
-        "--comment \"nti:7:svc\" -j NFLOG --nflog-group 10000",
-        "input meta nfproto ipv4 iifname != \"lo\" meta mark != 0x4000 fib daddr type != { "
-        "multicast, broadcast } log group 10000 comment \"nti:7:svc\"");
-    add("nflog output, IPv4 only",
-        NflogRule{.chain = dwi::firewall::kChainOutput,
-                  .nflogGroup = 5,
-                  .excludeLoopback = true,
-                  .ipVersion = 4},
-        "NTI_OUT ! -o lo -m comment --comment \"nti:7:svc\" -j NFLOG --nflog-group 5", nullptr,
-        "output meta nfproto ipv4 oifname != \"lo\" log group 5 comment \"nti:7:svc\"");
-    add("nflog forward, mark 0 still excluded when set",
-        NflogRule{
-            .chain = dwi::firewall::kChainForward, .nflogGroup = 10000, .bypassMarkSet = true},
-        "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
-        "--nflog-group 10000",
-        "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
-        "--nflog-group 10000",
-        "forward meta nfproto ipv4 meta mark != 0x0 log group 10000 comment \"nti:7:svc\"");
-    return cases;
-}
+const RenderCase kRenderCases[] = {
+    {"inbound any", QueueRule{.queueNumber = 1000},
+     "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
+     "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
+     "input meta nfproto ipv4 queue num 1000 bypass comment \"nti:7:svc\""},
+    {"inbound udp with addresses and ports",
+     QueueRule{.queueNumber = 1000,
+               .protocol = 17,
+               .localAddress = Net("198.18.0.2/32"),
+               .remoteAddress = Net("198.18.7.9/15"),
+               .localPorts = {5000, 5000},
+               .remotePorts = {1024, 2048},
+               .interfaceName = "veth0"},
+     "NTI_IN -s 198.18.0.0/15 -d 198.18.0.2/32 -i veth0 -p udp -m udp --sport 1024:2048 "
+     "--dport 5000 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
+     "--queue-bypass",
+     nullptr,
+     "input meta nfproto ipv4 ip saddr 198.18.0.0/15 ip daddr 198.18.0.2/32 iifname "
+     "\"veth0\" meta l4proto 17 th sport 1024-2048 th dport 5000 queue num 1000 bypass "
+     "comment \"nti:7:svc\""},
+    {"outbound tcp: local is the source",
+     QueueRule{.direction = dwi::firewall::kOutbound,
+               .queueNumber = 1001,
+               .protocol = 6,
+               .localAddress = Net("198.18.0.2/32"),
+               .localPorts = {80, 0},
+               .interfaceName = "veth0"},
+     "NTI_OUT -s 198.18.0.2/32 -o veth0 -p tcp -m tcp --sport 80 -m comment --comment "
+     "\"nti:7:svc\" -j NFQUEUE --queue-num 1001 --queue-bypass",
+     nullptr,
+     "output meta nfproto ipv4 ip saddr 198.18.0.2/32 oifname \"veth0\" meta l4proto 6 "
+     "th sport 80 queue num 1001 bypass comment \"nti:7:svc\""},
+    {"forwarded in by input interface; icmp is IPv4 only",
+     QueueRule{.direction = dwi::firewall::kForwarded,
+               .queueNumber = 1000,
+               .protocol = 1,
+               .interfaceName = "in0"},
+     "NTI_FWD -i in0 -p icmp -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num "
+     "1000 --queue-bypass",
+     nullptr,
+     "forward meta nfproto ipv4 iifname \"in0\" meta l4proto 1 queue num 1000 bypass "
+     "comment \"nti:7:svc\""},
+    {"forwarded out by output interface; ipv6-icmp is IPv6 only",
+     QueueRule{.direction = dwi::firewall::kForwarded | dwi::firewall::kOutbound,
+               .queueNumber = 1001,
+               .protocol = 58,
+               .remoteAddress = Net("fd00:198:18::99/64"),
+               .interfaceName = "out0"},
+     nullptr,
+     "NTI_FWD -d fd00:198:18::/64 -o out0 -p ipv6-icmp -m comment --comment \"nti:7:svc\" "
+     "-j NFQUEUE --queue-num 1001 --queue-bypass",
+     "forward meta nfproto ipv6 ip6 daddr fd00:198:18::/64 oifname \"out0\" meta l4proto "
+     "58 queue num 1001 bypass comment \"nti:7:svc\""},
+    {"family 4 and a numeric protocol", QueueRule{.queueNumber = 1000, .family = 4, .protocol = 47},
+     "NTI_IN -p 47 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
+     "--queue-bypass",
+     nullptr,
+     "input meta nfproto ipv4 meta l4proto 47 queue num 1000 bypass comment \"nti:7:svc\""},
+    {"family 6 host address",
+     QueueRule{.queueNumber = 1000, .family = 6, .localAddress = Net("fd00:198:18::2/128")},
+     nullptr,
+     "NTI_IN -d fd00:198:18::2/128 -m comment --comment \"nti:7:svc\" -j NFQUEUE "
+     "--queue-num 1000 --queue-bypass",
+     "input meta nfproto ipv6 ip6 daddr fd00:198:18::2/128 queue num 1000 bypass comment "
+     "\"nti:7:svc\""},
+    {"nflog input with every exclusion",
+     NflogRule{.name = "zolt_stats_in",
+               .chain = dwi::firewall::kChainInput,
+               .nflogGroup = 10000,
+               .bypassMark = 0x4000,
+               .bypassMarkSet = true,
+               .excludeLoopback = true,
+               .excludeMulticast = true},
+     "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m "
+     "addrtype ! --dst-type BROADCAST -m comment --comment \"nti:7:svc\" -j NFLOG "
+     "--nflog-group 10000",
+     "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m comment "
+     "--comment \"nti:7:svc\" -j NFLOG --nflog-group 10000",
+     "input meta nfproto ipv4 iifname != \"lo\" meta mark != 0x4000 fib daddr type != { "
+     "multicast, broadcast } log group 10000 comment \"nti:7:svc\""},
+    {"nflog output, IPv4 only",
+     NflogRule{.chain = dwi::firewall::kChainOutput,
+               .nflogGroup = 5,
+               .excludeLoopback = true,
+               .ipVersion = 4},
+     "NTI_OUT ! -o lo -m comment --comment \"nti:7:svc\" -j NFLOG --nflog-group 5", nullptr,
+     "output meta nfproto ipv4 oifname != \"lo\" log group 5 comment \"nti:7:svc\""},
+    {"nflog forward, mark 0 still excluded when set",
+     NflogRule{.chain = dwi::firewall::kChainForward, .nflogGroup = 10000, .bypassMarkSet = true},
+     "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
+     "--nflog-group 10000",
+     "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
+     "--nflog-group 10000",
+     "forward meta nfproto ipv4 meta mark != 0x0 log group 10000 comment \"nti:7:svc\""},
+};
 
 TEST(RenderRuleTest, PrintsRulesAsIptablesSaveAndNftablesWantThem) {
-    for (const RenderCase& c : RenderCases()) {
+    for (const RenderCase& c : kRenderCases) {
         SCOPED_TRACE(c.name);
         for (auto [family, expected] :
              {std::pair{IpFamily::kIpv4, c.v4}, std::pair{IpFamily::kIpv6, c.v6}}) {
@@ -189,9 +171,9 @@ TEST(RenderRuleTest, RejectsRecordsNoFamilyCanTake) {
         {"ports without protocol", R{.localPorts = {53, 53}}},
         {"ports with icmp", R{.protocol = 1, .localPorts = {53, 53}}},
         {"mixed address families",
-         R{.localAddress = V4(198, 18, 0, 1, 32), .remoteAddress = V6Net(1, 64)}},
+         R{.localAddress = Net("198.18.0.1/32"), .remoteAddress = Net("fd00:198:18::1/64")}},
         {"icmp on IPv6 only", R{.family = 6, .protocol = 1}},
-        {"IPv4 prefix over 32", R{.localAddress = V4(198, 18, 0, 1, 33)}},
+        {"IPv4 prefix over 32", R{.localAddress = IpNetwork{4, {198, 18, 0, 1}, 33}}},
         {"family 5", R{.family = 5}},
         {"reversed port range", R{.protocol = 6, .remotePorts = {90, 80}}},
         {"interface name with blanks", R{.interfaceName = "eth0 -j ACCEPT"}},
