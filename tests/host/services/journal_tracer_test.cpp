@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -57,32 +59,22 @@ struct FakeJournal {
     }
 };
 
-// A pipe standing in for stderr.
-class Pipe {
+// A temporary file standing in for stderr.
+class Fallback {
 public:
-    Pipe() { EXPECT_EQ(pipe2(m_fds, O_NONBLOCK | O_CLOEXEC), 0); }
-    ~Pipe() {
-        close(m_fds[0]);
-        close(m_fds[1]);
-    }
-    int WriteEnd() const { return m_fds[1]; }
-    std::vector<std::string> Lines() {
-        std::string text;
-        char chunk[4096];
-        ssize_t n;
-        while ((n = read(m_fds[0], chunk, sizeof(chunk))) > 0) {
-            text.append(chunk, static_cast<std::size_t>(n));
-        }
+    ~Fallback() { std::fclose(m_file); }
+    int WriteEnd() const { return fileno(m_file); }
+    std::vector<std::string> Lines() const {
+        std::ifstream in("/proc/self/fd/" + std::to_string(WriteEnd()));
         std::vector<std::string> lines;
-        std::size_t from = 0;
-        for (std::size_t nl; (nl = text.find('\n', from)) != std::string::npos; from = nl + 1) {
-            lines.push_back(text.substr(from, nl - from));
+        for (std::string line; std::getline(in, line);) {
+            lines.push_back(line);
         }
         return lines;
     }
 
 private:
-    int m_fds[2] = {-1, -1};
+    std::FILE* m_file = std::tmpfile();
 };
 
 // A writable file stands in for the journal socket of the fake journal.
@@ -97,7 +89,7 @@ std::string SocketStandIn() {
 
 TEST(JournalTracerTest, OneEntryPerAcceptedRecordWithItsFields) {
     FakeJournal::Reset();
-    Pipe fallback;
+    Fallback fallback;
     auto sink = qor::object::Create<JournalTracer>(500, fallback.WriteEnd(), &FakeJournal::Send,
                                                    SocketStandIn());
     auto tracer = qor::trace::CreatePrefixTracer(sink.Get(), "T");
@@ -119,7 +111,7 @@ TEST(JournalTracerTest, OneEntryPerAcceptedRecordWithItsFields) {
 
 TEST(JournalTracerTest, RefusedEntriesGoToFallbackWithOneNoticePerOutage) {
     FakeJournal::Reset({-ENOENT, -ENOENT, 0, -EAGAIN});
-    Pipe fallback;
+    Fallback fallback;
     auto sink = qor::object::Create<JournalTracer>(800, fallback.WriteEnd(), &FakeJournal::Send,
                                                    SocketStandIn());
     auto tracer = qor::trace::CreatePrefixTracer(sink.Get(), "T");
@@ -137,7 +129,7 @@ TEST(JournalTracerTest, RefusedEntriesGoToFallbackWithOneNoticePerOutage) {
 // sd_journal_sendv itself reports success when the socket is missing.
 TEST(JournalTracerTest, MissingSocketFallsBackWithoutSending) {
     FakeJournal::Reset();
-    Pipe fallback;
+    Fallback fallback;
     auto sink = qor::object::Create<JournalTracer>(800, fallback.WriteEnd(), &FakeJournal::Send,
                                                    "/nonexistent/journal/socket");
     auto tracer = qor::trace::CreatePrefixTracer(sink.Get(), "T");
