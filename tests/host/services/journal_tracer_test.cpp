@@ -1,6 +1,5 @@
 #include "host/services/journal_tracer.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>

@@ -10,14 +10,11 @@
 namespace nti::host {
 namespace {
 
-std::string ModulePath() {
-    const char* path = std::getenv("NTI_MODULE");
-    return path != nullptr ? path : ModuleLoader::kDefaultModule;
-}
-
 TEST(MetaInfoProviderTest, AnswersTheModulesTypesFromItsRegistry) {
+    const char* path = std::getenv("NTI_MODULE");
     ModuleLoader module;
-    ASSERT_EQ(module.Load(ModulePath()), 0) << module.Error();
+    ASSERT_EQ(module.Load(path != nullptr ? path : ModuleLoader::kDefaultModule), 0)
+        << module.Error();
     auto locator = qor::object::Create<ServiceLocator>();
     auto provider = qor::object::Create<MetaInfoProvider>();
     provider->AttachModule(&module, locator.Get());
