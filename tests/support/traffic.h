@@ -3,8 +3,8 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -71,7 +71,9 @@ inline Fd BoundSocket(const NetNs& ns, int type, const Endpoint& local) {
     const sockaddr_storage address = local.Sockaddr(&length);
     Fd fd(socket(address.ss_family, type | SOCK_CLOEXEC, 0));
     const int one = 1;
+    const timeval timeout{2, 0};  // bounds every receive, and accept
     setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    setsockopt(fd.Get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
     if (fd.Get() < 0 || bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
         throw std::runtime_error("cannot bind " + local.address + ":" + std::to_string(local.port) +
                                  ": " + std::strerror(errno));
@@ -110,56 +112,37 @@ inline void UdpExchange(const NetNs& nsA, const Endpoint& a, const NetNs& nsB, c
 // TcpExchange connects from `client` (bound in `clientNs`) to a listener
 // bound at `server` in `serverNs`, sends `up` bytes, answers `down` bytes
 // and closes both sides in order (client first). Returns when both saw the
-// end of the stream.
+// end of the stream; throws when a receive waits longer than 2 s.
 inline void TcpExchange(const NetNs& clientNs, const Endpoint& client, const NetNs& serverNs,
                         const Endpoint& server, std::size_t up, std::size_t down) {
     Fd listener = BoundSocket(serverNs, SOCK_STREAM, server);
-    if (listen(listener.Get(), 1) != 0) {
-        throw std::runtime_error("listen");
-    }
     Fd connection = BoundSocket(clientNs, SOCK_STREAM, client);
     socklen_t length = 0;
     const sockaddr_storage address = server.Sockaddr(&length);
-    if (connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+    if (listen(listener.Get(), 1) != 0 ||
+        connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
         throw std::runtime_error(std::string("connect: ") + std::strerror(errno));
     }
     Fd accepted(accept(listener.Get(), nullptr, nullptr));
     const auto transfer = [](const Fd& from, const Fd& to, std::size_t bytes) {
-        const std::vector<char> data(bytes, 'y');
-        std::vector<char> buffer(65536);
-        std::size_t sent = 0, got = 0;
-        while (got < bytes) {
-            if (sent < bytes) {
-                const ssize_t n = send(from.Get(), data.data() + sent, bytes - sent, 0);
-                if (n < 0) {
-                    throw std::runtime_error("send");
-                }
-                sent += static_cast<std::size_t>(n);
-            }
-            pollfd pfd{to.Get(), POLLIN, 0};
-            if (poll(&pfd, 1, 2000) != 1) {
-                throw std::runtime_error("tcp receive timed out");
-            }
-            const ssize_t n = recv(to.Get(), buffer.data(), buffer.size(), 0);
-            if (n <= 0) {
-                throw std::runtime_error("recv");
-            }
-            got += static_cast<std::size_t>(n);
+        std::vector<char> data(bytes, 'y');
+        if (send(from.Get(), data.data(), bytes, 0) != static_cast<ssize_t>(bytes) ||
+            recv(to.Get(), data.data(), bytes, MSG_WAITALL) != static_cast<ssize_t>(bytes)) {
+            throw std::runtime_error("tcp data lost or late");
+        }
+    };
+    // The receiving side reads the end of stream (0 bytes) of the closing one.
+    const auto close = [](const Fd& from, const Fd& to) {
+        char byte = 0;
+        shutdown(from.Get(), SHUT_WR);
+        if (recv(to.Get(), &byte, 1, 0) != 0) {
+            throw std::runtime_error("no end of stream");
         }
     };
     transfer(connection, accepted, up);
     transfer(accepted, connection, down);
-    shutdown(connection.Get(), SHUT_WR);
-    std::vector<char> buffer(16);
-    pollfd pfd{accepted.Get(), POLLIN, 0};
-    if (poll(&pfd, 1, 2000) != 1 || recv(accepted.Get(), buffer.data(), buffer.size(), 0) != 0) {
-        throw std::runtime_error("no end of stream at the server");
-    }
-    shutdown(accepted.Get(), SHUT_WR);
-    pfd = {connection.Get(), POLLIN, 0};
-    if (poll(&pfd, 1, 2000) != 1 || recv(connection.Get(), buffer.data(), buffer.size(), 0) != 0) {
-        throw std::runtime_error("no end of stream at the client");
-    }
+    close(connection, accepted);
+    close(accepted, connection);
 }
 
 }  // namespace nti::test
