@@ -180,34 +180,23 @@ std::map<Flow, Counts> Totals(const std::vector<pt::ptree>& intervals, const std
     return totals;
 }
 
-// Conntrack reads the kernel's accounting of a flow from `conntrack -L -o
-// extended` inside `ns`: original direction is a -> b.
+// Conntrack reads the kernel's accounting of a flow from conntrack inside
+// `ns`: original direction is a -> b.
 std::optional<Counts> Conntrack(const NetNs& ns, const Endpoint& a, const Endpoint& b,
                                 const char* protocol) {
-    std::string table;
-    ns.Exec("conntrack -L -o extended", &table);
-    const std::string needle = "src=" + a.address + " dst=" + b.address +
-                               " sport=" + std::to_string(a.port) +
-                               " dport=" + std::to_string(b.port) + " packets=";
-    std::istringstream lines(table);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find(std::string(" ") + protocol + " ") == std::string::npos ||
-            line.find(needle) == std::string::npos) {
-            continue;
-        }
-        std::vector<std::pair<std::uint64_t, std::uint64_t>> found;
-        for (auto at = line.find("packets="); at != std::string::npos;
-             at = line.find("packets=", at + 1)) {
-            unsigned long long packets = 0, bytes = 0;
-            if (std::sscanf(line.c_str() + at, "packets=%llu bytes=%llu", &packets, &bytes) == 2) {
-                found.emplace_back(packets, bytes);
-            }
-        }
-        if (found.size() == 2) {
-            return Counts{found[0].first, found[0].second, found[1].first, found[1].second};
-        }
+    std::string line;
+    ns.Exec(std::string("conntrack -L -o extended -p ") + protocol + " -s " + a.address + " -d " +
+                b.address + " --sport " + std::to_string(a.port) + " --dport " +
+                std::to_string(b.port) + " 2>/dev/null",
+            &line);
+    const auto there = line.find("packets="), back = line.find("packets=", there + 1);
+    unsigned long long counts[4] = {};
+    if (back == std::string::npos ||
+        std::sscanf(line.c_str() + there, "packets=%llu bytes=%llu", &counts[0], &counts[1]) != 2 ||
+        std::sscanf(line.c_str() + back, "packets=%llu bytes=%llu", &counts[2], &counts[3]) != 2) {
+        return std::nullopt;
     }
-    return std::nullopt;
+    return Counts{counts[0], counts[1], counts[2], counts[3]};
 }
 
 // TrackConnections turns on conntrack with its byte accounting in `ns`: the
@@ -221,27 +210,6 @@ void TrackConnections(const NetNs& ns) {
 std::string Key(const Endpoint& e) {
     return e.address + ":" + std::to_string(e.port);
 }
-
-// The host namespace runs nti stats; the peer talks to it over a veth. The
-// host's default routes go through gateways with known neighbour entries.
-class StatsIntegrationTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        Veth({&m_host, "nti0", "02:00:00:00:0a:01", {"198.18.10.1/24", "fd00:198:18::1/64"}},
-             {&m_peer, "nti1", "02:00:00:00:0a:02", {"198.18.10.2/24", "fd00:198:18::2/64"}});
-        m_host.Must("ip neigh add 198.18.10.254 lladdr 02:00:00:00:0a:fe dev nti0 nud permanent");
-        m_host.Must(
-            "ip -6 neigh add fd00:198:18::fe lladdr 02:00:00:00:0a:f6 dev nti0 nud "
-            "permanent");
-        m_host.Must("ip route add default via 198.18.10.254 dev nti0");
-        m_host.Must("ip -6 route add default via fd00:198:18::fe dev nti0");
-        TrackConnections(m_host);
-    }
-
-    NetNs m_host{"stats-host"};
-    NetNs m_peer{"stats-peer"};
-    StateDir m_state;
-};
 
 // client -- router -- server: the router runs nti stats and sees the flow on
 // its forward path only.
@@ -295,16 +263,27 @@ std::map<Flow, Counts> NfdumpFlows(const std::filesystem::path& dir, std::string
 // nti stats --history) and nfcapd over IPFIX, whose records nfdump reads back.
 // The interval is closed when the first run stops and handed on when the
 // second starts.
-TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
+TEST(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
+    // The host namespace runs nti stats; the peer talks to it over a veth. The
+    // host's default routes go through gateways with known neighbour entries.
+    NetNs host{"stats-host"}, peer{"stats-peer"};
+    StateDir state;
+    Veth({&host, "nti0", "02:00:00:00:0a:01", {"198.18.10.1/24", "fd00:198:18::1/64"}},
+         {&peer, "nti1", "02:00:00:00:0a:02", {"198.18.10.2/24", "fd00:198:18::2/64"}});
+    host.Must("ip neigh add 198.18.10.254 lladdr 02:00:00:00:0a:fe dev nti0 nud permanent");
+    host.Must("ip -6 neigh add fd00:198:18::fe lladdr 02:00:00:00:0a:f6 dev nti0 nud permanent");
+    host.Must("ip route add default via 198.18.10.254 dev nti0");
+    host.Must("ip -6 route add default via fd00:198:18::fe dev nti0");
+    TrackConnections(host);
     // nfcapd, the flow collector of the nfdump package, listens in the peer.
     const Endpoint collector{"198.18.10.2", 4739};
-    const std::filesystem::path flows = m_state.Path() / "flows";
+    const std::filesystem::path flows = state.Path() / "flows";
     std::filesystem::create_directories(flows);
-    host::Program nfcapd({"ip", "netns", "exec", m_peer.Name(), "nfcapd", "-w", flows.string(),
-                          "-b", collector.address, "-p", std::to_string(collector.port)});
-    const std::filesystem::path json = m_state.Path() / "intervals.jsonl";
-    const std::filesystem::path db = m_state.Path() / "history.sqlite";
-    const std::filesystem::path config = m_state.Path() / "stats.conf";
+    host::Program nfcapd({"ip", "netns", "exec", peer.Name(), "nfcapd", "-w", flows.string(), "-b",
+                          collector.address, "-p", std::to_string(collector.port)});
+    const std::filesystem::path json = state.Path() / "intervals.jsonl";
+    const std::filesystem::path db = state.Path() / "history.sqlite";
+    const std::filesystem::path config = state.Path() / "stats.conf";
     std::ofstream(config) << "[collector]\nperiod = 3600\nip6tables = yes\n[json]\npath = "
                           << json.string() << "\n[sqlite]\npath = " << db.string()
                           << "\nretention = 1d\n"
@@ -315,16 +294,16 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
     const Endpoint udp6{"fd00:198:18::1", 40102}, udp6Peer{"fd00:198:18::2", 5601};
     const Endpoint tcp6{"fd00:198:18::1", 40103}, tcp6Peer{"fd00:198:18::2", 8101};
     {
-        NtiStats first(m_host, m_state, "stats-service", {"--config", config.string()});
+        NtiStats first(host, state, "stats-service", {"--config", config.string()});
         ASSERT_TRUE(first.WaitForRules()) << first.Error() << first.Trace();
-        UdpExchange(m_host, udp4, m_peer, udp4Peer, 5, 100, 3, 1000);
-        UdpExchange(m_host, udp6, m_peer, udp6Peer, 4, 200, 2, 300);
-        TcpExchange(m_host, tcp4, m_peer, tcp4Peer, 3000, 5000);
-        TcpExchange(m_host, tcp6, m_peer, tcp6Peer, 2000, 7000);
+        UdpExchange(host, udp4, peer, udp4Peer, 5, 100, 3, 1000);
+        UdpExchange(host, udp6, peer, udp6Peer, 4, 200, 2, 300);
+        TcpExchange(host, tcp4, peer, tcp4Peer, 3000, 5000);
+        TcpExchange(host, tcp6, peer, tcp6Peer, 2000, 7000);
         std::this_thread::sleep_for(300ms);  // NFLOG flush
         EXPECT_EQ(first.Stop(), 0) << first.Error();
     }
-    NtiStats second(m_host, m_state, "stats-service", {"--config", config.string()});
+    NtiStats second(host, state, "stats-service", {"--config", config.string()});
     for (int i = 0;
          i < 100 && (!std::filesystem::exists(json) || std::filesystem::file_size(json) == 0);
          ++i) {
@@ -383,7 +362,7 @@ TEST_F(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
         const auto it = c.totals.find(Flow{Key(c.local), Key(c.peer), c.protocol});
         ASSERT_NE(it, c.totals.end()) << intervals.size();
         EXPECT_GT(it->second.packetsAtoB, 0u);
-        const auto kernel = Conntrack(m_host, c.local, c.peer, c.protocol == 17 ? "udp" : "tcp");
+        const auto kernel = Conntrack(host, c.local, c.peer, c.protocol == 17 ? "udp" : "tcp");
         ASSERT_TRUE(kernel.has_value());
         EXPECT_EQ(it->second, *kernel);
         EXPECT_EQ(
