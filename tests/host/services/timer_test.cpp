@@ -104,7 +104,7 @@ TEST(TimerScheduleTest, RemoveAndRescheduleSkipStaleEntries) {
     EXPECT_EQ(schedule.NextDue(), t0 + 45ms);
 }
 
-TEST(TimerTest, ArgumentsUnknownRunnableAndReferences) {
+TEST(TimerTest, ArgumentsReferencesAndShutdown) {
     auto timer = qor::object::Create<Timer>();
     auto r = qor::object::Create<FnRunnable>();
     EXPECT_EQ(timer->SetRepeated(nullptr, 10), qor::errors::kInvalidArgument);
@@ -119,6 +119,20 @@ TEST(TimerTest, ArgumentsUnknownRunnableAndReferences) {
     EXPECT_EQ(timer->CancelAndWait(r.Get()), 0);
     EXPECT_EQ(RefCount(r.Get()), 1u);
     EXPECT_EQ(r->Calls(), 0);
+
+    // Shutdown releases everything and refuses new work.
+    auto a = qor::object::Create<FnRunnable>();
+    ASSERT_EQ(timer->SetRepeated(a.Get(), 1), 0);
+    ASSERT_EQ(timer->SetRepeated(r.Get(), 100000), 0);
+    ASSERT_TRUE(WaitFor([&] { return a->Calls() > 0; }));
+    timer->Shutdown();
+    const int calls = a->Calls();
+    EXPECT_EQ(RefCount(a.Get()), 1u);
+    EXPECT_EQ(RefCount(r.Get()), 1u);
+    EXPECT_EQ(timer->SetRepeated(a.Get(), 1), qor::errors::kInvalidState);
+    std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(a->Calls(), calls);
+    timer->Shutdown();  // twice is harmless
 }
 
 TEST(TimerTest, CancelAndWaitReturnsOnlyAfterTheRunningCallFinished) {
@@ -229,23 +243,6 @@ TEST(TimerTest, NoCallStartsAfterCancelAndWaitReturnsUnderConcurrentUse) {
         calls += slot.runnable->Calls();
     }
     EXPECT_GT(calls, 0);
-}
-
-TEST(TimerTest, ShutdownReleasesEverythingAndRefusesNewWork) {
-    auto timer = qor::object::Create<Timer>();
-    auto a = qor::object::Create<FnRunnable>();
-    auto b = qor::object::Create<FnRunnable>();
-    ASSERT_EQ(timer->SetRepeated(a.Get(), 1), 0);
-    ASSERT_EQ(timer->SetRepeated(b.Get(), 100000), 0);
-    ASSERT_TRUE(WaitFor([&] { return a->Calls() > 0; }));
-    timer->Shutdown();
-    const int calls = a->Calls();
-    EXPECT_EQ(RefCount(a.Get()), 1u);
-    EXPECT_EQ(RefCount(b.Get()), 1u);
-    EXPECT_EQ(timer->SetRepeated(a.Get(), 1), qor::errors::kInvalidState);
-    std::this_thread::sleep_for(5ms);
-    EXPECT_EQ(a->Calls(), calls);
-    timer->Shutdown();  // twice is harmless
 }
 
 }  // namespace
