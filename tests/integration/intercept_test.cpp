@@ -90,16 +90,13 @@ protected:
         return out;
     }
 
-    // Sockets: a sender in gen, sinks in dut.
-    std::unique_ptr<UdpSocket> Sender(int family = AF_INET) const {
-        auto s = std::make_unique<UdpSocket>(
-            m_net->Gen(), family, family == AF_INET ? NetnsPair::kGen4 : NetnsPair::kGen6, 40000);
-        EXPECT_TRUE(s->Ok());
-        return s;
-    }
-    std::unique_ptr<UdpSocket> Sink(std::uint16_t port, int family = AF_INET) const {
-        auto s = std::make_unique<UdpSocket>(
-            m_net->Dut(), family, family == AF_INET ? NetnsPair::kDut4 : NetnsPair::kDut6, port);
+    // Sockets: a sender in gen (port 40000), sinks in dut.
+    std::unique_ptr<UdpSocket> Socket(bool dut, std::uint16_t port, int family = AF_INET) const {
+        const bool v4 = family == AF_INET;
+        auto s = std::make_unique<UdpSocket>(dut ? m_net->Dut() : m_net->Gen(), family,
+                                             dut ? (v4 ? NetnsPair::kDut4 : NetnsPair::kDut6)
+                                                 : (v4 ? NetnsPair::kGen4 : NetnsPair::kGen6),
+                                             port);
         EXPECT_TRUE(s->Ok());
         return s;
     }
@@ -183,8 +180,8 @@ TEST_F(InterceptTest, MarkAndRewrittenPayloadReachTheKernel) {
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(r.args[1]);
-        auto sink = Sink(r.port, r.family);
-        auto sender = Sender(r.family);
+        auto sink = Socket(true, r.port, r.family);
+        auto sender = Socket(false, 40000, r.family);
         std::vector<std::string> args = {"--proto", "udp", "--local-port", std::to_string(r.port),
                                          "--json"};
         args.insert(args.end(), r.args.begin(), r.args.end());
@@ -229,8 +226,8 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
         {"stats", "closed output", -1, {}, 0},
         {"stats", "SIGKILL", SIGKILL, {}, 128 + SIGKILL},
     };
-    auto sink = Sink(5000);
-    auto sender = Sender();
+    auto sink = Socket(true, 5000);
+    auto sender = Socket(false, 40000);
     for (const char* firewall : {"iptables", "nft"}) {
         Program info(NtiArgv({}, firewall, "info"));
         info.Wait(10s);
@@ -304,8 +301,8 @@ TEST_F(InterceptTest, ExactlyOneVerdictPerDatagramUnderLoad) {
     for (const std::string verdict : {"allow", "mix:1"}) {
         SCOPED_TRACE(verdict);
         const bool mixed = verdict != "allow";
-        auto sink = Sink(5000);
-        auto sender = Sender();
+        auto sink = Socket(true, 5000);
+        auto sender = Socket(false, 40000);
         auto nti = StartNti({"--direction", "in", "--proto", "udp", "--local-port", "5000",
                              "--quiet", "--json", "--verdict", verdict});
         std::vector<std::uint8_t> arrivals(kDatagrams, 0);
