@@ -106,18 +106,10 @@ TEST(PacketSummaryTest, ReadsAddressesAndPorts) {
     EXPECT_FALSE(s.sourcePort);
 
     // IPv6 TCP behind a hop-by-hop header.
-    std::vector<std::uint8_t> v6(40 + 8 + 4, 0);
-    v6[0] = 0x60;
-    v6[6] = 0;  // hop-by-hop
-    v6[8] = 0xfd;
-    v6[23] = 1;
-    v6[24] = 0xfd;
-    v6[39] = 2;
-    v6[40] = 6;  // then TCP
-    v6[48] = 0x00;
-    v6[49] = 0x50;
-    v6[50] = 0x04;
-    v6[51] = 0x00;
+    // fd00::1 -> fd00::2, hop-by-hop (8 bytes), then TCP 80 -> 1024.
+    const std::vector<std::uint8_t> v6 = {
+        0x60, 0, 0, 0, 0, 0, 0, 0, 0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1,  0xfd, 0,
+        0,    0, 0, 0, 0, 0, 0, 0, 0,    0, 0, 0, 0, 2, 6, 0, 0, 0, 0, 0, 0, 0, 0, 80, 4,    0};
     s = Summarize(v6.data(), v6.size());
     EXPECT_EQ(s.version, 6);
     EXPECT_EQ(s.source, "fd00::1");
@@ -172,18 +164,11 @@ TEST(FillChecksumsTest, WritesIpv4HeaderAndUdpChecksums) {
 }
 
 TEST(FillChecksumsTest, WritesIpv6TcpChecksum) {
-    std::vector<std::uint8_t> p(40 + 20 + 1, 0);
-    p[0] = 0x60;
-    p[5] = 21;  // payload length
-    p[6] = 6;
-    p[7] = 64;
-    p[8] = 0xfd;
-    p[23] = 1;
-    p[24] = 0xfd;
-    p[39] = 2;
-    p[40 + 1] = 80;
-    p[40 + 12] = 0x50;  // data offset 5
-    p[60] = 'x';
+    // fd00::1 -> fd00::2, payload length 21: TCP from port 80, data offset 5, and "x".
+    std::vector<std::uint8_t> p = {0x60, 0, 0, 0, 0,    21, 6, 64, 0xfd, 0,  0, 0, 0,  0, 0, 0,
+                                   0,    0, 0, 0, 0,    0,  0, 1,  0xfd, 0,  0, 0, 0,  0, 0, 0,
+                                   0,    0, 0, 0, 0,    0,  0, 2,  0,    80, 0, 0, 0,  0, 0, 0,
+                                   0,    0, 0, 0, 0x50, 0,  0, 0,  0,    0,  0, 0, 'x'};
     ASSERT_TRUE(FillChecksums(p.data(), p.size()));
     const std::uint32_t pseudo = OnesSum(p, 8, 40) + 6 + 21;
     EXPECT_EQ(OnesSum(p, 40, p.size(), pseudo), 0xFFFF);
