@@ -31,11 +31,13 @@ TEST(ExampleStopTest, SignalDeadlineAndOwnReason) {
 
 TEST(ExampleOptionsTest, RunOptionsAreParsedAndOthersLeftToTheExample) {
     example::RunArgs args;
-    EXPECT_TRUE(example::ParseRunOption('M', "/x/libm.so", args));
-    EXPECT_TRUE(example::ParseRunOption('L', "800", args));
-    EXPECT_TRUE(example::ParseRunOption('J', nullptr, args));
-    EXPECT_TRUE(example::ParseRunOption('c', "5", args));
-    EXPECT_TRUE(example::ParseRunOption('d', "1m", args));
+    for (const auto& [option, value] : {std::pair<int, const char*>{'M', "/x/libm.so"},
+                                        {'L', "800"},
+                                        {'J', nullptr},
+                                        {'c', "5"},
+                                        {'d', "1m"}}) {
+        EXPECT_TRUE(example::ParseRunOption(option, value, args)) << static_cast<char>(option);
+    }
     EXPECT_FALSE(example::ParseRunOption('h', nullptr, args));
     EXPECT_EQ(args.host.module, "/x/libm.so");
     EXPECT_EQ(args.host.traceLevel, 800u);
