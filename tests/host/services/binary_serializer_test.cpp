@@ -46,44 +46,32 @@ protected:
             bytes.data(), qor::AnyRef{&record, FindStatisticsType(typeId)}, bytes.size(), 0);
     }
 
+    // RoundTrip decodes the encoded `value` over `back`.
+    template <class T>
+    T RoundTrip(T value, std::uint32_t typeId, T back = {}) {
+        EXPECT_EQ(Decode(Encode(value, typeId), back, typeId), 0);
+        return back;
+    }
+
     qor::object::ImplPtr<BinarySerializer> m_serializer = qor::object::Create<BinarySerializer>();
     qor::object::ImplPtr<MallocAllocator> m_allocator = qor::object::Create<MallocAllocator>();
 };
 
 TEST_F(BinarySerializerTest, EveryRecordTypeRoundTrips) {
-    auto collectors = test::SampleCollectors();
-    data::Collectors collectorsBack;
-    ASSERT_EQ(Decode(Encode(collectors, data::kCollectorsTypeId), collectorsBack,
-                     data::kCollectorsTypeId),
-              0);
-    EXPECT_EQ(collectorsBack, collectors);
-
+    const auto collectors = test::SampleCollectors();
+    EXPECT_EQ(RoundTrip(collectors, data::kCollectorsTypeId), collectors);
     for (auto counter : {test::FullCounter(), test::SparseCounter(), stats::ConnectionCounter{}}) {
-        stats::ConnectionCounter back;
-        back.localPort = 1;  // stale values are replaced
-        back.payloadPrefix = {9, 9};
-        ASSERT_EQ(Decode(Encode(counter, stats::kConnectionCounterTypeId), back,
-                         stats::kConnectionCounterTypeId),
-                  0);
-        EXPECT_EQ(back, counter);
+        stats::ConnectionCounter stale;  // stale values are replaced
+        stale.localPort = 1;
+        stale.payloadPrefix = {9, 9};
+        EXPECT_EQ(RoundTrip(counter, stats::kConnectionCounterTypeId, stale), counter);
     }
-
-    auto interval = collectors.collectors[0].readyCounters[0];
-    stats::IntervalCounters intervalBack;
-    ASSERT_EQ(Decode(Encode(interval, stats::kIntervalCountersTypeId), intervalBack,
-                     stats::kIntervalCountersTypeId),
-              0);
-    EXPECT_EQ(intervalBack, interval);
-
-    auto ip = test::Ipv6Sample();  // nested types also stand on their own
-    stats::ip_t ipBack;
-    ASSERT_EQ(Decode(Encode(ip, stats::kIpTypeId), ipBack, stats::kIpTypeId), 0);
-    EXPECT_EQ(ipBack, ip);
-
-    data::Collectors none;
-    data::Collectors noneBack = test::SampleCollectors();
-    ASSERT_EQ(Decode(Encode(none, data::kCollectorsTypeId), noneBack, data::kCollectorsTypeId), 0);
-    EXPECT_TRUE(noneBack.collectors.empty());
+    const auto interval = collectors.collectors[0].readyCounters[0];
+    EXPECT_EQ(RoundTrip(interval, stats::kIntervalCountersTypeId), interval);
+    // Nested types also stand on their own.
+    EXPECT_EQ(RoundTrip(test::Ipv6Sample(), stats::kIpTypeId), test::Ipv6Sample());
+    EXPECT_TRUE(
+        RoundTrip(data::Collectors{}, data::kCollectorsTypeId, collectors).collectors.empty());
 }
 
 TEST_F(BinarySerializerTest, WritesTheVersionedSelfDescribingForm) {
