@@ -132,23 +132,17 @@ TEST_F(DynamicRulesNetnsTest, AddsAndRemovesExactlyTheNamedRecords) {
     EXPECT_EQ(withoutChains(OurLines("iptables-save")), left);
     EXPECT_EQ(withoutChains(OurLines("ip6tables-save")), left);
 
+    // Identical records of two calls are removed one at a time.
+    ASSERT_EQ(rules->AddRules({a[0]}, "svc_a"), 0);
+    ASSERT_EQ(rules->AddRules({a[0]}, "svc_a"), 0);
+    ASSERT_EQ(rules->RemoveRules({a[0]}), 0);
+    EXPECT_EQ(withoutChains(OurLines("iptables-save")), both);
+    EXPECT_EQ(rules->InstalledCount(), 3u);
+
     // Destruction removes what is still installed, then the chains and jumps.
     rules = nullptr;
     EXPECT_EQ(OurLines("iptables-save"), std::vector<std::string>{});
     EXPECT_EQ(OurLines("ip6tables-save"), std::vector<std::string>{});
-}
-
-TEST_F(DynamicRulesNetnsTest, IdenticalRecordsOfTwoCallsAreRemovedOneAtATime) {
-    auto rules = Make();
-    const dwi::firewall::Rules r = {Udp(0, 7, 9)};
-    ASSERT_EQ(rules->AddRules(r, "x"), 0);
-    ASSERT_EQ(rules->AddRules(r, "x"), 0);
-    ASSERT_EQ(rules->RemoveRules(r), 0);
-    EXPECT_EQ(rules->InstalledCount(), 1u);
-    const auto lines = OurLines("iptables-save");
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string& l) { return l.starts_with("-A NTI_IN"); }),
-              1);
 }
 
 // After each failure only the chains and jumps are there.
