@@ -21,13 +21,8 @@ namespace nti::test {
 // Fd owns a descriptor.
 class Fd {
 public:
-    Fd() = default;
     explicit Fd(int fd) : m_fd(fd) {}
     Fd(Fd&& o) noexcept : m_fd(std::exchange(o.m_fd, -1)) {}
-    Fd& operator=(Fd&& o) noexcept {
-        std::swap(m_fd, o.m_fd);
-        return *this;
-    }
     ~Fd() {
         if (m_fd >= 0) {
             close(m_fd);
@@ -36,7 +31,7 @@ public:
     int Get() const { return m_fd; }
 
 private:
-    int m_fd = -1;
+    int m_fd;
 };
 
 // Endpoint is an address (IPv4 or IPv6 text) and a port.
