@@ -2,6 +2,7 @@
 // preset bytes and codes.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
@@ -54,14 +55,8 @@ public:
         std::lock_guard lock(m_mutex);
         m_output = std::move(output);
     }
-    void FailSerialize(qor::result_t code) {
-        std::lock_guard lock(m_mutex);
-        m_serializeResult = code;
-    }
-    void FailDeserialize(qor::result_t code) {
-        std::lock_guard lock(m_mutex);
-        m_deserializeResult = code;
-    }
+    void FailSerialize(qor::result_t code) { m_serializeResult = code; }
+    void FailDeserialize(qor::result_t code) { m_deserializeResult = code; }
     std::vector<Call> Calls() const {
         std::lock_guard lock(m_mutex);
         return m_calls;
@@ -71,8 +66,8 @@ private:
     mutable std::mutex m_mutex;
     std::vector<Call> m_calls;
     std::vector<std::uint8_t> m_output;
-    qor::result_t m_serializeResult = 0;
-    qor::result_t m_deserializeResult = 0;
+    std::atomic<qor::result_t> m_serializeResult{0};
+    std::atomic<qor::result_t> m_deserializeResult{0};
 };
 
 }  // namespace nti::test

@@ -1,6 +1,7 @@
 // FakeDynamicRules records AddRules/RemoveRules calls and can fail them.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -29,14 +30,8 @@ public:
         return m_removeResult;
     }
 
-    void FailAdd(qor::result_t code) {
-        std::lock_guard lock(m_mutex);
-        m_addResult = code;
-    }
-    void FailRemove(qor::result_t code) {
-        std::lock_guard lock(m_mutex);
-        m_removeResult = code;
-    }
+    void FailAdd(qor::result_t code) { m_addResult = code; }
+    void FailRemove(qor::result_t code) { m_removeResult = code; }
     std::vector<Call> Calls() const {
         std::lock_guard lock(m_mutex);
         return m_calls;
@@ -45,8 +40,8 @@ public:
 private:
     mutable std::mutex m_mutex;
     std::vector<Call> m_calls;
-    qor::result_t m_addResult = 0;
-    qor::result_t m_removeResult = 0;
+    std::atomic<qor::result_t> m_addResult{0};
+    std::atomic<qor::result_t> m_removeResult{0};
 };
 
 }  // namespace nti::test

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -96,28 +97,13 @@ public:
         std::lock_guard lock(m_mutex);
         return m_entries.empty() ? nullptr : m_entries.back().runnable.Get();
     }
-    std::uint32_t SetCount() const {
-        std::lock_guard lock(m_mutex);
-        return m_setCount;
-    }
-    std::uint32_t CancelCount() const {
-        std::lock_guard lock(m_mutex);
-        return m_cancelCount;
-    }
+    std::uint32_t SetCount() const { return m_setCount; }
+    std::uint32_t CancelCount() const { return m_cancelCount; }
 
-    void FailSet(qor::result_t code) {
-        std::lock_guard lock(m_mutex);
-        m_setResult = code;
-    }
+    void FailSet(qor::result_t code) { m_setResult = code; }
     // FailSetAfter lets `count` SetRepeated calls succeed, then fails them.
-    void FailSetAfter(int count) {
-        std::lock_guard lock(m_mutex);
-        m_failSetAfter = static_cast<int>(m_setCount) + count;
-    }
-    void FailCancel(qor::result_t code) {
-        std::lock_guard lock(m_mutex);
-        m_cancelResult = code;
-    }
+    void FailSetAfter(int count) { m_failSetAfter = static_cast<int>(m_setCount) + count; }
+    void FailCancel(qor::result_t code) { m_cancelResult = code; }
     // OnCancel runs first thing in CancelAndWait, outside the fake's lock.
     void OnCancel(std::function<void(qor::IRunnable*)> hook) { m_onCancel = std::move(hook); }
     void SetLog(CallLog* log) { m_log = log; }
@@ -132,11 +118,11 @@ private:
     std::condition_variable m_idle;
     std::vector<Entry> m_entries;
     std::vector<qor::IRunnable*> m_running;
-    std::uint32_t m_setCount = 0;
-    std::uint32_t m_cancelCount = 0;
-    qor::result_t m_setResult = 0;
-    int m_failSetAfter = -1;
-    qor::result_t m_cancelResult = 0;
+    std::atomic<std::uint32_t> m_setCount{0};
+    std::atomic<std::uint32_t> m_cancelCount{0};
+    std::atomic<qor::result_t> m_setResult{0};
+    std::atomic<int> m_failSetAfter{-1};
+    std::atomic<qor::result_t> m_cancelResult{0};
     std::function<void(qor::IRunnable*)> m_onCancel;
     CallLog* m_log = nullptr;
 };
