@@ -2,6 +2,7 @@
 // messages through a listener as the host's listener thread would.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -40,10 +41,7 @@ public:
         std::lock_guard lock(m_mutex);
         return m_starts;
     }
-    int Stops() const {
-        std::lock_guard lock(m_mutex);
-        return m_stops;
-    }
+    int Stops() const { return m_stops; }
     void FailStart(qor::result_t code) { m_startResult = code; }
     void FailStop(qor::result_t code) { m_stopResult = code; }
 
@@ -52,7 +50,7 @@ private:
     CallLog* m_log;
     mutable std::mutex m_mutex;
     std::vector<std::vector<std::uint16_t>> m_starts;
-    int m_stops = 0;
+    std::atomic<int> m_stops{0};
     qor::result_t m_startResult = 0;
     qor::result_t m_stopResult = 0;
 };
