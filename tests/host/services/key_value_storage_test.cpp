@@ -114,13 +114,18 @@ TEST_F(KeyValueStorageTest, ConcurrentWritersFromThreadsAndProcessesAllLand) {
     }
 }
 
-TEST_F(KeyValueStorageTest, UnusableDirectoryGivesAFailureCode) {
-    const std::string file = m_root + "/plain";
-    ASSERT_EQ(std::system(("touch " + file).c_str()), 0);
-    auto storage = qor::object::Create<SqliteKeyValueStorage>(file + "/nti");
-    qor::ByteVector value;
-    EXPECT_FALSE(QOR_SUCCEEDED(storage->GetValue("k", value)));
-    EXPECT_FALSE(QOR_SUCCEEDED(storage->SetValue("k", value)));
+// A state directory under a plain file, and a database file that is a
+// directory, are paths that cannot be there.
+TEST_F(KeyValueStorageTest, DatabaseThatCannotBeOpenedIsAMissingPath) {
+    ASSERT_EQ(
+        std::system(("touch " + m_root + "/plain && mkdir -p " + m_root + "/dir/state.db").c_str()),
+        0);
+    for (const std::string& dir : {m_root + "/plain/nti", m_root + "/dir"}) {
+        auto storage = qor::object::Create<SqliteKeyValueStorage>(dir);
+        qor::ByteVector value;
+        EXPECT_EQ(storage->GetValue("k", value), qor::errors::kPathNotFound) << dir;
+        EXPECT_EQ(storage->SetValue("k", value), qor::errors::kPathNotFound) << dir;
+    }
 }
 
 TEST(DefaultStateDirTest, FollowsTheUserAndXdg) {

@@ -98,6 +98,9 @@ TEST(TimerScheduleTest, DueOrderFifoAmongEqualTimesAndStaleEntries) {
     EXPECT_EQ(schedule.PopDue(t0 + 35ms), &a);
     EXPECT_FALSE(schedule.PopDue(t0 + 35ms));
     EXPECT_EQ(schedule.NextDue(), t0 + 45ms);
+    // One that is late by less than a period keeps its phase.
+    EXPECT_EQ(schedule.PopDue(t0 + 48ms), &a);
+    EXPECT_EQ(schedule.NextDue(), t0 + 55ms);
 }
 
 TEST(TimerTest, ArgumentsReferencesAndShutdown) {

@@ -10,11 +10,15 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "dwi_common/mnl_parser.h"
+#include "network_traffic_interceptor/src/nfqueue_attributes.h"
 #include "network_traffic_interceptor/src/nfqueue_messages.h"
+#include "tests/support/nfqueue_message.h"
 
 namespace {
 
@@ -170,6 +174,42 @@ TEST(VerdictMessageTest, VerdictTable) {
         EXPECT_EQ(ni::NetfilterVerdict(row.verdict), row.sent) << row.verdict;
         EXPECT_STREQ(ni::VerdictName(row.verdict), row.name) << row.verdict;
     }
+}
+
+// What the poll thread takes from a queued packet: id, devices and mark in
+// host order and the payload where it lies; a message of another type or a
+// packet without payload is not read.
+TEST(QueuedPacketTest, ReadsIdDevicesMarkAndPayloadInPlace) {
+    const auto read = [](const std::vector<char>& buf, ni::Packet& packet) {
+        bool isPacket = false;
+        const dwi::tools::MnlParser parser(
+            nullptr,
+            [&](const nlmsghdr* nlh, const nlattr** table) {
+                isPacket = ni::ReadQueuedPacket(nlh, table, packet);
+                return MNL_CB_OK;
+            },
+            ni::kNfqueueMaxAttribute, &ni::NfqueueAttributeChecker());
+        EXPECT_EQ(parser.Parse(buf.data(), buf.size(), 0, 0), MNL_CB_OK);
+        return isPacket;
+    };
+    nti::test::NfqueuePacket sample = nti::test::SampleInputPacket();
+    sample.outdev = 3;
+    const std::vector<char> buf = nti::test::NfqueueMessage(sample);
+    ni::Packet packet;
+    ASSERT_TRUE(read(buf, packet));
+    EXPECT_EQ(std::make_tuple(packet.id, packet.indev, packet.outdev, packet.mark),
+              std::make_tuple(0x01020304u, 2u, 3u, 0x10u));
+    ASSERT_EQ(packet.payloadEnd - packet.payloadBegin, 40);
+    EXPECT_TRUE(Bytes(packet.payloadBegin, packet.payloadEnd) == Bytes(sample.payload));
+    EXPECT_GT(reinterpret_cast<const char*>(packet.payloadBegin), buf.data());
+    EXPECT_LT(reinterpret_cast<const char*>(packet.payloadEnd), buf.data() + buf.size() + 1);
+
+    sample.payload.clear();
+    EXPECT_FALSE(read(nti::test::NfqueueMessage(sample), packet));
+    std::vector<char> other = buf;
+    reinterpret_cast<nlmsghdr*>(other.data())->nlmsg_type =
+        (NFNL_SUBSYS_QUEUE << 8) | NFQNL_MSG_VERDICT;
+    EXPECT_FALSE(read(other, packet));
 }
 
 }  // namespace
