@@ -35,7 +35,8 @@ step "install into $prefix"
 rm -rf "$prefix"
 quiet cmake --install "$release" --prefix "$prefix"
 libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$release/CMakeCache.txt")
-module=$prefix/$libdir/libnetwork_traffic_interceptor.so
+moduledir=$libdir/network-traffic-interceptor
+module=$prefix/$moduledir/libnetwork_traffic_interceptor.so
 [ "$libdir" = "lib/$(gcc -print-multiarch)" ] || fail "libdir $libdir is not the multiarch directory"
 for f in "$prefix/bin/nti" "$module" "$prefix/share/man/man1/nti.1.gz" \
   "$prefix/$libdir/libnti_host_services.a" "$prefix/$libdir/pkgconfig/network_traffic_interceptor.pc" \
@@ -48,10 +49,10 @@ done
 for f in host/cli host/fixture host/services/process.h; do
   [ ! -e "$prefix/include/network_traffic_interceptor/$f" ] || fail "installed, not public: $f"
 done
-# Found by name through the loader: lib<name>.so -> SONAME -> the real file.
-soname=$(objdump -p "$module" | awk '/SONAME/ {print $2}')
-[ -L "$module" ] && [ -L "$prefix/$libdir/$soname" ] || fail "missing symlinks for $soname"
-grep -q "RUNPATH.*\$ORIGIN/../$libdir" <<<"$(readelf -d "$prefix/bin/nti")" || fail "nti RUNPATH"
+# A plugin in a directory of its own: one file, no SONAME, found through nti's RUNPATH.
+[ -f "$module" ] && [ ! -L "$module" ] || fail "the module is not one plain file"
+! grep -q SONAME <<<"$(objdump -p "$module")" || fail "the module has a SONAME"
+grep -q "RUNPATH.*\$ORIGIN/../$moduledir" <<<"$(readelf -d "$prefix/bin/nti")" || fail "nti RUNPATH"
 grep -q '^\.TH NTI 1' <<<"$("$prefix/bin/nti" --man)" || fail "nti --man"
 out=$("$prefix/bin/nti" info 2>&1 || true)
 grep -q "module: libnetwork_traffic_interceptor.so" <<<"$out" || fail "installed nti: $out"
@@ -151,16 +152,16 @@ rm -rf "$work/deb"
 quiet cpack --config "$release/CPackConfig.cmake" -G DEB -B "$work/deb"
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$release/CMakeCache.txt")
 name=network-traffic-interceptor
-so=usr/$libdir/libnetwork_traffic_interceptor.so
+so=usr/$moduledir/libnetwork_traffic_interceptor.so
 # package | Depends it must name (comma-separated, versions apart from the
 # -dev package's own one ignored) | files it must hold | what it must not hold
 packages=(
-  "$name|libc6,libstdc++6,libsystemd0,libmnl0,libsqlite3-0,iptables,iproute2,iputils-ping|usr/bin/nti $so $so.0
-   usr/share/man/man1/nti.1.gz usr/share/doc/$name/copyright|usr/include usr/$libdir/pkgconfig"
+  "$name|libc6,libstdc++6,libsystemd0,libmnl0,libsqlite3-0,iptables,iproute2,iputils-ping|usr/bin/nti $so
+   usr/share/man/man1/nti.1.gz usr/share/doc/$name/copyright usr/share/doc/$name/changelog.gz|usr/include usr/$libdir/pkgconfig"
   "$name-dev|$name (= $version),libsqlite3-dev,libmnl-dev,libsystemd-dev,libboost[0-9.]*-dev,pkgconf|usr/$libdir/libnti_host_services.a
    usr/$libdir/cmake/NetworkTrafficInterceptor/NetworkTrafficInterceptorConfig.cmake
    usr/$libdir/pkgconfig/network_traffic_interceptor.pc usr/include/network_traffic_interceptor/qor/object.h
-   usr/share/doc/$name-dev/copyright|usr/bin $so"
+   usr/share/doc/$name-dev/copyright usr/share/doc/$name-dev/changelog.gz|usr/bin $so"
 )
 for entry in "${packages[@]}"; do
   IFS='|' read -r package wanted present absent <<<"${entry//$'\n'/ }"
@@ -179,11 +180,11 @@ for entry in "${packages[@]}"; do
 done
 root=$work/deb/$name
 grep -q '^\.TH NTI 1' <<<"$(gzip -dc "$root/usr/share/man/man1/nti.1.gz")" || fail "nti.1.gz is no manual page"
-for f in "$root/usr/bin/nti" "$root/$so".*.*; do
+for f in "$root/usr/bin/nti" "$root/$so"; do
   ! grep -q '\.symtab' <<<"$(readelf -S "$f")" || fail "not stripped: $f"
 done
 grep -q '^Format: https://www.debian.org/doc/packaging-manuals/copyright-format/' \
   "$root/usr/share/doc/$name/copyright" || fail "copyright is not machine-readable"
-dpkg-deb -e "$work/deb/${name}_${version}_$(dpkg --print-architecture).deb" "$work/deb/control"
-grep -q ldconfig "$work/deb/control/postinst" || fail "postinst does not run ldconfig"
+step "lintian"
+quiet lintian --fail-on error,warning "$work"/deb/*.deb
 echo "PASS"
