@@ -7,7 +7,7 @@ NTI_PACKAGES=(
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev libnetfilter-queue-dev libnftables-dev
   libfixbuf-dev nfdump systemd
   iptables nftables iproute2 iputils-ping conntrack kmod libcap2-bin sqlite3 file
-  debootstrap lintian
+  debootstrap lintian systemd-container
 )
 
 nti_install_deps() {

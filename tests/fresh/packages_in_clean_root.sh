@@ -2,8 +2,10 @@
 # Builds the two Debian packages, then installs them with apt into a second,
 # clean minimal Debian 12 root where nothing of the build is present, and
 # checks that they work on their own there: `nti info`, `nti demo`, and both
-# examples built against /usr and run. Run as root on a Debian 12 machine
-# that may be changed (run-fresh gives one):
+# examples built against /usr and run; then boots that root with systemd as
+# its init (systemd-nspawn, with a network of its own) and runs the
+# statistics service there as an administrator would. Run as root on a
+# Debian 12 machine that may be changed (run-fresh gives one):
 #   run-fresh 'bash tests/fresh/packages_in_clean_root.sh'
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -19,7 +21,19 @@ ls build/package/deb/*.deb
 
 work=$(mktemp -d /tmp/nti-clean.XXXXXX)
 root=$work/root
-trap 'rm -rf --one-file-system "$work"' EXIT
+machine=nti-fresh-$$
+nspawn=""
+leader=""
+# The container powers off on SIGTERM to systemd-nspawn; one still booting
+# may not, and then its init is killed.
+stop_container() {
+  kill "$nspawn" 2>/dev/null || return 0
+  for _ in $(seq 300); do kill -0 "$nspawn" 2>/dev/null || break; sleep 0.1; done
+  ! kill -0 "$nspawn" 2>/dev/null || [ -z "$leader" ] || kill -KILL "$leader"
+  wait "$nspawn" || true
+}
+trap 'stop_container; rm -rf "/run/systemd/nspawn/propagate/$machine"
+  rm -rf --one-file-system "$work"' EXIT
 mirror=$(grep -h -E '^(URIs:|deb )' /etc/apt/sources.list /etc/apt/sources.list.d/*.sources 2>/dev/null |
   grep -v security | head -n1 | awk '{print $2}') || true
 echo "== clean root from $mirror"
@@ -82,5 +96,60 @@ sleep 0.5
 ip netns exec $ns ping -c 3 -i 0.2 198.18.6.1 >/dev/null
 wait $pid || fail "stats_to_json: $(cat stats.err)"
 grep -q "^{.*}$" intervals.json || fail "stats_to_json: $(cat intervals.json stats.err)"
-echo PASS
+apt-get install -y -qq --no-install-recommends systemd systemd-sysv nftables >/dev/null
 '
+
+echo "== nti-stats.service under systemd"
+fail() { echo "FAIL: $*" >&2; exit 1; }
+systemd-nspawn -b -q --register=no --keep-unit --private-network -D "$root" -M "$machine" \
+  >"$work/boot.log" 2>&1 &
+nspawn=$!
+# The container's init is the child of systemd-nspawn that runs systemd (a
+# short-lived helper comes first).
+for _ in $(seq 100); do
+  for pid in $(ps -o pid= --ppid "$nspawn"); do
+    [ "$(cat "/proc/$pid/comm" 2>/dev/null)" != systemd ] || leader=$pid
+  done
+  [ -z "$leader" ] || break
+  sleep 0.1
+done
+[ -n "$leader" ] || fail "the container did not start: $(tail -n 20 "$work/boot.log")"
+box() { nsenter -t "$leader" -a "$@"; }
+# Until systemd has opened its socket the answer is "offline".
+state=""
+for _ in $(seq 120); do
+  state=$(box systemctl is-system-running || true)
+  [ "$state" != running ] && [ "$state" != degraded ] || break
+  sleep 0.5
+done
+[ "$state" = running ] || [ "$state" = degraded ] || fail "systemd in the container: $state"
+box systemd-analyze verify nti-stats.service || fail "systemd-analyze verify nti-stats.service"
+box bash -euo pipefail -c '
+ip netns add peer
+ip link add v0 type veth peer name v1 netns peer
+ip addr add 198.18.7.1/24 dev v0 && ip link set v0 up
+ip -n peer addr add 198.18.7.2/24 dev v1 && ip -n peer link set v1 up
+mkdir -p /var/log/nti
+printf "[collector]\nperiod = 60s\n\n[json]\npath = /var/log/nti/intervals.jsonl\n" >/etc/nti/stats.conf
+systemctl start nti-stats'
+sleep 2
+box systemctl is-active -q nti-stats || fail "not active: $(box journalctl -u nti-stats --no-pager)"
+rules() { box nft list ruleset; box iptables-save; }
+rules | grep -q 'nti:' || fail "no rules of nti: $(rules)"
+box ping -c 5 -i 0.2 -q 198.18.7.2 >/dev/null
+box systemctl reload nti-stats
+# The interval closes one period after the start.
+for _ in $(seq 80); do
+  ! box grep -q 198.18.7.2 /var/log/nti/intervals.jsonl 2>/dev/null || break
+  sleep 1
+done
+box grep -q '"remoteIp":"198.18.7.2",.*"packetsSent":5' /var/log/nti/intervals.jsonl ||
+  fail "no interval with the pings: $(box cat /var/log/nti/intervals.jsonl)"
+box systemctl stop nti-stats
+[ "$(box systemctl show -P Result nti-stats)" = success ] || fail "stopped with $(box systemctl show -P Result nti-stats)"
+journal=$(box journalctl -u nti-stats --no-pager -o cat)
+for line in "RunService: started" "Reload: 1 sinks" "RunService: stopping on SIGTERM"; do
+  grep -q "$line" <<<"$journal" || fail "journal lacks \"$line\": $journal"
+done
+! rules | grep -q 'nti' || fail "rules left: $(rules)"
+echo PASS
