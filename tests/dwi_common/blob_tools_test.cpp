@@ -11,7 +11,6 @@
 #include "qor/exception.h"
 #include "tests/fakes/fake_allocator.h"
 #include "tests/fakes/fake_binary_serializer.h"
-#include "tests/support/check_record.h"
 #include "tests/support/recording_tracer.h"
 
 namespace dwi::tools {
@@ -128,21 +127,11 @@ TEST_F(BlobToolsTest, RoundTripThroughTheSerialiser) {
     EXPECT_TRUE(m_tracer->Lines().empty());
 }
 
-TEST_F(BlobToolsTest, LargerBlobIsReusedAndEmptyBlobGetsAtLeastFourBytes) {
+// A blob that cannot grow throws, and the serialiser's buffer goes back.
+TEST_F(BlobToolsTest, BlobThatCannotGrowThrowsWithoutALeak) {
     const auto locator = Locator();
-    const std::vector<std::uint8_t> old(64, 0xEE);
-    qor::ByteVector large(old.data(), old.size());
-    const std::uint8_t* storage = large.data();
     m_serializer->SetOutput({9, 8});
-    ASSERT_EQ(AnyToBlob(locator.Get(), Data(), large), 0);
-    EXPECT_EQ(large.data(), storage);
-    EXPECT_EQ(large.size(), 2u);
     auto blobAllocator = qor::object::Create<FakeAllocator>();
-    qor::ByteVector empty(blobAllocator.Get());
-    ASSERT_EQ(AnyToBlob(locator.Get(), Data(), empty), 0);
-    EXPECT_EQ(blobAllocator->LastSize(), 4u);
-    EXPECT_EQ(empty, large);
-    // A blob that cannot grow throws, and the serialiser's buffer goes back.
     blobAllocator->FailAllocations(true);
     qor::ByteVector failing(blobAllocator.Get());
     EXPECT_THROW(static_cast<void>(AnyToBlob(locator.Get(), Data(), failing)), std::bad_alloc);

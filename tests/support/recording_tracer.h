@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
@@ -17,6 +18,26 @@ struct TraceLine {
     std::uint32_t level;
     std::string text;
 };
+
+// WithoutLine writes every "<file>:<line>(" of `text` as "<file>:#(", so that
+// tests do not move with edits.
+inline std::string WithoutLine(const std::string& text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size();) {
+        std::size_t digits = i + 1;
+        while (text[i] == ':' && digits < text.size() &&
+               std::isdigit(static_cast<unsigned char>(text[digits]))) {
+            ++digits;
+        }
+        if (digits > i + 1 && digits < text.size() && text[digits] == '(') {
+            out += ":#";
+            i = digits;
+        } else {
+            out += text[i++];
+        }
+    }
+    return out;
+}
 
 class RecordingTracer : public qor::object::Ifaces<qor::ITracer> {
 public:
@@ -61,6 +82,29 @@ public:
         const auto texts = Texts();
         return std::any_of(texts.begin(), texts.end(),
                            [&](const std::string& t) { return t.find(part) != std::string::npos; });
+    }
+    // Has: a record of `level` reads `text`, line numbers written as '#'.
+    bool Has(std::uint32_t level, const std::string& text) const {
+        const auto lines = Lines();
+        return std::any_of(lines.begin(), lines.end(), [&](const TraceLine& l) {
+            return l.level == level && WithoutLine(l.text) == text;
+        });
+    }
+    // HasCheckRecord: a level-300 record holds the failed result check of
+    // `expression` in `source`, followed somewhere later by `tail`.
+    bool HasCheckRecord(const std::string& source, const std::string& expression,
+                        const std::string& tail) const {
+        const std::string head =
+            source + ":#(" + expression + "),(QOR_SUCCEEDED(_result)) failed: result = ";
+        for (const auto& line : Lines()) {
+            const std::string text = WithoutLine(line.text);
+            const auto at = text.find(head);
+            if (line.level == 300 && at != std::string::npos &&
+                text.find(tail, at + head.size()) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
     }
     void Clear() {
         std::lock_guard lock(m_mutex);

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "network_traffic_interceptor/src/nfqueue_interceptor.h"
-#include "tests/support/check_record.h"
+#include "tests/support/recording_tracer.h"
 
 namespace nti::test {
 

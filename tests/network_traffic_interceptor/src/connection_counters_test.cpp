@@ -10,10 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "dwi_common/blob_tools.h"
+#include "host/services/binary_serializer.h"
 #include "host/services/service_locator.h"
 #include "network_traffic_interceptor/src/meta_registry.h"
+#include "network_traffic_interceptor/src/statistics_meta.h"
 #include "qor/exception.h"
-#include "qor/serializer.h"
 #include "tests/fakes/fake_allocator.h"
 #include "tests/fakes/fake_dynamic_rules.h"
 #include "tests/fakes/fake_iptables_info_provider.h"
@@ -22,7 +24,6 @@
 #include "tests/fakes/fake_startup_data_provider.h"
 #include "tests/fakes/fake_timer.h"
 #include "tests/support/call_log.h"
-#include "tests/support/check_record.h"
 #include "tests/support/nflog_message.h"
 #include "tests/support/recording_tracer.h"
 
@@ -56,44 +57,6 @@ using nti::test::kHostV4;
 using nti::test::kHostV6;
 using nti::test::kPeerV4;
 using nti::test::kPeerV6;
-
-// RoundTripSerializer keeps what it serialises; the blob is the record's
-// index. Anything else is a damaged blob.
-class RoundTripSerializer : public qor::object::Ifaces<qor::IBinarySerializer> {
-public:
-    qor::result_t Serialize(const qor::AnyRef& data, qor::IAllocator* alloc, void** ptr,
-                            std::size_t* len, std::uint32_t) noexcept override {
-        if (m_serializeResult < 0) {
-            return m_serializeResult;
-        }
-        const auto index = static_cast<std::uint32_t>(m_records.size());
-        *ptr = alloc->Allocate(sizeof(index));
-        std::memcpy(*ptr, &index, sizeof(index));
-        *len = sizeof(index);
-        m_records.push_back(*static_cast<const Collectors*>(data.object));
-        return 0;
-    }
-    qor::result_t Deserialize(const void* blob, const qor::AnyRef& data, std::size_t len,
-                              std::uint32_t) noexcept override {
-        std::uint32_t index = 0;
-        if (data.type->typeId != connection_counters_data::kCollectorsTypeId ||
-            len != sizeof(index)) {
-            return qor::errors::kInvalidSize;
-        }
-        std::memcpy(&index, blob, sizeof(index));
-        *static_cast<Collectors*>(data.object) = m_records.at(index);
-        return 0;
-    }
-
-    // Last is the record serialised last.
-    const Collectors& Last() const { return m_records.back(); }
-    std::size_t Count() const { return m_records.size(); }
-    void FailSerialize(qor::result_t code) { m_serializeResult = code; }
-
-private:
-    std::vector<Collectors> m_records;
-    qor::result_t m_serializeResult = 0;
-};
 
 // Summary lists "collector/period/alignment:" and the counter count of each
 // ready interval, for every saved collector, sorted.
@@ -211,13 +174,14 @@ public:
         return intervals;
     }
 
-    bool HasLine(std::uint32_t level, const std::string& text) const {
-        for (const auto& line : m_tracer->Lines()) {
-            if (line.level == level && line.text == text) {
-                return true;
-            }
-        }
-        return false;
+    // Saved reads the stored value back.
+    Collectors Saved() {
+        Collectors saved;
+        const auto blob = m_storage->Value("Collectors");
+        const qor::AnyRef any{&saved,
+                              FindStatisticsType(connection_counters_data::kCollectorsTypeId)};
+        EXPECT_EQ(blob ? dwi::tools::AnyFromBlob(m_locator.Get(), *blob, any) : -1, 0);
+        return saved;
     }
 
     // HasCheckRecord matches a level-300 checked-call record of the service.
@@ -227,8 +191,7 @@ public:
         for (const char* call : {"tools::Any", "m_storage->", "m_metaInfoProvider->"}) {
             stored |= expression.rfind(call, 0) == 0;
         }
-        return nti::test::HasCheckRecord(
-            m_tracer->Lines(),
+        return m_tracer->HasCheckRecord(
             stored ? "network_traffic_interceptor/src/connection_counters_storage"
                    : "network_traffic_interceptor/src/connection_counters",
             expression, tail);
@@ -242,7 +205,7 @@ public:
     ImplPtr<nti::test::FakeNflogListenerFactory> m_factory =
         Create<nti::test::FakeNflogListenerFactory>();
     ImplPtr<nti::test::FakeDynamicRules> m_firewall = Create<nti::test::FakeDynamicRules>();
-    ImplPtr<RoundTripSerializer> m_serializer = Create<RoundTripSerializer>();
+    ImplPtr<nti::host::BinarySerializer> m_serializer = Create<nti::host::BinarySerializer>();
     ImplPtr<nti::test::FakeAllocator> m_allocator = Create<nti::test::FakeAllocator>();
     std::vector<dwi::network::NetworkInterface> m_interfaces;
     qor::result_t m_inventoryResult = 0;
@@ -253,10 +216,11 @@ class ConnectionCountersTest : public ::testing::Test, public ServiceHarness {};
 TEST_F(ConnectionCountersTest, StartsEmptyWithoutStoredValue) {
     m_storage->Put("Collectors", qor::ByteVector());  // an empty value is none
     const auto service = Make();
-    EXPECT_TRUE(HasLine(700,
-                        "ConnectionCounters: LoadCountersFromStorage: There's no any saved "
-                        "statistics"));
-    EXPECT_TRUE(HasLine(800, "ConnectionCounters: ConnectionCounters() <- m_outCollectors.size=0"));
+    EXPECT_TRUE(m_tracer->Has(700,
+                              "ConnectionCounters: LoadCountersFromStorage: There's no any saved "
+                              "statistics"));
+    EXPECT_TRUE(
+        m_tracer->Has(800, "ConnectionCounters: ConnectionCounters() <- m_outCollectors.size=0"));
     EXPECT_EQ(m_factory->Listener(), nullptr);
     EXPECT_EQ(m_timer->SetCount(), 0u);
 }
@@ -311,21 +275,12 @@ TEST_F(ConnectionCountersTest, FirstRegistrationCreatesAndStartsTheSource) {
     ASSERT_EQ(scheduled.size(), 1u);
     EXPECT_EQ(scheduled[0].period, 60000u);
 
-    const auto texts = m_tracer->Texts();
-    const std::vector<std::string> expected = {
-        "ConnectionCounters: RegisterCollector() id=1, periodAlignment=EpochStartDate, "
-        "period=60000",
-        "ConnectionCounters: StartCollectionForCollector() collector=1",
-        "ConnectionCounters: StartCollectionForCollector() <- ",
-        "ConnectionCounters: RegisterCollector: register new collector: 1, "
-        "periodAlignment=EpochStartDate, period=60000",
-        "ConnectionCounters: RegisterCollector() <- ",
-    };
-    auto at = texts.begin();
-    for (const auto& line : expected) {
-        at = std::find(at, texts.end(), line);
-        EXPECT_NE(at, texts.end()) << "missing or out of order: " << line;
-    }
+    EXPECT_TRUE(m_tracer->Has(800,
+                              "ConnectionCounters: RegisterCollector() id=1, "
+                              "periodAlignment=EpochStartDate, period=60000"));
+    EXPECT_TRUE(m_tracer->Has(800,
+                              "ConnectionCounters: RegisterCollector: register new collector: 1, "
+                              "periodAlignment=EpochStartDate, period=60000"));
 }
 
 TEST_F(ConnectionCountersTest, HarvestClosesTheTriggersIntervalAndReadHandsItOverOnce) {
@@ -363,7 +318,7 @@ TEST_F(ConnectionCountersTest, HarvestClosesTheTriggersIntervalAndReadHandsItOve
     ASSERT_EQ(next.size(), 1u);
     EXPECT_EQ(next[0].begin, intervals[0].end);
     EXPECT_TRUE(
-        HasLine(800, "ConnectionCounters: HarvestTimeUnsafe() collectorTrigger=1, cutMod=0"));
+        m_tracer->Has(800, "ConnectionCounters: HarvestTimeUnsafe() collectorTrigger=1, cutMod=0"));
 }
 
 // Every harvest reaches every collector, adding up, and closes only the
@@ -376,11 +331,11 @@ TEST_F(ConnectionCountersTest, EveryCollectorReceivesTheHarvestOnlyTheTriggerIsC
     Deliver(Out(1000));
     ASSERT_EQ(service->RegisterCollector(2, kRegistration, 30000), 0);
     qor::IRunnable* second = m_timer->Latest();
-    EXPECT_TRUE(HasLine(800,
-                        "ConnectionCounters: RegisterCollector() id=2, "
-                        "periodAlignment=CollectorRegistration, period=30000"));
+    EXPECT_TRUE(m_tracer->Has(800,
+                              "ConnectionCounters: RegisterCollector() id=2, "
+                              "periodAlignment=CollectorRegistration, period=30000"));
     EXPECT_TRUE(
-        HasLine(800, "ConnectionCounters: HarvestTimeUnsafe() collectorTrigger=2, cutMod=1"));
+        m_tracer->Has(800, "ConnectionCounters: HarvestTimeUnsafe() collectorTrigger=2, cutMod=1"));
     EXPECT_TRUE(Read(*service, 1).empty());  // received, not closed
 
     Deliver(Out(1000));
@@ -428,7 +383,8 @@ TEST_F(ConnectionCountersTest, SameParametersKeepTheCollectorOthersRestartIt) {
         ASSERT_EQ(scheduled.size(), 1u);
         EXPECT_EQ(scheduled[0].period, change.period);
         EXPECT_TRUE(Read(*service, 1).empty());  // the old intervals were dropped
-        EXPECT_TRUE(HasLine(800, "ConnectionCounters: RegisterCollector: unregister collector: 1"));
+        EXPECT_TRUE(
+            m_tracer->Has(800, "ConnectionCounters: RegisterCollector: unregister collector: 1"));
     }
     EXPECT_EQ(m_factory->Listeners().size(), 1u);
     EXPECT_EQ(m_factory->Listener()->Stops(), 0);
@@ -455,6 +411,7 @@ TEST_F(ConnectionCountersTest, LastUnregistrationStopsTheSourceAndRegistrationRe
     EXPECT_EQ(listener->Stops(), 1);
     ASSERT_EQ(m_firewall->Calls().size(), 2u);
     EXPECT_FALSE(m_firewall->Calls()[1].add);
+    EXPECT_EQ(m_firewall->Calls()[1].rules, m_firewall->Calls()[0].rules);
     EXPECT_TRUE(m_timer->Scheduled().empty());
 
     ASSERT_EQ(service->RegisterCollector(3, kEpoch, 60000), 0);
@@ -508,20 +465,15 @@ TEST_F(ConnectionCountersTest, IntervalsCarryTheGatewayOfTheConnectionsFamily) {
     intervals = Read(*service, 1);
     ASSERT_EQ(intervals.size(), 1u);
     EXPECT_EQ(Find(intervals[0], 1000)->gatewayIp, V4({192, 168, 1, 1}));
-    bool traced = false;
-    for (const auto& line : m_tracer->Lines()) {
-        traced |= line.level == 300 && line.text.find("UpdateGateways") != std::string::npos &&
-                  line.text.find("Can not obtain network interfaces") != std::string::npos;
-    }
-    EXPECT_TRUE(traced);
+    EXPECT_TRUE(m_tracer->Contains("UpdateGateways: Can not obtain network interfaces"));
 }
 
 TEST_F(ConnectionCountersTest, HarvestWithoutSourceOnlyTraces) {
     const auto service = Make();
     EXPECT_EQ(ConnectionCountersTestAccess::Harvest(*service, 5), 0);
-    EXPECT_TRUE(HasLine(800,
-                        "ConnectionCounters: HarvestTimeUnsafe() <- No collector registered, "
-                        "leaving"));
+    EXPECT_TRUE(m_tracer->Has(800,
+                              "ConnectionCounters: HarvestTimeUnsafe() <- No collector registered, "
+                              "leaving"));
 }
 
 // The timer waits for a running harvest, which needs the service's mutex: the
@@ -615,8 +567,7 @@ TEST_F(ConnectionCountersTest, DestructionCancelsStopsCutsAndSaves) {
     EXPECT_TRUE(m_timer->Scheduled().empty());
 
     // Collector 1 keeps the harvest's interval and the final cut.
-    EXPECT_EQ(Summary(m_serializer->Last()),
-              (std::vector<std::string>{"1/60000/0: 1 0", "2/30000/1: 1"}));
+    EXPECT_EQ(Summary(Saved()), (std::vector<std::string>{"1/60000/0: 1 0", "2/30000/1: 1"}));
     EXPECT_EQ(m_allocator->Outstanding(), 0);
 }
 
@@ -635,17 +586,18 @@ protected:
 
 TEST_F(ConnectionCountersPersistenceTest, RestoredCollectorsRunAndCanBeRead) {
     SaveTwoCollectors();
-    const Collectors saved = m_serializer->Last();
+    const Collectors saved = Saved();
     const std::uint64_t created = CurrentTime();
     const auto service = Make();
 
-    EXPECT_TRUE(HasLine(700,
-                        "ConnectionCounters: LoadCountersFromStorage: value.collector=1, "
-                        "bucket.data.readyCounters.size()=2"));
-    EXPECT_TRUE(HasLine(700,
-                        "ConnectionCounters: LoadCountersFromStorage: value.collector=2, "
-                        "bucket.data.readyCounters.size()=1"));
-    EXPECT_TRUE(HasLine(800, "ConnectionCounters: ConnectionCounters() <- m_outCollectors.size=2"));
+    EXPECT_TRUE(m_tracer->Has(700,
+                              "ConnectionCounters: LoadCountersFromStorage: value.collector=1, "
+                              "bucket.data.readyCounters.size()=2"));
+    EXPECT_TRUE(m_tracer->Has(700,
+                              "ConnectionCounters: LoadCountersFromStorage: value.collector=2, "
+                              "bucket.data.readyCounters.size()=1"));
+    EXPECT_TRUE(
+        m_tracer->Has(800, "ConnectionCounters: ConnectionCounters() <- m_outCollectors.size=2"));
     ASSERT_EQ(m_factory->Listeners().size(), 2u);
     EXPECT_EQ(m_factory->Listener()->Starts().size(), 1u);
     auto scheduled = m_timer->Scheduled();
@@ -675,29 +627,27 @@ TEST_F(ConnectionCountersPersistenceTest, OnlyCollectorsRegisteredAgainAreSavedA
     auto service = Make();
     EXPECT_EQ(service->RegisterCollector(1, kEpoch, 60000), 1);
     service.Reset();
-    EXPECT_TRUE(HasLine(700,
-                        "ConnectionCounters: MoveCountersToStorage: id=2, "
-                        "value.data.readyCounters.size()=2, value.registered=0"));
-    EXPECT_EQ(Summary(m_serializer->Last()), (std::vector<std::string>{"1/60000/0: 1 0 0"}));
+    EXPECT_TRUE(m_tracer->Has(700,
+                              "ConnectionCounters: MoveCountersToStorage: id=2, "
+                              "value.data.readyCounters.size()=2, value.registered=0"));
+    EXPECT_EQ(Summary(Saved()), (std::vector<std::string>{"1/60000/0: 1 0 0"}));
 
-    const std::size_t serialised = m_serializer->Count();
     m_log.Clear();
     Make().Reset();
-    EXPECT_TRUE(HasLine(700,
-                        "ConnectionCounters: MoveCountersToStorage: There's no any statistic "
-                        "for saving"));
+    EXPECT_TRUE(m_tracer->Has(700,
+                              "ConnectionCounters: MoveCountersToStorage: There's no any statistic "
+                              "for saving"));
     // Restored and never registered again: started, stopped, then deleted.
     EXPECT_EQ(m_log.Entries(),
               (std::vector<std::string>{"GetValue Collectors", "Listener Start",
                                         "SetRepeated 60000", "CancelAndWait", "Listener Stop",
                                         "DeleteValue Collectors", "Listener Stop"}));
     EXPECT_FALSE(m_storage->Value("Collectors").has_value());
-    EXPECT_EQ(m_serializer->Count(), serialised);
     m_tracer->Clear();
     const auto next = Make();
-    EXPECT_TRUE(HasLine(700,
-                        "ConnectionCounters: LoadCountersFromStorage: There's no any saved "
-                        "statistics"));
+    EXPECT_TRUE(m_tracer->Has(700,
+                              "ConnectionCounters: LoadCountersFromStorage: There's no any saved "
+                              "statistics"));
 }
 
 TEST_F(ConnectionCountersPersistenceTest, DamagedOrUnreadableValueStartsEmpty) {
@@ -725,11 +675,11 @@ TEST_F(ConnectionCountersPersistenceTest, DamagedOrUnreadableValueStartsEmpty) {
         c.damage(h);
         const auto service = h.Make();
         EXPECT_TRUE(h.HasCheckRecord(c.trace, "Cannot"));
-        EXPECT_TRUE(h.HasLine(800,
-                              "ConnectionCounters: ConnectionCounters() <- "
-                              "m_outCollectors.size=0"));
+        EXPECT_TRUE(h.m_tracer->Has(800,
+                                    "ConnectionCounters: ConnectionCounters() <- "
+                                    "m_outCollectors.size=0"));
         EXPECT_EQ(h.m_factory->Listener(), nullptr);
-        EXPECT_TRUE(c.failure.empty() || h.HasLine(300, c.failure));
+        EXPECT_TRUE(c.failure.empty() || h.m_tracer->Has(300, c.failure));
     }
 }
 
@@ -742,8 +692,7 @@ TEST_F(ConnectionCountersPersistenceTest, FailedSaveKeepsTheOldValue) {
         std::string expression;
         bool deleted;
     } cases[] = {
-        {"serialisation",
-         [](ServiceHarness& h) { h.m_serializer->FailSerialize(qor::errors::kInvalidType); },
+        {"serialisation", [](ServiceHarness& h) { h.m_allocator->FailAllocations(true); },
          "tools::AnyToBlob(sl, any, dataBlob)", false},
         {"delete", [](ServiceHarness& h) { h.m_storage->FailDelete(qor::errors::kAccessDenied); },
          "m_storage->DeleteValue(storageKey)", false},
@@ -763,7 +712,7 @@ TEST_F(ConnectionCountersPersistenceTest, FailedSaveKeepsTheOldValue) {
             "ConnectionCounters: ~ConnectionCounters: '(MoveCountersToStorage())="));
         EXPECT_EQ(m_storage->Value("Collectors"),
                   c.deleted ? std::nullopt : std::optional<qor::ByteVector>(old));
-        m_serializer->FailSerialize(0);
+        m_allocator->FailAllocations(false);
         m_storage->FailDelete(0);
         m_storage->FailSet(0);
     }
