@@ -1,19 +1,25 @@
-// NfQueueInterceptor lifecycle, channel configuration and verdicts, against
-// the kernel's NFQUEUE in a network namespace of the test's own.
+// NfQueueInterceptor lifecycle, channel configuration, verdicts and packets
+// through it, against the kernel's NFQUEUE in a network namespace of the
+// test's own.
 #include "network_traffic_interceptor/src/nfqueue_interceptor.h"
 // Before the kernel headers below: it brings the C library's own first.
 #include "network_traffic_interceptor/src/nfqueue_messages.h"
 
+#include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nfnetlink_queue.h>
+#include <net/if.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -97,6 +103,17 @@ std::string CheckRecord(const std::string& expression, const std::string& result
 
 std::string BoolRecord(const std::string& condition, const std::string& message) {
     return FileOf(condition) + ":#(" + condition + "),(bool) failed: result = false " + message;
+}
+
+constexpr const char* kUnspecified = "0x8000004b (Unspecified error)";
+
+// InputChannelFailed is `records`, then those of the input channel's failed set-up.
+std::vector<std::string> InputChannelFailed(std::vector<std::string> records) {
+    records.push_back(CheckRecord("InitNetLinkSocket(m_input.queueNumber, &m_input.socket)",
+                                  kUnspecified, "Cannot initialize input socket"));
+    records.push_back(
+        CheckRecord("InitNetLinkSocket()", kUnspecified, "Cannot initialize netlink m_socket"));
+    return records;
 }
 
 // IsSubsequence: `expected` appears in `actual` in order.
@@ -304,18 +321,13 @@ TEST_F(NfQueueInterceptorTest, KernelRefusesTheInputOrTheOutputQueue) {
         const Socket claim = ClaimQueue(kFirstQueue);
         ASSERT_TRUE(claim);
         EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000004b));
-        EXPECT_THAT(
-            Lines(300),
-            ElementsAre(
-                BoolRecord("ret >= 0",
-                           "Error received from netlink socket: Operation not permitted"),
-                CheckRecord(
-                    "Request( sock, BuildCfgRequest(buffer, NFQNL_CFG_CMD_BIND, queueNumber))",
-                    "0x8000004b (Unspecified error)", "Cannot configure netlink m_socket"),
-                CheckRecord("InitNetLinkSocket(m_input.queueNumber, &m_input.socket)",
-                            "0x8000004b (Unspecified error)", "Cannot initialize input socket"),
-                CheckRecord("InitNetLinkSocket()", "0x8000004b (Unspecified error)",
-                            "Cannot initialize netlink m_socket")));
+        EXPECT_EQ(Lines(300),
+                  InputChannelFailed(
+                      {BoolRecord("ret >= 0",
+                                  "Error received from netlink socket: Operation not permitted"),
+                       CheckRecord("Request( sock, BuildCfgRequest(buffer, NFQNL_CFG_CMD_BIND, "
+                                   "queueNumber))",
+                                   kUnspecified, "Cannot configure netlink m_socket")}));
         // The refused socket is closed at once.
         EXPECT_EQ(nti::test::OpenDescriptors(), descriptors + 1);
         EXPECT_EQ(m_interceptor->Stop(), 0);
@@ -325,10 +337,9 @@ TEST_F(NfQueueInterceptorTest, KernelRefusesTheInputOrTheOutputQueue) {
     const Socket claim = ClaimQueue(kFirstQueue + 1);
     ASSERT_TRUE(claim);
     EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000004b));
-    EXPECT_THAT(
-        Lines(300),
-        Contains(CheckRecord("InitNetLinkSocket(m_output.queueNumber, &m_output.socket)",
-                             "0x8000004b (Unspecified error)", "Cannot initialize output socket")));
+    EXPECT_THAT(Lines(300),
+                Contains(CheckRecord("InitNetLinkSocket(m_output.queueNumber, &m_output.socket)",
+                                     kUnspecified, "Cannot initialize output socket")));
     // The input channel stays open until Stop.
     EXPECT_EQ(nti::test::OpenDescriptors(), descriptors + 2);
     EXPECT_EQ(m_interceptor->Stop(), 0);
@@ -350,20 +361,13 @@ TEST_P(NfQueueChannelStepTest, FailedSend) {
     const std::string sendFailure =
         "SendMessage: Cannot send to netlink socket: Operation not permitted";
     const std::string requestFailure =
-        CheckRecord("SendMessage(socket, nlh)", "0x8000004b (Unspecified error)",
-                    "Cannot send netlink request");
+        CheckRecord("SendMessage(socket, nlh)", kUnspecified, "Cannot send netlink request");
     if (step.fatal) {
         EXPECT_EQ(Start(), static_cast<qor::result_t>(0x8000004b));
-        EXPECT_THAT(
-            Lines(300),
-            ElementsAre(
-                sendFailure, requestFailure,
-                CheckRecord(step.expression, "0x8000004b (Unspecified error)",
-                            "Cannot configure netlink m_socket"),
-                CheckRecord("InitNetLinkSocket(m_input.queueNumber, &m_input.socket)",
-                            "0x8000004b (Unspecified error)", "Cannot initialize input socket"),
-                CheckRecord("InitNetLinkSocket()", "0x8000004b (Unspecified error)",
-                            "Cannot initialize netlink m_socket")));
+        EXPECT_EQ(Lines(300),
+                  InputChannelFailed({sendFailure, requestFailure,
+                                      CheckRecord(step.expression, kUnspecified,
+                                                  "Cannot configure netlink m_socket")}));
         // Nothing is sent after a fatal step.
         EXPECT_EQ(m_interceptor->AllSent().size(), step.position);
     } else {
@@ -378,8 +382,7 @@ TEST_P(NfQueueChannelStepTest, FailedSend) {
                                         ? "Kernel doesn't support GSO handling capabilities!"
                                         : "Failed to increase NFQUEUE max length";
         EXPECT_THAT(warnings, ElementsAre("InitNetLinkSocket: " +
-                                          CheckRecord(step.expression,
-                                                      "0x8000004b (Unspecified error)", message)));
+                                          CheckRecord(step.expression, kUnspecified, message)));
         EXPECT_EQ(m_interceptor->Messages(NFQNL_MSG_CONFIG).size(), 16u);
         EXPECT_EQ(m_interceptor->Stop(), 0);
     }
@@ -417,13 +420,9 @@ TEST_F(NfQueueInterceptorTest, NoDescriptorLeftForTheSocket) {
     const qor::result_t result = Start();
     setrlimit(RLIMIT_NOFILE, &saved);
     EXPECT_EQ(result, static_cast<qor::result_t>(0x8000004b));
-    EXPECT_THAT(
-        Lines(300),
-        ElementsAre("InitNetLinkSocket: Cannot open netlink m_socket: Too many open files",
-                    CheckRecord("InitNetLinkSocket(m_input.queueNumber, &m_input.socket)",
-                                "0x8000004b (Unspecified error)", "Cannot initialize input socket"),
-                    CheckRecord("InitNetLinkSocket()", "0x8000004b (Unspecified error)",
-                                "Cannot initialize netlink m_socket")));
+    EXPECT_EQ(Lines(300),
+              InputChannelFailed(
+                  {"InitNetLinkSocket: Cannot open netlink m_socket: Too many open files"}));
 }
 
 TEST_F(NfQueueInterceptorTest, RuleFailureEndsThePollThreadOnly) {
@@ -611,6 +610,180 @@ TEST_F(NfQueueInterceptorTest, ConcurrentVerdictsAllArrive) {
     for (std::uint32_t i = 0; i < ids.size(); ++i) {
         ASSERT_EQ(ids[i], i);
     }
+}
+
+// --- Traffic: loopback UDP to kPort, queued by iptables rules ------------------
+
+constexpr std::uint16_t kPort = 9999;
+
+// IptablesRules installs queue rules for UDP to kPort on loopback: selector 0
+// in INPUT, 1 in OUTPUT.
+class IptablesRules : public qor::object::Ifaces<fw::IDynamicRules> {
+public:
+    qor::result_t AddRules(const fw::Rules& rules, const char*) noexcept override {
+        return Apply(rules, "-A");
+    }
+    qor::result_t RemoveRules(const fw::Rules& rules) noexcept override {
+        return Apply(rules, "-D");
+    }
+    int Added() const {
+        std::lock_guard lock(m_mutex);
+        return m_added;
+    }
+
+private:
+    qor::result_t Apply(const fw::Rules& rules, const std::string& op) {
+        std::lock_guard lock(m_mutex);
+        for (const auto& r : rules) {
+            const auto& rule = std::get<fw::kQueueRuleIndex>(r);
+            const bool out = rule.direction == fw::kOutbound;
+            const std::string command =
+                "iptables " + op + (out ? " OUTPUT -o lo" : " INPUT -i lo") + " -p udp --dport " +
+                std::to_string(kPort) + " -j NFQUEUE --queue-num " +
+                std::to_string(rule.queueNumber);
+            if (std::system(command.c_str()) != 0) {
+                return qor::errors::kUnspecified;
+            }
+        }
+        m_added += op == "-A" ? 1 : 0;
+        return 0;
+    }
+
+    mutable std::mutex m_mutex;
+    int m_added = 0;
+};
+
+// Udp is a datagram socket for 127.0.0.1:kPort.
+class Udp {
+public:
+    Udp() : m_fd(socket(AF_INET, SOCK_DGRAM, 0)) {}
+    ~Udp() { close(m_fd); }
+    Udp(const Udp&) = delete;
+    Udp& operator=(const Udp&) = delete;
+
+    bool Bind() {
+        const sockaddr_in a = Address();
+        return bind(m_fd, reinterpret_cast<const sockaddr*>(&a), sizeof(a)) == 0;
+    }
+    bool Send(const std::string& text) {
+        const sockaddr_in a = Address();
+        return sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&a),
+                      sizeof(a)) == static_cast<ssize_t>(text.size());
+    }
+    // Receive waits up to `seconds` for one datagram.
+    std::string Receive(int seconds = 10) {
+        timeval timeout{seconds, 0};
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+        char buf[256];
+        const ssize_t n = recv(m_fd, buf, sizeof(buf), 0);
+        return n >= 0 ? std::string(buf, static_cast<std::size_t>(n)) : "<nothing>";
+    }
+
+private:
+    static sockaddr_in Address() {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(kPort);
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return a;
+    }
+    int m_fd;
+};
+
+class TrafficTest : public NfQueueInterceptorTest {
+protected:
+    void SetUp() override {
+        NfQueueInterceptorTest::SetUp();
+        ASSERT_FALSE(HasFatalFailure());
+        ASSERT_EQ(std::system("ip link set lo up"), 0);
+        m_interceptor = Create<WatchedInterceptor>(
+            m_locator.Get(), m_tracer.Get(), qor::RefPtr<fw::IDynamicRules>(m_iptables.Get()));
+        ASSERT_TRUE(m_receiver.Bind());
+        fw::Filter filter(2);
+        filter[1].direction = fw::kOutbound;
+        ASSERT_EQ(Start(filter), 0);
+        ASSERT_TRUE(Eventually([&] { return m_iptables->Added() == 1; }));
+    }
+
+    ImplPtr<IptablesRules> m_iptables = Create<IptablesRules>();
+    Udp m_receiver;
+    Udp m_sender;
+};
+
+TEST_F(TrafficTest, AllowedPacketPassesBothQueues) {
+    ASSERT_TRUE(m_sender.Send("hello"));
+    EXPECT_EQ(m_receiver.Receive(), "hello");
+    ASSERT_TRUE(m_callback->WaitForPackets(2, std::chrono::seconds(10)));
+    const auto packets = m_callback->Packets();
+    const auto lo = if_nametoindex("lo");
+    // OUTPUT comes first, on the output queue.
+    EXPECT_EQ(packets[0].packet.queue, 2u);
+    EXPECT_EQ(packets[0].packet.outdev, lo);
+    EXPECT_EQ(packets[0].packet.indev, 0u);
+    EXPECT_EQ(packets[1].packet.queue, 1u);
+    EXPECT_EQ(packets[1].packet.indev, lo);
+    for (const auto& seen : packets) {
+        EXPECT_EQ(seen.presetVerdict, ni::Verdict::ALLOW);
+        EXPECT_FALSE(seen.packet.payloadChanged);
+        ASSERT_EQ(seen.payload.size(), 20u + 8u + 5u);
+        EXPECT_EQ(seen.payload[0], 0x45);
+        EXPECT_EQ(seen.payload[9], 17);
+        EXPECT_EQ(std::string(seen.payload.begin() + 28, seen.payload.end()), "hello");
+    }
+}
+
+TEST_F(TrafficTest, FailedCallbackThatDropsStillDrops) {
+    m_callback->Answer(ni::Verdict::DROP, qor::errors::kUnspecified);
+    ASSERT_TRUE(m_sender.Send("drop me"));
+    ASSERT_TRUE(m_callback->WaitForPackets(1, std::chrono::seconds(10)));
+    EXPECT_EQ(m_receiver.Receive(1), "<nothing>");
+    EXPECT_EQ(m_callback->Packets().size(), 1u);
+    EXPECT_TRUE(m_tracer->Has(
+        500,
+        "NfQueueInterceptor: NewPacketReceived: network_traffic_interceptor/src/"
+        "nfqueue_threads:#(m_eventCallback->OnPacketReceived(packet, verdict)),"
+        "(QOR_SUCCEEDED(_result)) failed: result = 0x8000004b (Unspecified error) Cannot "
+        "process packet " +
+            std::to_string(m_callback->Packets()[0].packet.id)));
+}
+
+TEST_F(TrafficTest, LaterVerdictGivenAfterwards) {
+    m_callback->Answer(ni::Verdict::LATER);
+    ASSERT_TRUE(m_sender.Send("later"));
+    ASSERT_TRUE(m_callback->WaitForPackets(1, std::chrono::seconds(10)));
+    ni::Packet packet = m_callback->Packets()[0].packet;
+    packet.payloadBegin = packet.payloadEnd = nullptr;
+    m_callback->Answer(ni::Verdict::ALLOW);
+    EXPECT_EQ(m_interceptor->SetVerdict(packet, 0), 0);
+    EXPECT_EQ(m_receiver.Receive(), "later");
+    EXPECT_EQ(m_callback->Packets().size(), 2u);
+}
+
+TEST_F(TrafficTest, RepeatRunsThePacketThroughTheHookAgainAndAChangedPayloadIsDelivered) {
+    int repeats = 1;
+    m_callback->SetHook([&](ni::Packet& packet, ni::Verdict& verdict) {
+        if (packet.queue != 2) {
+            return;
+        }
+        if (repeats > 0) {
+            --repeats;
+            verdict = ni::Verdict::REPEAT;
+            return;
+        }
+        // Upper-case the datagram and drop the UDP checksum, which IPv4 allows.
+        for (std::uint8_t* p = packet.payloadBegin + 28; p < packet.payloadEnd; ++p) {
+            *p = static_cast<std::uint8_t>(std::toupper(*p));
+        }
+        packet.payloadBegin[26] = packet.payloadBegin[27] = 0;
+        packet.payloadChanged = true;
+    });
+    ASSERT_TRUE(m_sender.Send("again"));
+    EXPECT_EQ(m_receiver.Receive(), "AGAIN");
+    ASSERT_TRUE(m_callback->WaitForPackets(3, std::chrono::seconds(10)));
+    const auto packets = m_callback->Packets();
+    EXPECT_EQ(packets[0].packet.queue, 2u);
+    EXPECT_EQ(packets[1].packet.queue, 2u);
+    EXPECT_EQ(packets[2].packet.queue, 1u);
 }
 
 }  // namespace
