@@ -179,25 +179,4 @@ TYPED_TEST(NotifierTest, ExhaustedDescriptorTableThrowsWithoutLeaks) {
     }
 }
 
-TEST(PipeNotifierTest, FullPipeBlocksNotifyUntilDrained) {
-    PipeDescriptorNotifier n(false);
-    const int size = ::fcntl(n.GetDescriptor(), F_SETPIPE_SZ, 4096);
-    ASSERT_GT(size, 0);
-    for (int i = 0; i < size; ++i) {
-        ASSERT_EQ(n.Notify(), 0);
-    }
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        EXPECT_EQ(n.Notify(), 0);
-        done = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(done);
-    for (int i = 0; i < size; ++i) {
-        EXPECT_EQ(n.Reset(), 0);
-    }
-    writer.join();  // its byte went in once the page was read empty
-    EXPECT_TRUE(Readable(n.GetDescriptor()));
-}
-
 }  // namespace

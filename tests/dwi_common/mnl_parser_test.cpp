@@ -232,6 +232,27 @@ TEST_P(MnlParserShapeTest, KeepsWhatTheMessageHolds) {
 INSTANTIATE_TEST_SUITE_P(Shapes, MnlParserShapeTest, ::testing::ValuesIn(kShapes),
                          [](const auto& test) { return std::string(test.param.name); });
 
+// The NFQUEUE checker takes each attribute it knows at its one length only
+// (ERANGE otherwise) and leaves the header and the payload unchecked.
+TEST(NfqueueAttributeCheckerTest, AcceptsOnlyTheKernelsLengths) {
+    const std::pair<int, std::uint16_t> lengths[] = {
+        {NFQA_MARK, 4},           {NFQA_TIMESTAMP, 16},        {NFQA_IFINDEX_INDEV, 4},
+        {NFQA_IFINDEX_OUTDEV, 4}, {NFQA_IFINDEX_PHYSINDEV, 4}, {NFQA_IFINDEX_PHYSOUTDEV, 4},
+        {NFQA_HWADDR, 12}};
+    const auto& checker = NfqueueAttributeChecker();
+    EXPECT_EQ(checker.size(), std::size(lengths));
+    for (const auto& [type, length] : lengths) {
+        for (const int size : {0, length - 1, length + 1, length + 4, int{length}}) {
+            auto buf = Message().Raw(4 + size, static_cast<std::uint16_t>(4 + size)).Bytes();
+            auto* attr = reinterpret_cast<nlattr*>(buf.data() + 20);
+            attr->nla_type = static_cast<std::uint16_t>(type);
+            errno = 0;
+            EXPECT_EQ(checker.at(type)(attr), size == length ? 0 : -1) << type << " " << size;
+            EXPECT_EQ(errno, size == length ? 0 : ERANGE);
+        }
+    }
+}
+
 TEST_F(MnlParserTest, CheckerOfTheHighestTypeApplies) {
     const MnlParser::Checker rejectHighest = {{3, [](const nlattr*) { return -1; }}};
     EXPECT_EQ(Parse(Message().U32(3, 1).Bytes(), 3, &rejectHighest), -1);
