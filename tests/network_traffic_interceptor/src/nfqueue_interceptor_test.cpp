@@ -19,7 +19,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,6 +27,7 @@
 #include <gtest/gtest.h>
 
 #include "dwi_common/mnl_socket.h"
+#include "host/services/iptables_rules.h"
 #include "host/services/service_locator.h"
 #include "tests/fakes/fake_dynamic_rules.h"
 #include "tests/fakes/fake_nfqueue_query.h"
@@ -258,13 +258,8 @@ TEST_F(NfQueueInterceptorTest, SelectorsChooseTheQueueAndTheOutputQueueWrapsToZe
     const fw::Rules rules = m_rules->Calls()[0].rules;
     ASSERT_EQ(rules.size(), 4u);
     for (std::size_t i = 0; i < rules.size(); ++i) {
-        ASSERT_EQ(rules[i].index(), fw::kQueueRuleIndex);
-        const auto& rule = std::get<fw::kQueueRuleIndex>(rules[i]);
-        EXPECT_EQ(rule.direction, i);
-        EXPECT_EQ(rule.queueNumber, i % 2 == 0 ? 65535 : 0) << "selector " << i;
-        EXPECT_EQ(rule.protocol, 17);
-        EXPECT_EQ(rule.remotePorts.first, 53);
-        EXPECT_EQ(rule.interfaceName, "veth" + std::to_string(i));
+        filter[i].queueNumber = i % 2 == 0 ? 65535 : 0;
+        EXPECT_EQ(rules[i], fw::Rule(filter[i])) << "selector " << i;
     }
     const auto config = m_interceptor->Messages(NFQNL_MSG_CONFIG);
     ASSERT_EQ(config.size(), 16u);
@@ -616,43 +611,6 @@ TEST_F(NfQueueInterceptorTest, ConcurrentVerdictsAllArrive) {
 
 constexpr std::uint16_t kPort = 9999;
 
-// IptablesRules installs queue rules for UDP to kPort on loopback: selector 0
-// in INPUT, 1 in OUTPUT.
-class IptablesRules : public qor::object::Ifaces<fw::IDynamicRules> {
-public:
-    qor::result_t AddRules(const fw::Rules& rules, const char*) noexcept override {
-        return Apply(rules, "-A");
-    }
-    qor::result_t RemoveRules(const fw::Rules& rules) noexcept override {
-        return Apply(rules, "-D");
-    }
-    int Added() const {
-        std::lock_guard lock(m_mutex);
-        return m_added;
-    }
-
-private:
-    qor::result_t Apply(const fw::Rules& rules, const std::string& op) {
-        std::lock_guard lock(m_mutex);
-        for (const auto& r : rules) {
-            const auto& rule = std::get<fw::kQueueRuleIndex>(r);
-            const bool out = rule.direction == fw::kOutbound;
-            const std::string command =
-                "iptables " + op + (out ? " OUTPUT -o lo" : " INPUT -i lo") + " -p udp --dport " +
-                std::to_string(kPort) + " -j NFQUEUE --queue-num " +
-                std::to_string(rule.queueNumber);
-            if (std::system(command.c_str()) != 0) {
-                return qor::errors::kUnspecified;
-            }
-        }
-        m_added += op == "-A" ? 1 : 0;
-        return 0;
-    }
-
-    mutable std::mutex m_mutex;
-    int m_added = 0;
-};
-
 // Udp is a datagram socket for 127.0.0.1:kPort.
 class Udp {
 public:
@@ -690,22 +648,33 @@ private:
     int m_fd;
 };
 
+// TrafficTest queues UDP to kPort on loopback, in and out, through the host's
+// iptables rules.
 class TrafficTest : public NfQueueInterceptorTest {
 protected:
     void SetUp() override {
         NfQueueInterceptorTest::SetUp();
         ASSERT_FALSE(HasFatalFailure());
         ASSERT_EQ(std::system("ip link set lo up"), 0);
+        ASSERT_EQ(m_iptables->Initialize(), 0);
         m_interceptor = Create<WatchedInterceptor>(
             m_locator.Get(), m_tracer.Get(), qor::RefPtr<fw::IDynamicRules>(m_iptables.Get()));
         ASSERT_TRUE(m_receiver.Bind());
         fw::Filter filter(2);
-        filter[1].direction = fw::kOutbound;
+        for (const std::uint32_t direction : {fw::kInbound, fw::kOutbound}) {
+            fw::QueueRule& rule = filter[direction];
+            rule.direction = direction;
+            rule.family = 4;
+            rule.protocol = 17;
+            rule.interfaceName = "lo";
+            (direction == fw::kOutbound ? rule.remotePorts : rule.localPorts) = {kPort, kPort};
+        }
         ASSERT_EQ(Start(filter), 0);
-        ASSERT_TRUE(Eventually([&] { return m_iptables->Added() == 1; }));
+        ASSERT_TRUE(Eventually([&] { return m_iptables->InstalledCount() == 2; }));
     }
 
-    ImplPtr<IptablesRules> m_iptables = Create<IptablesRules>();
+    ImplPtr<nti::host::IptablesRules> m_iptables = Create<nti::host::IptablesRules>(
+        nti::host::FirewallOptions{}, qor::RefPtr<qor::ITracer>(m_tracer.Get()));
     Udp m_receiver;
     Udp m_sender;
 };
