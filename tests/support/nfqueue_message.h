@@ -1,6 +1,7 @@
 // NfqueuePacket builds NFQUEUE packet messages with libmnl, laid out as the
 // kernel sends them: nfgenmsg, then the attributes in the kernel's order,
-// integers in network order, every attribute padded to 4 bytes.
+// integers in network order, every attribute padded to 4 bytes. Hex and
+// AsBytes give the bytes that message tests compare.
 #pragma once
 
 #include <arpa/inet.h>
@@ -10,12 +11,37 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <cctype>
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace nti::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// Hex reads the hex digits of `text`, two to a byte, skipping anything else.
+inline Bytes Hex(std::string_view text) {
+    Bytes bytes;
+    std::string digits;
+    for (const char c : text) {
+        if (std::isxdigit(static_cast<unsigned char>(c)) != 0) {
+            digits.push_back(c);
+        }
+    }
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
+        bytes.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+inline Bytes AsBytes(const nlmsghdr* nlh) {
+    const auto* p = reinterpret_cast<const std::uint8_t*>(nlh);
+    return Bytes(p, p + nlh->nlmsg_len);
+}
 
 struct NfqueuePacket {
     std::uint32_t id = 1;

@@ -33,6 +33,7 @@
 #include "tests/fakes/fake_nfqueue_query.h"
 #include "tests/fakes/fake_packet_event_callback.h"
 #include "tests/fakes/private_netns.h"
+#include "tests/support/nfqueue_message.h"
 #include "tests/support/recording_tracer.h"
 #include "tests/support/watched_interceptor.h"
 
@@ -40,6 +41,7 @@ namespace {
 
 namespace ni = dwi::network_interceptor;
 namespace fw = dwi::firewall;
+using nti::test::AsBytes;
 using nti::test::Bytes;
 using nti::test::Eventually;
 using nti::test::WatchedInterceptor;
@@ -56,11 +58,6 @@ constexpr std::uint16_t kFirstQueue = 100;
 // Before main: no socket of the test may come from the machine's namespace.
 const std::string kNetnsFailure = nti::test::EnterPrivateNetns();
 constexpr const char* kPrefix = "NfQueueInterceptor: ";
-
-Bytes AsBytes(const nlmsghdr* nlh) {
-    const auto* p = reinterpret_cast<const std::uint8_t*>(nlh);
-    return Bytes(p, p + nlh->nlmsg_len);
-}
 
 // The configuration of one channel, in the order it is sent.
 std::vector<Bytes> ChannelConfiguration(std::uint16_t queue) {

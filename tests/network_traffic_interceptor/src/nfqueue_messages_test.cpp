@@ -23,25 +23,9 @@
 namespace {
 
 namespace ni = dwi::network_interceptor;
-using Bytes = std::vector<std::uint8_t>;
-
-Bytes AsBytes(const nlmsghdr* nlh) {
-    const auto* p = reinterpret_cast<const std::uint8_t*>(nlh);
-    return Bytes(p, p + nlh->nlmsg_len);
-}
-
-Bytes Hex(const std::string& text) {
-    Bytes bytes;
-    for (std::size_t i = 0; i + 1 < text.size();) {
-        if (text[i] == ' ') {
-            ++i;
-            continue;
-        }
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-        i += 2;
-    }
-    return bytes;
-}
+using nti::test::AsBytes;
+using nti::test::Bytes;
+using nti::test::Hex;
 
 // Expected is a whole message: netlink header with its final length, nfgenmsg,
 // then `attributes` (hex: length, type, payload of each).

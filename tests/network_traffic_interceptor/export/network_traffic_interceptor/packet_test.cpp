@@ -13,25 +13,13 @@
 #include <vector>
 
 #include "qor/exception.h"
+#include "tests/support/nfqueue_message.h"
 
 namespace dwi::network_interceptor {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
-Bytes Hex(std::string_view text) {
-    Bytes bytes;
-    std::string digits;
-    for (const char c : text) {
-        if (std::isxdigit(static_cast<unsigned char>(c)) != 0) {
-            digits.push_back(c);
-        }
-    }
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    }
-    return bytes;
-}
+using nti::test::Bytes;
+using nti::test::Hex;
 
 ByteRange Range(const Bytes& bytes) {
     static const std::uint8_t kEmpty = 0;
