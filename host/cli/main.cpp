@@ -1,6 +1,5 @@
 // nti: the host program for the network traffic interceptor module.
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <iostream>
 #include <map>
 
@@ -126,17 +125,7 @@ int RunNti(int argc, char** argv) {
         if (!sub->parsed()) {
             continue;
         }
-        // Unwinding removes the rules; a cleanup still registered here belongs
-        // to an object something kept alive, and runs before the process ends.
-        try {
-            return runner(options);
-        } catch (const std::exception& e) {
-            std::fprintf(stderr, "nti: %s\n", e.what());
-        } catch (...) {
-            std::fprintf(stderr, "nti: unknown exception\n");
-        }
-        RunExitCleanups();
-        return kExitFailure;
+        return RunCleaningUp([&] { return runner(options); }, kExitFailure);
     }
     return kExitUsage;
 }
@@ -146,12 +135,5 @@ int RunNti(int argc, char** argv) {
 // An exception while nti sets itself up ends it with the failure status and
 // a message, not with std::terminate's abort.
 int main(int argc, char** argv) {
-    try {
-        return RunNti(argc, argv);
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "nti: %s\n", e.what());
-    } catch (...) {
-        std::fprintf(stderr, "nti: unknown exception\n");
-    }
-    return nti::host::kExitFailure;
+    return nti::host::RunCleaningUp([&] { return RunNti(argc, argv); }, nti::host::kExitFailure);
 }

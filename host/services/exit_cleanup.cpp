@@ -1,6 +1,7 @@
 #include "host/services/exit_cleanup.h"
 
 #include <chrono>
+#include <cstdio>
 #include <exception>
 #include <mutex>
 #include <utility>
@@ -56,6 +57,18 @@ void RunExitCleanups() noexcept {
             }
         }
     }
+}
+
+int RunCleaningUp(const std::function<int()>& run, int failure) noexcept {
+    try {
+        return run();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "nti: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "nti: unknown exception\n");
+    }
+    RunExitCleanups();
+    return failure;
 }
 
 void InstallTerminateCleanup() {

@@ -24,6 +24,12 @@ private:
 // objects' own destructors then find nothing left to undo.
 void RunExitCleanups() noexcept;
 
+// RunCleaningUp returns what `run` returns. An exception escaping it is
+// written to standard error as "nti: <what>", the registered cleanups run
+// (an object the unwinding did not release still holds its rules), and
+// `failure` is returned.
+[[nodiscard]] int RunCleaningUp(const std::function<int()>& run, int failure) noexcept;
+
 // InstallTerminateCleanup makes std::terminate run the cleanups before the
 // process aborts.
 void InstallTerminateCleanup();
