@@ -1,6 +1,7 @@
 // nti intercept end to end: each test builds its own pair of namespaces and
 // runs nti inside the "dut" one, with traffic from "gen".
 #include <gtest/gtest.h>
+#include <nftables/libnftables.h>
 #include <signal.h>
 #include <sys/socket.h>
 
@@ -22,6 +23,7 @@ using namespace std::chrono_literals;
 using host::NetnsPair;
 using host::Program;
 using host::RunIn;
+using host::ScopedNetnsEnter;
 using host::UdpSocket;
 using Clock = std::chrono::steady_clock;
 
@@ -130,6 +132,25 @@ protected:
         }
         return left;
     }
+    // OwnIp6Filter replaces the dut's ip6 filter table by one holding nti's
+    // chains and jumps, owned by a socket of this process: nti finds nothing
+    // to set up there, and the kernel refuses its rules as it would in a
+    // table another program owns.
+    std::unique_ptr<nft_ctx, void (*)(nft_ctx*)> OwnIp6Filter() const {
+        ScopedNetnsEnter in(m_net->Dut());
+        std::unique_ptr<nft_ctx, void (*)(nft_ctx*)> owner(nft_ctx_new(NFT_CTX_DEFAULT),
+                                                           nft_ctx_free);
+        EXPECT_EQ(nft_run_cmd_from_buffer(
+                      owner.get(),
+                      "add table ip6 filter; delete table ip6 filter; "
+                      "table ip6 filter { flags owner; chain NTI_IN {}; chain NTI_OUT {}; "
+                      "chain NTI_FWD {}; "
+                      "chain INPUT { type filter hook input priority 0; jump NTI_IN; }; "
+                      "chain OUTPUT { type filter hook output priority 0; jump NTI_OUT; }; "
+                      "chain FORWARD { type filter hook forward priority 0; jump NTI_FWD; }; }"),
+                  0);
+        return owner;
+    }
     // WaitForRules waits until the firewall holds a rule of nti.
     bool WaitForRules() const {
         for (const auto end = Clock::now() + 10s; Clock::now() < end;) {
@@ -200,13 +221,14 @@ TEST_F(InterceptTest, MarkAndRewrittenPayloadReachTheKernel) {
 
 // Every way a fail-closed run can end, with either firewall: afterwards no
 // rule, chain, jump or table of nti is left, no queue is bound and the traffic
-// it selected flows. After SIGKILL the kernel deletes an nftables table with
-// its socket; iptables rules stay until the next start sweeps them.
+// it selected flows. A firewall that refuses the rules ends the run with the
+// failure status and a message. After SIGKILL the kernel deletes an nftables
+// table with its socket; iptables rules stay until the next start sweeps them.
 TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
     struct Ending {
         const char* command;
-        const char* name;
-        int signo;  // 0: the run ends by itself, -1: its output is closed
+        const char* name;  // refused rules: what nti says
+        int signo;         // 0: the run ends by itself, -1: its output is closed, -2: rules refused
         std::vector<std::string> args;
         int exitCode;
     };
@@ -222,8 +244,11 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
         {"intercept", "count", 0, {"--quiet", "--count", "20"}, 0},
         {"intercept", "duration", 0, {"--quiet", "--duration", "0.5"}, 0},
         {"intercept", "SIGKILL", SIGKILL, {"--quiet"}, 128 + SIGKILL},
+        // Refused on the poll thread, after the IPv4 rules went in.
+        {"intercept", "the firewall rules were not installed", -2, {"--quiet"}, 1},
         {"stats", "SIGHUP", SIGHUP, {}, 0},
         {"stats", "closed output", -1, {}, 0},
+        {"stats", "nti stats: cannot", -2, {}, 1},
         {"stats", "SIGKILL", SIGKILL, {}, 128 + SIGKILL},
     };
     auto sink = Socket(true, 5000);
@@ -246,10 +271,18 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
                 std::printf("skipped: %s %s: %s\n", e.command, e.name, said.c_str());
                 continue;
             }
+            const bool refused = e.signo == -2;
+            if (refused && nft) {
+                continue;  // nftables rules go to a table of nti's own
+            }
+            std::unique_ptr<nft_ctx, void (*)(nft_ctx*)> owner(nullptr, nft_ctx_free);
+            if (refused) {
+                owner = OwnIp6Filter();
+            }
             std::vector<std::string> args = e.command == std::string("stats") ? stats : queue;
             args.insert(args.end(), e.args.begin(), e.args.end());
             Program nti(NtiArgv(args, firewall, e.command));
-            ASSERT_TRUE(WaitForRules()) << nti.Error();
+            ASSERT_TRUE(refused || WaitForRules()) << nti.Error();
             std::atomic<bool> stop{false};
             std::thread traffic([&] {
                 for (const auto end = Clock::now() + 5s; !stop && Clock::now() < end;) {
@@ -260,13 +293,15 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
             std::this_thread::sleep_for(300ms);
             if (e.signo > 0) {
                 nti.Signal(e.signo);
-            } else if (e.signo < 0) {
+            } else if (e.signo == -1) {
                 nti.CloseOutput();
             }
             const int exitCode = nti.Wait(10s);
             stop = true;
             traffic.join();
             EXPECT_EQ(exitCode, e.exitCode) << nti.Error();
+            EXPECT_TRUE(!refused || nti.Error().find(e.name) != std::string::npos) << nti.Error();
+            owner.reset();  // the kernel deletes the table with its socket
             std::string payload;
             while (sink->Receive(payload, 50ms)) {
             }
@@ -282,6 +317,14 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
             RunIn(m_net->Dut(), {"cat", "/proc/net/netfilter/nfnetlink_queue"}, &queues);
             EXPECT_EQ(queues, "");
             EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 1), 1);
+            if (e.signo == -1 && e.command == std::string("stats")) {
+                // It printed what earlier runs saved when it began: what the
+                // next run restores is the interval it saved at its end.
+                Program next(NtiArgv({"--period", "100ms", "--json", "--intervals", "1"}, firewall,
+                                     e.command));
+                EXPECT_EQ(next.Wait(10s), 0) << next.Error();
+                EXPECT_GE(Count(next.OutputLines(), {"\"restored\":true"}), 1u);
+            }
         }
     }
 }
