@@ -11,7 +11,6 @@ namespace nti::host {
 namespace {
 
 struct Cleanups {
-    // Timed: a thread that terminates while another holds the lock must not hang.
     std::timed_mutex mutex;
     std::list<std::function<void()>> entries;
 };
@@ -43,8 +42,15 @@ ExitCleanup::~ExitCleanup() {
     Registry().entries.erase(m_entry);
 }
 
+std::unique_lock<std::timed_mutex> LockOnTheWayOut(std::timed_mutex& mutex) {
+    // A deadline on the system clock waits in pthread_mutex_timedlock, which
+    // ThreadSanitizer sees; a relative timeout waits in pthread_mutex_clocklock,
+    // which it does not, and it then reports the unlock as one without a lock.
+    return std::unique_lock(mutex, std::chrono::system_clock::now() + std::chrono::seconds(2));
+}
+
 void RunExitCleanups() noexcept {
-    std::unique_lock lock(Registry().mutex, std::chrono::seconds(2));
+    std::unique_lock lock = LockOnTheWayOut(Registry().mutex);
     if (!lock.owns_lock()) {
         return;
     }

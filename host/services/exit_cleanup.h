@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <list>
+#include <mutex>
 
 namespace nti::host {
 
@@ -19,6 +20,10 @@ public:
 private:
     std::list<std::function<void()>>::iterator m_entry;
 };
+
+// LockOnTheWayOut locks `mutex` within 2 s, or gives up: a thread that ends
+// the process while another holds it must not hang.
+[[nodiscard]] std::unique_lock<std::timed_mutex> LockOnTheWayOut(std::timed_mutex& mutex);
 
 // RunExitCleanups runs every registered cleanup once; later calls and the
 // objects' own destructors then find nothing left to undo.

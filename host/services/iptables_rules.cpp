@@ -27,7 +27,7 @@ IptablesRules::IptablesRules(FirewallOptions options, qor::RefPtr<qor::ITracer> 
       m_tracer(std::move(tracer)),
       m_owner(::getpid()),
       m_exitCleanup([this] {
-          std::unique_lock lock(m_mutex, std::chrono::seconds(2));
+          std::unique_lock lock = LockOnTheWayOut(m_mutex);
           if (lock.owns_lock()) {
               RemoveEverything();
           }
