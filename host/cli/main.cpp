@@ -125,7 +125,7 @@ int RunNti(int argc, char** argv) {
         if (!sub->parsed()) {
             continue;
         }
-        return RunCleaningUp([&] { return runner(options); }, kExitFailure);
+        return RunCleaningUp([&run = runner, &options] { return run(options); }, kExitFailure);
     }
     return kExitUsage;
 }
