@@ -11,12 +11,10 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
 #include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "host/fixture/netns.h"
@@ -87,31 +85,14 @@ inline void Veth(const VethEnd& a, const VethEnd& b) {
 // opens meanwhile belong to `ns`; /sys still shows the original namespace.
 class ScopedNetNs {
 public:
-    explicit ScopedNetNs(const NetNs& ns) : m_original(open("/proc/thread-self/ns/net", O_RDONLY)) {
-        const int target = open(ns.Path().c_str(), O_RDONLY);
-        const bool entered = target >= 0 && m_original >= 0 && setns(target, CLONE_NEWNET) == 0;
-        if (target >= 0) {
-            close(target);
-        }
-        if (!entered) {
-            if (m_original >= 0) {
-                close(m_original);
-            }
-            throw std::runtime_error("cannot enter " + ns.Name());
+    explicit ScopedNetNs(const NetNs& ns) : m_enter(ns.Name()) {
+        if (!m_enter.Ok()) {
+            throw std::runtime_error(m_enter.Error());
         }
     }
-    ~ScopedNetNs() {
-        if (setns(m_original, CLONE_NEWNET) != 0) {
-            std::perror("setns back");
-            std::abort();  // later tests would run in the wrong namespace
-        }
-        close(m_original);
-    }
-    ScopedNetNs(const ScopedNetNs&) = delete;
-    ScopedNetNs& operator=(const ScopedNetNs&) = delete;
 
 private:
-    int m_original;
+    host::ScopedNetnsEnter m_enter;
 };
 
 // RunInNetNs runs `body` in a child process inside `ns` with its own mount

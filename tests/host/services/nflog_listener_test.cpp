@@ -1,6 +1,7 @@
 #include "host/services/nflog_listener.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <condition_variable>
 #include <memory>
@@ -8,14 +9,13 @@
 #include <thread>
 #include <vector>
 
+#include "host/fixture/traffic.h"
 #include "tests/support/netns.h"
 #include "tests/support/recording_tracer.h"
-#include "tests/support/traffic.h"
 
 namespace nti::host {
 namespace {
 
-using nti::test::Endpoint;
 using nti::test::NetNs;
 
 TEST(SequenceTrackerTest, CountsGapsAcrossWrapAndIgnoresOldNumbers) {
@@ -75,8 +75,6 @@ private:
 };
 
 constexpr std::uint16_t kGroup = 7;
-const Endpoint kLocal{"198.18.0.1", 40000};
-const Endpoint kPeer{"198.18.0.2", 5555};
 
 // Two namespaces on a veth pair; the local one logs UDP to port 5555 to group 7.
 class NflogListenerTest : public ::testing::Test {
@@ -85,8 +83,7 @@ protected:
         nti::test::Veth({&m_local, "nti0", "02:00:00:00:00:01", {"198.18.0.1/24"}},
                         {&m_peer, "nti1", "02:00:00:00:00:02", {"198.18.0.2/24"}});
         m_local.Must("iptables -A OUTPUT -p udp --dport 5555 -j NFLOG --nflog-group 7");
-        m_socket =
-            std::make_unique<host::UdpSocket>(m_local.Name(), AF_INET, kLocal.address, kLocal.port);
+        m_socket = std::make_unique<host::UdpSocket>(m_local.Name(), AF_INET, "198.18.0.1", 40000);
         m_tracer = qor::object::Create<nti::test::RecordingTracer>();
         m_callback = qor::object::Create<RecordingCallback>();
     }
@@ -94,7 +91,7 @@ protected:
     // Send sends `count` datagrams of `size` bytes from the local end to the peer.
     void Send(int count, std::size_t size) {
         for (int i = 0; i < count; ++i) {
-            EXPECT_TRUE(m_socket->SendTo(kPeer.address, kPeer.port, std::string(size, 'x')));
+            EXPECT_TRUE(m_socket->SendTo("198.18.0.2", 5555, std::string(size, 'x')));
         }
     }
     qor::RefPtr<NflogListener> MakeListener(const NflogOptions& options = {}) {
