@@ -25,19 +25,23 @@ IpNetwork Net(const char* text) {
 struct RenderCase {
     const char* name;
     dwi::firewall::Rule rule;
-    const char* v4;  // nullptr: no IPv4 rule
-    const char* v6;  // nullptr: no IPv6 rule
+    std::string v4;  // empty: no IPv4 rule
+    std::string v6;  // empty: no IPv6 rule
     // The nftables rule for the first family that has one: the same packets.
-    const char* nft;
+    std::string nft;
 };
+
+const std::string kComment = " -m comment --comment \"nti:7:svc\"";
+const std::string kNftComment = " comment \"nti:7:svc\"";
+std::string Queue(int number) {
+    return kComment + " -j NFQUEUE --queue-num " + std::to_string(number) + " --queue-bypass";
+}
 
 // What iptables-save prints for each record: the text is used for deletion,
 // so it has to match byte for byte.
 const RenderCase kRenderCases[] = {
-    {"inbound any", QueueRule{.queueNumber = 1000},
-     "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
-     "NTI_IN -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 --queue-bypass",
-     "input meta nfproto ipv4 queue num 1000 bypass comment \"nti:7:svc\""},
+    {"inbound any", QueueRule{.queueNumber = 1000}, "NTI_IN" + Queue(1000), "NTI_IN" + Queue(1000),
+     "input meta nfproto ipv4 queue num 1000 bypass" + kNftComment},
     {"inbound udp with addresses and ports",
      QueueRule{.queueNumber = 1000,
                .protocol = 17,
@@ -47,12 +51,12 @@ const RenderCase kRenderCases[] = {
                .remotePorts = {1024, 2048},
                .interfaceName = "veth0"},
      "NTI_IN -s 198.18.0.0/15 -d 198.18.0.2/32 -i veth0 -p udp -m udp --sport 1024:2048 "
-     "--dport 5000 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
-     "--queue-bypass",
-     nullptr,
+     "--dport 5000" +
+         Queue(1000),
+     "",
      "input meta nfproto ipv4 ip saddr 198.18.0.0/15 ip daddr 198.18.0.2/32 iifname "
-     "\"veth0\" meta l4proto 17 th sport 1024-2048 th dport 5000 queue num 1000 bypass "
-     "comment \"nti:7:svc\""},
+     "\"veth0\" meta l4proto 17 th sport 1024-2048 th dport 5000 queue num 1000 bypass" +
+         kNftComment},
     {"outbound tcp: local is the source",
      QueueRule{.direction = dwi::firewall::kOutbound,
                .queueNumber = 1001,
@@ -60,44 +64,35 @@ const RenderCase kRenderCases[] = {
                .localAddress = Net("198.18.0.2/32"),
                .localPorts = {80, 0},
                .interfaceName = "veth0"},
-     "NTI_OUT -s 198.18.0.2/32 -o veth0 -p tcp -m tcp --sport 80 -m comment --comment "
-     "\"nti:7:svc\" -j NFQUEUE --queue-num 1001 --queue-bypass",
-     nullptr,
+     "NTI_OUT -s 198.18.0.2/32 -o veth0 -p tcp -m tcp --sport 80" + Queue(1001), "",
      "output meta nfproto ipv4 ip saddr 198.18.0.2/32 oifname \"veth0\" meta l4proto 6 "
-     "th sport 80 queue num 1001 bypass comment \"nti:7:svc\""},
+     "th sport 80 queue num 1001 bypass" +
+         kNftComment},
     {"forwarded in by input interface; icmp is IPv4 only",
      QueueRule{.direction = dwi::firewall::kForwarded,
                .queueNumber = 1000,
                .protocol = 1,
                .interfaceName = "in0"},
-     "NTI_FWD -i in0 -p icmp -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num "
-     "1000 --queue-bypass",
-     nullptr,
-     "forward meta nfproto ipv4 iifname \"in0\" meta l4proto 1 queue num 1000 bypass "
-     "comment \"nti:7:svc\""},
+     "NTI_FWD -i in0 -p icmp" + Queue(1000), "",
+     "forward meta nfproto ipv4 iifname \"in0\" meta l4proto 1 queue num 1000 bypass" +
+         kNftComment},
     {"forwarded out by output interface; ipv6-icmp is IPv6 only",
      QueueRule{.direction = dwi::firewall::kForwarded | dwi::firewall::kOutbound,
                .queueNumber = 1001,
                .protocol = 58,
                .remoteAddress = Net("fd00:198:18::99/64"),
                .interfaceName = "out0"},
-     nullptr,
-     "NTI_FWD -d fd00:198:18::/64 -o out0 -p ipv6-icmp -m comment --comment \"nti:7:svc\" "
-     "-j NFQUEUE --queue-num 1001 --queue-bypass",
+     "", "NTI_FWD -d fd00:198:18::/64 -o out0 -p ipv6-icmp" + Queue(1001),
      "forward meta nfproto ipv6 ip6 daddr fd00:198:18::/64 oifname \"out0\" meta l4proto "
-     "58 queue num 1001 bypass comment \"nti:7:svc\""},
+     "58 queue num 1001 bypass" +
+         kNftComment},
     {"family 4 and a numeric protocol", QueueRule{.queueNumber = 1000, .family = 4, .protocol = 47},
-     "NTI_IN -p 47 -m comment --comment \"nti:7:svc\" -j NFQUEUE --queue-num 1000 "
-     "--queue-bypass",
-     nullptr,
-     "input meta nfproto ipv4 meta l4proto 47 queue num 1000 bypass comment \"nti:7:svc\""},
+     "NTI_IN -p 47" + Queue(1000), "",
+     "input meta nfproto ipv4 meta l4proto 47 queue num 1000 bypass" + kNftComment},
     {"family 6 host address",
-     QueueRule{.queueNumber = 1000, .family = 6, .localAddress = Net("fd00:198:18::2/128")},
-     nullptr,
-     "NTI_IN -d fd00:198:18::2/128 -m comment --comment \"nti:7:svc\" -j NFQUEUE "
-     "--queue-num 1000 --queue-bypass",
-     "input meta nfproto ipv6 ip6 daddr fd00:198:18::2/128 queue num 1000 bypass comment "
-     "\"nti:7:svc\""},
+     QueueRule{.queueNumber = 1000, .family = 6, .localAddress = Net("fd00:198:18::2/128")}, "",
+     "NTI_IN -d fd00:198:18::2/128" + Queue(1000),
+     "input meta nfproto ipv6 ip6 daddr fd00:198:18::2/128 queue num 1000 bypass" + kNftComment},
     {"nflog input with every exclusion",
      NflogRule{.name = "zolt_stats_in",
                .chain = dwi::firewall::kChainInput,
@@ -107,26 +102,25 @@ const RenderCase kRenderCases[] = {
                .excludeLoopback = true,
                .excludeMulticast = true},
      "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m "
-     "addrtype ! --dst-type BROADCAST -m comment --comment \"nti:7:svc\" -j NFLOG "
-     "--nflog-group 10000",
-     "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST -m comment "
-     "--comment \"nti:7:svc\" -j NFLOG --nflog-group 10000",
+     "addrtype ! --dst-type BROADCAST" +
+         kComment + " -j NFLOG --nflog-group 10000",
+     "NTI_IN ! -i lo -m mark ! --mark 0x4000 -m addrtype ! --dst-type MULTICAST" + kComment +
+         " -j NFLOG --nflog-group 10000",
      "input meta nfproto ipv4 iifname != \"lo\" meta mark != 0x4000 fib daddr type != { "
-     "multicast, broadcast } log group 10000 comment \"nti:7:svc\""},
+     "multicast, broadcast } log group 10000" +
+         kNftComment},
     {"nflog output, IPv4 only",
      NflogRule{.chain = dwi::firewall::kChainOutput,
                .nflogGroup = 5,
                .excludeLoopback = true,
                .ipVersion = 4},
-     "NTI_OUT ! -o lo -m comment --comment \"nti:7:svc\" -j NFLOG --nflog-group 5", nullptr,
-     "output meta nfproto ipv4 oifname != \"lo\" log group 5 comment \"nti:7:svc\""},
+     "NTI_OUT ! -o lo" + kComment + " -j NFLOG --nflog-group 5", "",
+     "output meta nfproto ipv4 oifname != \"lo\" log group 5" + kNftComment},
     {"nflog forward, mark 0 still excluded when set",
      NflogRule{.chain = dwi::firewall::kChainForward, .nflogGroup = 10000, .bypassMarkSet = true},
-     "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
-     "--nflog-group 10000",
-     "NTI_FWD -m mark ! --mark 0x0 -m comment --comment \"nti:7:svc\" -j NFLOG "
-     "--nflog-group 10000",
-     "forward meta nfproto ipv4 meta mark != 0x0 log group 10000 comment \"nti:7:svc\""},
+     "NTI_FWD -m mark ! --mark 0x0" + kComment + " -j NFLOG --nflog-group 10000",
+     "NTI_FWD -m mark ! --mark 0x0" + kComment + " -j NFLOG --nflog-group 10000",
+     "forward meta nfproto ipv4 meta mark != 0x0 log group 10000" + kNftComment},
 };
 
 TEST(RenderRuleTest, PrintsRulesAsIptablesSaveAndNftablesWantThem) {
@@ -136,14 +130,14 @@ TEST(RenderRuleTest, PrintsRulesAsIptablesSaveAndNftablesWantThem) {
              {std::pair{IpFamily::kIpv4, c.v4}, std::pair{IpFamily::kIpv6, c.v6}}) {
             std::optional<RuleText> text;
             ASSERT_EQ(RenderRule(c.rule, family, "nti:7:svc", false, text), 0);
-            if (expected == nullptr) {
+            if (expected.empty()) {
                 EXPECT_FALSE(text) << text->spec;
                 continue;
             }
             ASSERT_TRUE(text);
             EXPECT_EQ(text->chain + " " + text->spec, expected);
         }
-        const IpFamily first = c.v4 != nullptr ? IpFamily::kIpv4 : IpFamily::kIpv6;
+        const IpFamily first = !c.v4.empty() ? IpFamily::kIpv4 : IpFamily::kIpv6;
         std::optional<RuleText> nft;
         ASSERT_EQ(RenderNftRule(c.rule, first, "nti:7:svc", false, nft), 0);
         ASSERT_TRUE(nft);
