@@ -85,6 +85,8 @@ TEST_F(BinarySerializerTest, WritesTheVersionedSelfDescribingForm) {
     EXPECT_EQ(Encode(ip, stats::kIpTypeId), ipExpected);
 }
 
+// Damaged Collectors, and ConnectionCounters with an etherType out of range
+// or of the wrong kind.
 TEST_F(BinarySerializerTest, DamagedOrForeignInputFails) {
     const auto good = [&] {
         auto collectors = test::SampleCollectors();
@@ -94,6 +96,7 @@ TEST_F(BinarySerializerTest, DamagedOrForeignInputFails) {
         const char* name;
         std::vector<std::uint8_t> bytes;
         qor::result_t result;
+        bool counter = false;
     };
     auto with = [&](std::size_t at, std::uint8_t value) {
         auto bytes = good;
@@ -102,6 +105,19 @@ TEST_F(BinarySerializerTest, DamagedOrForeignInputFails) {
     };
     auto trailing = good;
     trailing.push_back(0x00);
+    // etherType is the 15th field; its value (uint16 0) follows its key.
+    auto counter = stats::ConnectionCounter{};
+    const auto counterBytes = Encode(counter, stats::kConnectionCounterTypeId);
+    const std::vector<std::uint8_t> key = {0x69, 'e', 't', 'h', 'e', 'r', 'T', 'y', 'p', 'e'};
+    const auto at = std::search(counterBytes.begin(), counterBytes.end(), key.begin(), key.end()) -
+                    counterBytes.begin() + static_cast<std::ptrdiff_t>(key.size());
+    ASSERT_EQ(counterBytes[at], 0x00);
+    auto etherType = [&](std::vector<std::uint8_t> value) {
+        auto bytes = counterBytes;
+        bytes.erase(bytes.begin() + at);
+        bytes.insert(bytes.begin() + at, value.begin(), value.end());
+        return bytes;
+    };
     std::vector<Case> cases = {
         {"empty", {}, qor::errors::kInvalidSize},
         {"not an array", {0x01}, qor::errors::kInvalidType},
@@ -120,6 +136,12 @@ TEST_F(BinarySerializerTest, DamagedOrForeignInputFails) {
         {"huge string length",
          NoCollectorsWith(16, {0x7b, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}),
          qor::errors::kInvalidSize},
+        {"uint16 overflow", etherType({0x1a, 0x00, 0x01, 0x00, 0x00}), qor::errors::kOutOfRange,
+         true},
+        {"negative", etherType({0x20}), qor::errors::kInvalidType, true},
+        {"text for number", etherType({0x60}), qor::errors::kInvalidType, true},
+        {"float", etherType({0xf9, 0x00, 0x00}), qor::errors::kInvalidType, true},
+        {"tagged", etherType({0xc1, 0x00}), qor::errors::kInvalidType, true},
     };
     for (std::size_t cut : {good.size() - 1, good.size() / 2, std::size_t{20}, std::size_t{1}}) {
         cases.push_back({"truncated", std::vector<std::uint8_t>(good.begin(), good.begin() + cut),
@@ -127,38 +149,11 @@ TEST_F(BinarySerializerTest, DamagedOrForeignInputFails) {
     }
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        data::Collectors back;
-        EXPECT_EQ(Decode(c.bytes, back, data::kCollectorsTypeId), c.result);
-    }
-}
-
-TEST_F(BinarySerializerTest, ValuesOutOfRangeOrOfTheWrongKindFail) {
-    auto counter = stats::ConnectionCounter{};
-    const auto good = Encode(counter, stats::kConnectionCounterTypeId);
-    // etherType is the 15th field; find its value (uint16 0) after its key.
-    const std::vector<std::uint8_t> key = {0x69, 'e', 't', 'h', 'e', 'r', 'T', 'y', 'p', 'e'};
-    const auto at = std::search(good.begin(), good.end(), key.begin(), key.end()) - good.begin() +
-                    static_cast<std::ptrdiff_t>(key.size());
-    ASSERT_EQ(good[at], 0x00);
-    struct Case {
-        const char* name;
-        std::vector<std::uint8_t> value;
-        qor::result_t result;
-    };
-    const Case cases[] = {
-        {"uint16 overflow", {0x1a, 0x00, 0x01, 0x00, 0x00}, qor::errors::kOutOfRange},
-        {"negative", {0x20}, qor::errors::kInvalidType},
-        {"text for number", {0x60}, qor::errors::kInvalidType},
-        {"float", {0xf9, 0x00, 0x00}, qor::errors::kInvalidType},
-        {"tagged", {0xc1, 0x00}, qor::errors::kInvalidType},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        auto bytes = good;
-        bytes.erase(bytes.begin() + at);
-        bytes.insert(bytes.begin() + at, c.value.begin(), c.value.end());
+        data::Collectors collectors;
         stats::ConnectionCounter back;
-        EXPECT_EQ(Decode(bytes, back, stats::kConnectionCounterTypeId), c.result);
+        EXPECT_EQ(c.counter ? Decode(c.bytes, back, stats::kConnectionCounterTypeId)
+                            : Decode(c.bytes, collectors, data::kCollectorsTypeId),
+                  c.result);
     }
 }
 

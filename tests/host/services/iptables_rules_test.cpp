@@ -39,12 +39,6 @@ std::vector<std::string> OurLines(const char* program) {
     return lines;
 }
 
-void Restore(const char* program, const std::string& script) {
-    ProcessOutput out;
-    ASSERT_EQ(RunProcess({program, "--noflush"}, script, out), 0);
-    ASSERT_EQ(out.exitCode, 0) << out.err;
-}
-
 class DynamicRulesNetnsTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(::unshare(CLONE_NEWNET), 0) << "needs CAP_SYS_ADMIN"; }
@@ -162,9 +156,13 @@ TEST_F(DynamicRulesNetnsTest, FailuresLeaveNoRuleBehind) {
     // A rule deleted behind its back does not keep the others.
     const dwi::firewall::Rules r = {Udp(0, 7, 9), Udp(0, 7, 10)};
     ASSERT_EQ(rules->AddRules(r, "x"), 0);
-    Restore("iptables-restore",
-            "*filter\n-D NTI_IN -p udp -m udp --dport 9 -m comment --comment \"nti:" + m_me +
-                ":x\" -j NFQUEUE --queue-num 7 --queue-bypass\nCOMMIT\n");
+    ProcessOutput out;
+    ASSERT_EQ(RunProcess({"iptables-restore", "--noflush"},
+                         "*filter\n-D NTI_IN -p udp -m udp --dport 9 -m comment --comment \"nti:" +
+                             m_me + ":x\" -j NFQUEUE --queue-num 7 --queue-bypass\nCOMMIT\n",
+                         out),
+              0);
+    ASSERT_EQ(out.exitCode, 0) << out.err;
     EXPECT_EQ(rules->RemoveRules(r), qor::errors::kUnspecified);
     EXPECT_EQ(OurLines("iptables-save").size(), 6u);
     EXPECT_EQ(OurLines("ip6tables-save").size(), 6u);
