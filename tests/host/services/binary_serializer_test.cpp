@@ -157,7 +157,8 @@ TEST_F(BinarySerializerTest, DamagedOrForeignInputFails) {
     }
 }
 
-TEST_F(BinarySerializerTest, BadArgumentsAndAddressesFail) {
+// An address of an unknown family is not written; one of five bytes not read.
+TEST_F(BinarySerializerTest, BadAddressesFail) {
     stats::ip_t ip;
     ip.family = 5;
     void* ptr = nullptr;
@@ -166,19 +167,11 @@ TEST_F(BinarySerializerTest, BadArgumentsAndAddressesFail) {
                                       m_allocator.Get(), &ptr, &len, 0),
               qor::errors::kInvalidArgument);
     EXPECT_EQ(ptr, nullptr);
-    EXPECT_EQ(m_serializer->Serialize(qor::AnyRef{}, m_allocator.Get(), &ptr, &len, 0),
-              qor::errors::kInvalidArgument);
-    ip.family = 4;
-    EXPECT_EQ(m_serializer->Serialize(qor::AnyRef{&ip, FindStatisticsType(stats::kIpTypeId)},
-                                      m_allocator.Get(), &ptr, &len, 1),
-              qor::errors::kNotSupported);
-    const std::vector<std::uint8_t> fiveBytes = {0x84, 0x67, 'n',  't',  'i',  '.',  'b',
-                                                 'i',  'n',  0x01, 0x1a, 0xb1, 0x55, 0x00,
-                                                 0x54, 0x45, 1,    2,    3,    4,    5};
+    auto four = test::Ipv4(1, 2, 3, 4);
+    auto fiveBytes = Encode(four, stats::kIpTypeId);
+    fiveBytes[15] = 0x45;
+    fiveBytes.push_back(5);
     EXPECT_EQ(Decode(fiveBytes, ip, stats::kIpTypeId), qor::errors::kInvalidSize);
-    EXPECT_EQ(m_serializer->Deserialize(
-                  nullptr, qor::AnyRef{&ip, FindStatisticsType(stats::kIpTypeId)}, 4, 0),
-              qor::errors::kInvalidArgument);
 }
 
 }  // namespace
