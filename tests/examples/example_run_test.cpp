@@ -29,27 +29,4 @@ TEST(ExampleStopTest, SignalDeadlineAndOwnReason) {
     EXPECT_EQ(asked, 3);
 }
 
-TEST(ExampleOptionsTest, RunOptionsAreParsedAndOthersLeftToTheExample) {
-    example::RunArgs args;
-    for (const auto& [option, value] : {std::pair<int, const char*>{'M', "/x/libm.so"},
-                                        {'L', "800"},
-                                        {'J', nullptr},
-                                        {'c', "5"},
-                                        {'d', "1m"}}) {
-        EXPECT_TRUE(example::ParseRunOption(option, value, args)) << static_cast<char>(option);
-    }
-    EXPECT_FALSE(example::ParseRunOption('h', nullptr, args));
-    EXPECT_EQ(args.host.module, "/x/libm.so");
-    EXPECT_EQ(args.host.traceLevel, 800u);
-    EXPECT_TRUE(args.host.traceJournal);
-    EXPECT_EQ(args.count, 5u);
-    EXPECT_EQ(args.duration, std::chrono::seconds(60));
-    EXPECT_EXIT(example::ParseRunOption('c', "5x", args), testing::ExitedWithCode(2),
-                "--count: not a number: 5x");
-
-    const auto options = example::WithRunOptions({{"own", no_argument, nullptr, 'o'}});
-    EXPECT_STREQ(options.front().name, "own");
-    EXPECT_EQ(options.back().name, nullptr);  // getopt_long's terminator
-}
-
 }  // namespace
