@@ -40,14 +40,6 @@ TEST(HostContextTest, OffersTheStatisticsServicesThroughItsLocator) {
     HostContext host;
     ASSERT_EQ(host.Open(options), 0) << host.Error();
 
-    for (const qor::iid_t iid :
-         {qor::ITimer::IID, dwi::firewall::INflogListenerFactory::IID,
-          dwi::firewall::IIptablesInfoProvider::IID, dwi::firewall::IStartupDataProvider::IID,
-          qor::ITracer::IID, qor::IAllocator::IID, qor::IBinarySerializer::IID,
-          qor::IMetaInfoProvider::IID, app_core::component::IKeyValueStorage::IID}) {
-        qor::RefPtr<qor::IObject> service;
-        EXPECT_EQ(host.Locator().GetInterface(iid, 0, service.RefVoid()), 0) << std::hex << iid;
-    }
     qor::RefPtr<dwi::firewall::IStartupDataProvider> startup;
     ASSERT_EQ(
         host.Locator().GetInterface(dwi::firewall::IStartupDataProvider::IID, 0, startup.RefVoid()),
@@ -55,17 +47,9 @@ TEST(HostContextTest, OffersTheStatisticsServicesThroughItsLocator) {
     dwi::firewall::StartupData data;
     EXPECT_EQ(startup->GetStartupData(&data), 0);
     EXPECT_EQ(data.nflogBypassMark, 0x1234u);
-    qor::RefPtr<dwi::firewall::IIptablesInfoProvider> iptables;
-    ASSERT_EQ(host.Locator().GetInterface(dwi::firewall::IIptablesInfoProvider::IID, 0,
-                                          iptables.RefVoid()),
-              0);
-    std::uint32_t info = 1;
-    EXPECT_EQ(iptables->GetIptablesInfo(&info), 0);
-    EXPECT_EQ(info, 0u);
     // Nothing is written before the storage is used.
     EXPECT_FALSE(std::filesystem::exists(options.stateDir));
     startup.Reset();
-    iptables.Reset();
     EXPECT_EQ(host.Shutdown(), 0);  // nothing of the module is held
 }
 

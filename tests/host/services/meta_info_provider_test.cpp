@@ -46,15 +46,5 @@ TEST(MetaInfoProviderTest, AnswersTheModulesTypesFromItsRegistry) {
     EXPECT_EQ(module.Unload(), 0);
 }
 
-TEST(MetaInfoProviderTest, WithoutModuleNothingIsFound) {
-    auto provider = qor::object::Create<MetaInfoProvider>();
-    const qor::meta::TypeDescriptor* type = nullptr;
-    EXPECT_EQ(provider->GetTypeInfo(0x55afdee1, &type), qor::errors::kNotFound);
-    EXPECT_EQ(provider->GetTypeInfo(0x55afdee1, nullptr), qor::errors::kInvalidArgument);
-    ModuleLoader notLoaded;
-    EXPECT_EQ(provider->AddModule(notLoaded, nullptr), qor::errors::kNotInitialized);
-    EXPECT_EQ(provider->AddRegistry(nullptr), qor::errors::kInvalidArgument);
-}
-
 }  // namespace
 }  // namespace nti::host
