@@ -123,18 +123,16 @@ TEST(JournalTracerTest, RefusedEntriesGoToFallbackWithOneNoticePerOutage) {
                             MatchesRegex(".* 300 T: one"), MatchesRegex(".* 300 T: two"),
                             MatchesRegex(".* 500 journal unavailable \\(Resource temp.*"),
                             MatchesRegex(".* 300 T: four")));
-}
 
-// sd_journal_sendv itself reports success when the socket is missing.
-TEST(JournalTracerTest, MissingSocketFallsBackWithoutSending) {
+    // sd_journal_sendv itself reports success when the socket is missing.
     FakeJournal::Reset();
-    Fallback fallback;
-    auto sink = qor::object::Create<JournalTracer>(800, fallback.WriteEnd(), &FakeJournal::Send,
-                                                   "/nonexistent/journal/socket");
-    auto tracer = qor::trace::CreatePrefixTracer(sink.Get(), "T");
+    Fallback noSocket;
+    auto missing = qor::object::Create<JournalTracer>(800, noSocket.WriteEnd(), &FakeJournal::Send,
+                                                      "/nonexistent/journal/socket");
+    tracer = qor::trace::CreatePrefixTracer(missing.Get(), "T");
     QOR_TRACE(tracer.Get(), 300) << "still visible";
     EXPECT_TRUE(FakeJournal::entries.empty());
-    EXPECT_THAT(fallback.Lines(),
+    EXPECT_THAT(noSocket.Lines(),
                 ElementsAre(MatchesRegex(".* journal unavailable \\(No such file.*"),
                             MatchesRegex(".* 300 T: still visible")));
 }
