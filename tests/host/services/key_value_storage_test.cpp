@@ -59,10 +59,6 @@ TEST_F(KeyValueStorageTest, SetGetReplaceDeleteAndMissingKeys) {
     EXPECT_EQ(storage->GetValue("Collectors", value), qor::errors::kNotFound);
     EXPECT_EQ(Value(*storage, "other"), Bytes("x"));
 
-    EXPECT_EQ(storage->GetValue(nullptr, value), qor::errors::kInvalidArgument);
-    EXPECT_EQ(storage->SetValue(nullptr, value), qor::errors::kInvalidArgument);
-    EXPECT_EQ(storage->DeleteValue(nullptr), qor::errors::kInvalidArgument);
-
     // The state is private to its user and found again by a new connection.
     EXPECT_EQ(storage->Path(), m_dir + "/state.db");
     struct stat info {};
