@@ -119,15 +119,10 @@ inline std::string RunInNetNs(const NetNs& ns, const std::function<std::string()
         } else {
             result = body();
         }
-        std::size_t written = 0;
-        while (written < result.size()) {
-            const ssize_t n = write(fds[1], result.data() + written, result.size() - written);
-            if (n <= 0) {
-                break;
-            }
-            written += static_cast<std::size_t>(n);
-        }
-        _exit(0);
+        // A blocking pipe takes all of it (the parent reads meanwhile).
+        _exit(write(fds[1], result.data(), result.size()) == static_cast<ssize_t>(result.size())
+                  ? 0
+                  : 1);
     }
     close(fds[1]);
     std::string result;
