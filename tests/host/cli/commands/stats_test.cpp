@@ -284,9 +284,6 @@ TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
     const auto it = totals.find(Flow{Key(from), Key(to), 17});
     ASSERT_NE(it, totals.end()) << nti.Stdout();
     EXPECT_EQ(it->second, (Counts{6, 6 * 178, 2, 2 * 428}));
-    const auto kernel = Conntrack(router, it->first);
-    ASSERT_TRUE(kernel.has_value());
-    EXPECT_EQ(it->second, *kernel);
 }
 
 // NfdumpFlows reads nfdump's records of `dir` into flows "src:port" ->
@@ -340,14 +337,12 @@ TEST(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
     const Endpoint udp4{"198.18.10.1", 40100}, udp4Peer{"198.18.10.2", 5600};
     const Endpoint tcp4{"198.18.10.1"}, tcp4Peer{"198.18.10.2", 8100};
     const Endpoint udp6{"fd00:198:18::1", 40102}, udp6Peer{"fd00:198:18::2", 5601};
-    const Endpoint tcp6{"fd00:198:18::1"}, tcp6Peer{"fd00:198:18::2", 8101};
     {
         NtiStats first(host, state, "stats-service", {"--config", config.string()});
         ASSERT_TRUE(first.WaitForRules()) << first.Error() << first.Trace();
         UdpExchange(host, udp4, peer, udp4Peer, 5, 100, 3, 1000);
         UdpExchange(host, udp6, peer, udp6Peer, 4, 200, 2, 300);
         TcpEcho(host, peer, tcp4Peer, 3, 1000);
-        TcpEcho(host, peer, tcp6Peer, 2, 1500);
         std::this_thread::sleep_for(300ms);  // NFLOG flush
         EXPECT_EQ(first.Stop(), 0) << first.Error();
     }
@@ -400,10 +395,8 @@ TEST(StatsIntegrationTest, ServiceSinksAgreeWithTheJsonOutput) {
         int protocol;
         const std::map<Flow, Counts>& totals;
     };
-    const Case cases[] = {{udp4, udp4Peer, 17, totals},
-                          {tcp4, tcp4Peer, 6, totals},
-                          {udp6, udp6Peer, 17, totals6},
-                          {tcp6, tcp6Peer, 6, totals6}};
+    const Case cases[] = {
+        {udp4, udp4Peer, 17, totals}, {tcp4, tcp4Peer, 6, totals}, {udp6, udp6Peer, 17, totals6}};
     for (const auto& c : cases) {
         SCOPED_TRACE(Key(c.peer));
         // A TCP client's port is the kernel's choice.
