@@ -5,29 +5,11 @@
 #include <filesystem>
 
 #include "host/services/host_context.h"
-#include "host/services/iptables_info_provider.h"
-#include "qor/serializer.h"
-#include "qor/storage.h"
 
 namespace nti::host {
 namespace {
 
-TEST(IptablesInfoProviderTest, FixedSettingsAndDetection) {
-    struct Case {
-        std::optional<bool> setting;
-        std::uint32_t expected;
-    };
-    const Case cases[] = {{true, 1}, {false, 0}, {std::nullopt, DetectIp6tables() ? 1u : 0u}};
-    for (const auto& c : cases) {
-        auto provider = qor::object::Create<IptablesInfoProvider>(c.setting);
-        std::uint32_t info = 0xFFFFFFFF;
-        EXPECT_EQ(provider->GetIptablesInfo(&info), 0);
-        EXPECT_EQ(info, c.expected);
-        EXPECT_EQ(provider->GetIptablesInfo(nullptr), qor::errors::kInvalidArgument);
-    }
-}
-
-TEST(HostContextTest, OffersTheStatisticsServicesThroughItsLocator) {
+TEST(HostContextTest, HandsTheModuleItsSettingsAndWritesNothingUnasked) {
     const char* module = std::getenv("NTI_MODULE");
     if (module == nullptr) {
         GTEST_SKIP() << "NTI_MODULE not set (run through ctest)";
