@@ -111,8 +111,6 @@ protected:
 
 TEST_F(NflogListenerTest, NothingIsDeliveredAfterStopAndOneListenerPerGroup) {
     auto listener = MakeListener();
-    EXPECT_EQ(listener->Stop(), qor::errors::kFalse);
-    EXPECT_EQ(StartIn(*listener, {}), qor::errors::kInvalidArgument);
     ASSERT_EQ(StartIn(*listener), 0);
     EXPECT_EQ(StartIn(*listener), qor::errors::kInvalidState);
 
