@@ -86,9 +86,6 @@ const RenderCase kRenderCases[] = {
      "forward meta nfproto ipv6 ip6 daddr fd00:198:18::/64 oifname \"out0\" meta l4proto "
      "58 queue num 1001 bypass" +
          kNftComment},
-    {"family 4 and a numeric protocol", QueueRule{.queueNumber = 1000, .family = 4, .protocol = 47},
-     "NTI_IN -p 47" + Queue(1000), "",
-     "input meta nfproto ipv4 meta l4proto 47 queue num 1000 bypass" + kNftComment},
     {"nflog input with every exclusion",
      NflogRule{.name = "zolt_stats_in",
                .chain = dwi::firewall::kChainInput,

@@ -76,10 +76,7 @@ void TcpEcho(const NetNs& clientNs, const NetNs& serverNs, const Endpoint& serve
 // Env is the variable ctest sets for the test.
 std::string Env(const char* name) {
     const char* value = std::getenv(name);
-    if (value == nullptr) {
-        throw std::runtime_error(std::string(name) + " is not set (run through ctest)");
-    }
-    return value;
+    return value != nullptr ? value : throw std::runtime_error(std::string(name) + " is not set");
 }
 
 // StateDir is a fresh directory removed at the end.
