@@ -76,12 +76,8 @@ TEST(BlockListEntryTest, ListSkipsCommentsAndNamesTheBadLine) {
     EXPECT_EQ(ToString(list[1]), "[fd00:198:18::7]:53");
 
     std::istringstream bad("198.18.0.7\n198.18.0.8:99999\n");
-    try {
-        ReadList(bad, "l.txt");
-        ADD_FAILURE() << "no error";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "l.txt:2: not an address[:port]");
-    }
+    EXPECT_THAT([&] { ReadList(bad, "l.txt"); },
+                testing::ThrowsMessage<std::runtime_error>("l.txt:2: not an address[:port]"));
 }
 
 // Ports only from first fragments, past IPv4 options and IPv6 extension
@@ -107,7 +103,6 @@ TEST(BlockListFlowTest, PortsOnlyWhereTheTransportHeaderIs) {
         {"icmp", cat(Ipv4(IPPROTO_ICMP), {}), IPPROTO_ICMP, "198.18.0.1 198.18.0.2"},
         {"short", Bytes({0x45, 0, 0}), 0, ""},
         {"header length below 20", Ipv4(IPPROTO_TCP, 0, 4), 0, ""},
-        {"version 2", Bytes({0x20}), 0, ""},
         // Hop-by-hop (8 bytes) -> destination options (16 bytes) -> TCP.
         {"extension headers", cat(Ipv6(0), {60, 0, 0, 0, 0, 0, 0, 0, IPPROTO_TCP, 1, 0, 0,
                                             0,  0, 0, 0, 0, 0, 0, 0, 0,           0, 0, 0}),

@@ -15,8 +15,6 @@ TEST(ExampleStopTest, SignalDeadlineAndOwnReason) {
     const example::StopSignals signals;
     ASSERT_EQ(kill(getpid(), SIGTERM), 0);  // would end the test without the mask
     EXPECT_EQ(signals.WaitForStop(0s, 10ms, [] { return false; }), SIGTERM);
-    ASSERT_EQ(kill(getpid(), SIGINT), 0);
-    EXPECT_EQ(signals.WaitForStop(0s, 10ms, [] { return false; }), SIGINT);
 
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(signals.WaitForStop(1s, 20ms, [] { return false; }), 0);
