@@ -5,16 +5,33 @@
 #include <csignal>
 
 namespace nti::host {
+namespace {
+
+struct EndingSignal {
+    int signo;
+    const char* name;
+};
+
+// Every signal whose default action ends the process, except those that
+// report a fault of the process itself (SIGSEGV, SIGABRT ...): each would
+// otherwise leave the iptables rules in place.
+constexpr EndingSignal kEnding[] = {
+    {SIGINT, "SIGINT"},   {SIGTERM, "SIGTERM"}, {SIGHUP, "SIGHUP"},   {SIGQUIT, "SIGQUIT"},
+    {SIGUSR1, "SIGUSR1"}, {SIGUSR2, "SIGUSR2"}, {SIGALRM, "SIGALRM"}, {SIGVTALRM, "SIGVTALRM"},
+    {SIGPROF, "SIGPROF"}, {SIGIO, "SIGIO"},     {SIGPWR, "SIGPWR"},   {SIGSTKFLT, "SIGSTKFLT"},
+    {SIGXCPU, "SIGXCPU"}, {SIGXFSZ, "SIGXFSZ"},
+};
+
+}  // namespace
 
 int OpenExitSignalFd() {
     // A shell starts background jobs with SIGINT and SIGQUIT ignored; an
     // ignored signal never reaches the descriptor.
-    constexpr int kEnding[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signo : kEnding) {
-        std::signal(signo, SIG_DFL);
-        sigaddset(&signals, signo);
+    for (const EndingSignal& s : kEnding) {
+        std::signal(s.signo, SIG_DFL);
+        sigaddset(&signals, s.signo);
     }
     std::signal(SIGPIPE, SIG_IGN);
     if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
@@ -24,18 +41,12 @@ int OpenExitSignalFd() {
 }
 
 const char* ExitSignalName(unsigned signo) {
-    switch (signo) {
-        case SIGINT:
-            return "SIGINT";
-        case SIGTERM:
-            return "SIGTERM";
-        case SIGHUP:
-            return "SIGHUP";
-        case SIGQUIT:
-            return "SIGQUIT";
-        default:
-            return "signal";
+    for (const EndingSignal& s : kEnding) {
+        if (static_cast<unsigned>(s.signo) == signo) {
+            return s.name;
+        }
     }
+    return "signal";
 }
 
 }  // namespace nti::host

@@ -240,6 +240,7 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
         {"intercept", "SIGINT", SIGINT, {"--quiet"}, 0},
         {"intercept", "SIGHUP", SIGHUP, {"--quiet"}, 0},
         {"intercept", "SIGQUIT", SIGQUIT, {"--quiet"}, 0},
+        {"intercept", "SIGUSR1", SIGUSR1, {"--quiet"}, 0},
         {"intercept", "closed output", -1, {}, 0},
         {"intercept", "count", 0, {"--quiet", "--count", "20"}, 0},
         {"intercept", "duration", 0, {"--quiet", "--duration", "0.5"}, 0},
