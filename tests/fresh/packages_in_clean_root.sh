@@ -114,7 +114,9 @@ for _ in $(seq 100); do
   sleep 0.1
 done
 [ -n "$leader" ] || fail "the container did not start: $(tail -n 20 "$work/boot.log")"
-box() { nsenter -t "$leader" -a "$@"; }
+# -r -w: run from a chroot (as run-fresh does), nsenter would otherwise keep
+# the chroot's root, where no systemd runs.
+box() { nsenter -t "$leader" -a -r -w "$@"; }
 # Until systemd has opened its socket the answer is "offline".
 state=""
 for _ in $(seq 120); do
@@ -122,7 +124,8 @@ for _ in $(seq 120); do
   [ "$state" != running ] && [ "$state" != degraded ] || break
   sleep 0.5
 done
-[ "$state" = running ] || [ "$state" = degraded ] || fail "systemd in the container: $state"
+[ "$state" = running ] || [ "$state" = degraded ] ||
+  fail "systemd in the container: $state: $(tail -n 20 "$work/boot.log")"
 box systemd-analyze verify nti-stats.service || fail "systemd-analyze verify nti-stats.service"
 box bash -euo pipefail -c '
 ip netns add peer
