@@ -287,8 +287,10 @@ CommandRunner AddStatsCommand(CLI::App& app) {
         ->capture_default_str()
         ->type_name("TIME");
     sub->add_option("--alignment", o.alignment,
-                    "epoch (intervals start at multiples of the period), or registration: the "
-                    "first interval holds only traffic after the collector was registered")
+                    "epoch: no cut at registration, so the first interval may hold traffic "
+                    "counted for other collectors before; registration: it holds only traffic "
+                    "after the collector was registered. Intervals end one period apart "
+                    "from the start")
         ->capture_default_str()
         ->type_name("WHEN");
     sub->add_option("--intervals", o.intervals,
