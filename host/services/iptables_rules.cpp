@@ -39,10 +39,13 @@ IptablesRules::~IptablesRules() {
 }
 
 void IptablesRules::RemoveEverything() {
+    m_installed.insert(m_installed.end(), std::make_move_iterator(m_undeleted.begin()),
+                       std::make_move_iterator(m_undeleted.end()));
+    m_undeleted.clear();
     if (!m_installed.empty()) {
         // Restore traces each failure; the rules are forgotten either way, as
         // nothing better can be done with them on the way out.
-        static_cast<void>(DeleteInstalled(m_installed));
+        static_cast<void>(DeleteInstalled(std::move(m_installed)));
         m_installed.clear();
     }
     RemoveUnusedChains();
@@ -177,28 +180,29 @@ qor::result_t IptablesRules::Install(const dwi::firewall::Rules& rules, const ch
     }
 }
 
-qor::result_t IptablesRules::DeleteInstalled(const std::vector<Installed>& gone) {
-    qor::result_t result = qor::errors::kOk;
+std::vector<IptablesRules::Installed> IptablesRules::DeleteInstalled(std::vector<Installed> gone) {
     for (IpFamily family : {IpFamily::kIpv4, IpFamily::kIpv6}) {
+        const auto text = [family](Installed& entry) -> std::optional<RuleText>& {
+            return family == IpFamily::kIpv4 ? entry.v4 : entry.v6;
+        };
         std::vector<std::string> commands;
-        for (const Installed& entry : gone) {
-            const auto& text = family == IpFamily::kIpv4 ? entry.v4 : entry.v6;
-            if (text) {
-                commands.push_back(DeleteCommand(*text));
+        for (Installed& entry : gone) {
+            if (text(entry)) {
+                commands.push_back(DeleteCommand(*text(entry)));
             }
         }
-        if (QOR_SUCCEEDED(Restore(family, commands))) {
-            continue;
-        }
-        // One rule deleted behind our back fails the whole run: delete the
-        // others one by one.
-        for (const std::string& command : commands) {
-            if (!QOR_SUCCEEDED(Restore(family, {command}))) {
-                result = qor::errors::kUnspecified;
+        const bool all = QOR_SUCCEEDED(Restore(family, commands));
+        for (Installed& entry : gone) {
+            // One rule deleted behind our back fails the whole run: the
+            // others are deleted one by one.
+            if (text(entry) &&
+                (all || QOR_SUCCEEDED(Restore(family, {DeleteCommand(*text(entry))})))) {
+                text(entry).reset();
             }
         }
     }
-    return result;
+    std::erase_if(gone, [](const Installed& entry) { return !entry.v4 && !entry.v6; });
+    return gone;
 }
 
 qor::result_t IptablesRules::RemoveRules(const dwi::firewall::Rules& rules) noexcept {
@@ -216,9 +220,11 @@ qor::result_t IptablesRules::RemoveRules(const dwi::firewall::Rules& rules) noex
             gone.push_back(std::move(*it));
             m_installed.erase(it);
         }
-        const qor::result_t deleted = DeleteInstalled(gone);
-        if (!QOR_SUCCEEDED(deleted)) {
-            return deleted;
+        std::vector<Installed> failed = DeleteInstalled(std::move(gone));
+        if (!failed.empty()) {
+            m_undeleted.insert(m_undeleted.end(), std::make_move_iterator(failed.begin()),
+                               std::make_move_iterator(failed.end()));
+            return qor::errors::kUnspecified;
         }
         return missing ? qor::errors::kFalse : qor::errors::kOk;
     } catch (...) {

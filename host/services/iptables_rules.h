@@ -64,7 +64,9 @@ private:
     [[nodiscard]] qor::result_t SetUpChains();
     void RemoveUnusedChains();
     void RemoveEverything();
-    [[nodiscard]] qor::result_t DeleteInstalled(const std::vector<Installed>& gone);
+    // DeleteInstalled deletes the rules of `gone` and returns those it could
+    // not delete, each with the text of the families that failed.
+    [[nodiscard]] std::vector<Installed> DeleteInstalled(std::vector<Installed> gone);
 
     FirewallOptions m_options;
     qor::RefPtr<qor::ITracer> m_tracer;
@@ -72,6 +74,9 @@ private:
     // Timed so that the cleanup at std::terminate cannot hang on it.
     mutable std::timed_mutex m_mutex;
     std::vector<Installed> m_installed;
+    // Removed by the module but still in the kernel (a restore run failed):
+    // tried again on the way out.
+    std::vector<Installed> m_undeleted;
     // Last: destroyed first, so a cleanup running elsewhere finishes before
     // the members it uses go.
     ExitCleanup m_exitCleanup;

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -161,6 +164,25 @@ TEST_F(DynamicRulesNetnsTest, FailuresLeaveNoRuleBehind) {
     EXPECT_EQ(OurLines("iptables-save").size(), 6u);
     EXPECT_EQ(OurLines("ip6tables-save").size(), 6u);
     EXPECT_EQ(rules->InstalledCount(), 0u);
+
+    // A rule whose deletion failed is deleted again on the way out.
+    const std::string gate = "/tmp/nti-restore-gate-" + m_me;
+    FirewallOptions gated;
+    {
+        std::ofstream(gate + ".sh")
+            << "#!/bin/sh\n[ -e " << gate << " ] && exit 1; exec ip6tables-restore \"$@\"\n";
+        gated.ipv6Restore = gate + ".sh";
+        ::chmod(gated.ipv6Restore.c_str(), 0755);
+        auto later = Make(gated);
+        ASSERT_EQ(later->AddRules({Udp(0, 7, 11)}, "x"), 0);
+        std::ofstream{gate};
+        EXPECT_EQ(later->RemoveRules({Udp(0, 7, 11)}), qor::errors::kUnspecified);
+        EXPECT_EQ(later->InstalledCount(), 0u);
+        EXPECT_EQ(OurLines("ip6tables-save").size(), 7u);
+        std::filesystem::remove(gate);
+    }
+    std::filesystem::remove(gate + ".sh");
+    EXPECT_EQ(OurLines("ip6tables-save"), std::vector<std::string>{});
 
     // A failed IPv6 run takes its IPv4 rules back out.
     FirewallOptions options;
