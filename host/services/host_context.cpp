@@ -8,7 +8,6 @@
 #include "host/services/iptables_rules.h"
 #include "host/services/journal_tracer.h"
 #include "host/services/key_value_storage.h"
-#include "host/services/nflog_listener.h"
 #include "host/services/nft_rules.h"
 #include "host/services/tracer_sink.h"
 #include "qor/exception.h"
@@ -70,8 +69,8 @@ void HostContext::RegisterServices(const CommonOptions& options) {
     m_locator->Add(m_tracer.Get());
     m_timer = qor::object::Create<Timer>();
     m_locator->Add<qor::ITimer>(m_timer.Get());
-    m_locator->Add<dwi::firewall::INflogListenerFactory>(
-        qor::object::Create<NflogListenerFactory>(m_tracer.Get()).Get());
+    m_nflog = qor::object::Create<NflogListenerFactory>(m_tracer.Get());
+    m_locator->Add<dwi::firewall::INflogListenerFactory>(m_nflog.Get());
     m_locator->Add<dwi::firewall::IIptablesInfoProvider>(
         qor::object::Create<IptablesInfoProvider>(options.ip6tables).Get());
     m_locator->Add<dwi::firewall::IStartupDataProvider>(

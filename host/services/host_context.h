@@ -8,6 +8,7 @@
 
 #include "host/services/meta_info_provider.h"
 #include "host/services/module_loader.h"
+#include "host/services/nflog_listener.h"
 #include "host/services/nfqueue_query.h"
 #include "host/services/rules_service.h"
 #include "host/services/service_locator.h"
@@ -73,6 +74,10 @@ public:
     NfqueueQuery* Queues() { return m_queues.Get(); }
     RulesService* Firewall() { return m_firewall.Get(); }
 
+    // NflogListeners is the factory of the module's NFLOG listeners; null
+    // before Open.
+    const NflogListenerFactory* NflogListeners() const { return m_nflog.Get(); }
+
     ServiceLocator& Locator() { return *m_locator; }
     ModuleLoader& Module() { return m_module; }
     qor::ITracer* Tracer() { return m_tracer.Get(); }
@@ -98,6 +103,7 @@ private:
     qor::RefPtr<RulesService> m_firewall;
     std::string m_firewallChoice = "auto";
     qor::object::ImplPtr<Timer> m_timer;
+    qor::object::ImplPtr<NflogListenerFactory> m_nflog;
     qor::RefPtr<MetaInfoProvider> m_metaInfo;
     ModuleLoader m_module;
     std::string m_error;

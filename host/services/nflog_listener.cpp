@@ -12,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <functional>
+#include <utility>
 
 #include "dwi_tracing/tracing.h"
 #include "qor/exception.h"
@@ -91,10 +92,11 @@ std::uint32_t SequenceTracker::Observe(std::uint32_t seq) noexcept {
 }
 
 NflogListener::NflogListener(qor::ITracer* tracer, dwi::firewall::INflogDataCallback* callback,
-                             const NflogOptions& options)
+                             const NflogOptions& options, NflogFailures failures)
     : m_tracer(qor::trace::CreatePrefixTracer(tracer, "NflogListener")),
       m_callback(callback),
-      m_options(options) {
+      m_options(options),
+      m_failures(std::move(failures)) {
     if (callback == nullptr) {
         throw qor::ResultCodeException("No NFLOG data callback", QOR_HERE,
                                        qor::errors::kInvalidArgument);
@@ -291,6 +293,7 @@ void NflogListener::Loop() noexcept {
             }
             QOR_TRACE(m_tracer.Get(), qor::trace_level::kError)
                 << "Loop: poll failed: " << qor::ErrnoText(errno);
+            Fail();
             return;
         }
         if (fds[0].revents != 0) {
@@ -315,6 +318,7 @@ void NflogListener::Loop() noexcept {
             }
             QOR_TRACE(m_tracer.Get(), qor::trace_level::kError)
                 << "Loop: recv failed: " << qor::ErrnoText(error);
+            Fail();
             return;
         }
         if (mnl_cb_run(
@@ -326,6 +330,12 @@ void NflogListener::Loop() noexcept {
             QOR_TRACE(m_tracer.Get(), qor::trace_level::kWarning)
                 << "Loop: netlink error message: " << qor::ErrnoText(errno);
         }
+    }
+}
+
+void NflogListener::Fail() noexcept {
+    if (m_failures) {
+        m_failures->fetch_add(1);
     }
 }
 
@@ -377,7 +387,8 @@ qor::result_t NflogListenerFactory::CreateListener(dwi::firewall::INflogDataCall
         return qor::errors::kInvalidArgument;
     }
     try {
-        *out = qor::object::Create<NflogListener>(m_tracer.Get(), callback, m_options).Detach();
+        *out = qor::object::Create<NflogListener>(m_tracer.Get(), callback, m_options, m_failures)
+                   .Detach();
         return qor::errors::kOk;
     } catch (...) {
         return qor::CurrentExceptionToResult(m_tracer.Get(), "CreateListener");

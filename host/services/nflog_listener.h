@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -53,13 +54,18 @@ private:
     std::optional<std::uint32_t> m_next;
 };
 
+// NflogFailures counts listener threads that ended on an error (a failed
+// poll or recv) rather than at Stop; shared by a factory and its listeners.
+using NflogFailures = std::shared_ptr<std::atomic<std::uint32_t>>;
+
 // NflogListener implements dwi::firewall::INflogListener. It holds no
 // reference to its callback: the callback owns the listener and stops it
 // before it goes away.
 class NflogListener : public qor::object::Ifaces<dwi::firewall::INflogListener> {
 public:
+    // `failures`, when given, is raised once when the thread ends on an error.
     NflogListener(qor::ITracer* tracer, dwi::firewall::INflogDataCallback* callback,
-                  const NflogOptions& options);
+                  const NflogOptions& options, NflogFailures failures = nullptr);
     ~NflogListener() override;
     NflogListener(const NflogListener&) = delete;
     NflogListener& operator=(const NflogListener&) = delete;
@@ -84,11 +90,13 @@ private:
                                            const std::function<void(nlmsghdr*)>& attributes);
     void CloseSocket() noexcept;
     void Loop() noexcept;
+    void Fail() noexcept;
     int OnMessage(const nlmsghdr* message) noexcept;
 
     qor::RefPtr<qor::ITracer> m_tracer;
     dwi::firewall::INflogDataCallback* m_callback;
     NflogOptions m_options;
+    NflogFailures m_failures;
 
     std::mutex m_startStop;
     mnl_socket* m_socket = nullptr;
@@ -114,9 +122,14 @@ public:
         dwi::firewall::INflogDataCallback* callback,
         dwi::firewall::INflogListener** out) noexcept override;
 
+    // FailedListeners counts the listeners made here whose thread ended on an
+    // error: they deliver nothing more, so what they fed counts no longer.
+    std::uint32_t FailedListeners() const noexcept { return m_failures->load(); }
+
 private:
     qor::RefPtr<qor::ITracer> m_tracer;
     NflogOptions m_options;
+    NflogFailures m_failures = std::make_shared<std::atomic<std::uint32_t>>(0);
 };
 
 }  // namespace nti::host

@@ -27,6 +27,17 @@ using host::ScopedNetnsEnter;
 using host::UdpSocket;
 using Clock = std::chrono::steady_clock;
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define NTI_SANITIZED
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(NTI_SANITIZED)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 // Count counts the lines holding every one of `parts`.
 std::size_t Count(const std::vector<std::string>& lines, const std::vector<std::string>& parts) {
     std::size_t n = 0;
@@ -64,13 +75,21 @@ protected:
         }
     }
 
+    // NtiArgv runs nti in dut; with `failThread`, that thread's poll fails
+    // a second after its first call (tests/support/fail_poll.cpp).
     std::vector<std::string> NtiArgv(const std::vector<std::string>& args,
                                      const std::string& firewall = "auto",
-                                     const char* command = "intercept") const {
-        std::vector<std::string> argv = {"ip",     "netns",       "exec",   m_net->Dut(),
-                                         m_bin,    "--module",    m_module, "--firewall",
-                                         firewall, "--state-dir", m_state};
-        argv.push_back(command);
+                                     const char* command = "intercept",
+                                     const char* failThread = nullptr) const {
+        std::vector<std::string> argv = {"ip", "netns", "exec", m_net->Dut()};
+        if (failThread != nullptr) {
+            argv.insert(
+                argv.end(),
+                {"env", "LD_PRELOAD=" + std::string(std::getenv("NTI_FAIL_POLL")),
+                 "NTI_FAIL_POLL_THREAD=" + std::string(failThread), "NTI_FAIL_POLL_AFTER_MS=1000"});
+        }
+        argv.insert(argv.end(), {m_bin, "--module", m_module, "--firewall", firewall, "--state-dir",
+                                 m_state, command});
         argv.insert(argv.end(), args.begin(), args.end());
         return argv;
     }
@@ -221,20 +240,23 @@ TEST_F(InterceptTest, MarkAndRewrittenPayloadReachTheKernel) {
 
 // Every way a fail-closed run can end, with either firewall: afterwards no
 // rule, chain, jump or table of nti is left, no queue is bound and the traffic
-// it selected flows. A firewall that refuses the rules ends the run with the
-// failure status and a message. After SIGKILL the kernel deletes an nftables
-// table with its socket; iptables rules stay until the next start sweeps them.
+// it selected flows. A firewall that refuses the rules, or a thread of nti
+// that fails while they are in, ends the run with the failure status and a
+// message. After SIGKILL the kernel deletes an nftables table with its
+// socket; iptables rules stay until the next start sweeps them.
 TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
     struct Ending {
         const char* command;
-        const char* name;  // refused rules: what nti says
-        int signo;         // 0: the run ends by itself, -1: its output is closed, -2: rules refused
+        const char* name;  // failures: what nti says
+        // 0: the run ends by itself, -1: its output is closed, -2: rules
+        // refused, -3: the thread that reads the kernel fails
+        int signo;
         std::vector<std::string> args;
         int exitCode;
     };
     const std::vector<std::string> queue = {"--fail-closed", "--proto", "udp", "--local-port",
                                             "5000"};
-    const std::vector<std::string> stats = {"--period", "100ms", "--json"};
+    const std::vector<std::string> statsArgs = {"--period", "100ms", "--json"};
     const Ending endings[] = {
         {"intercept", "SIGTERM", SIGTERM, {"--quiet"}, 0},
         {"intercept", "SIGINT", SIGINT, {"--quiet"}, 0},
@@ -247,9 +269,11 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
         {"intercept", "SIGKILL", SIGKILL, {"--quiet"}, 128 + SIGKILL},
         // Refused on the poll thread, after the IPv4 rules went in.
         {"intercept", "the firewall rules were not installed", -2, {"--quiet"}, 1},
+        {"intercept", "the interception ended by itself", -3, {"--quiet"}, 1},
         {"stats", "SIGHUP", SIGHUP, {}, 0},
         {"stats", "closed output", -1, {}, 0},
         {"stats", "nti stats: cannot", -2, {}, 1},
+        {"stats", "the NFLOG listener stopped on an error", -3, {}, 1},
         {"stats", "SIGKILL", SIGKILL, {}, 128 + SIGKILL},
     };
     auto sink = Socket(true, 5000);
@@ -273,16 +297,26 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
                 continue;
             }
             const bool refused = e.signo == -2;
+            const bool failed = e.signo < -1;
             if (refused && nft) {
                 continue;  // nftables rules go to a table of nti's own
+            }
+            if (e.signo == -3 && kSanitized) {
+                // The sanitizer's own poll in nti comes before a preloaded one.
+                std::printf("skipped: %s %s: sanitizer build\n", e.command, e.name);
+                continue;
             }
             std::unique_ptr<nft_ctx, void (*)(nft_ctx*)> owner(nullptr, nft_ctx_free);
             if (refused) {
                 owner = OwnIp6Filter();
             }
-            std::vector<std::string> args = e.command == std::string("stats") ? stats : queue;
+            std::vector<std::string> args = e.command == std::string("stats") ? statsArgs : queue;
             args.insert(args.end(), e.args.begin(), e.args.end());
-            Program nti(NtiArgv(args, firewall, e.command));
+            const bool stats = e.command == std::string("stats");
+            Program nti(NtiArgv(args, firewall, e.command,
+                                e.signo != -3 ? nullptr
+                                : stats       ? "ntiNflog"
+                                              : "zoltNfQPoll"));
             ASSERT_TRUE(refused || WaitForRules()) << nti.Error();
             std::atomic<bool> stop{false};
             std::thread traffic([&] {
@@ -301,13 +335,13 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
             stop = true;
             traffic.join();
             EXPECT_EQ(exitCode, e.exitCode) << nti.Error();
-            EXPECT_TRUE(!refused || nti.Error().find(e.name) != std::string::npos) << nti.Error();
+            EXPECT_TRUE(!failed || nti.Error().find(e.name) != std::string::npos) << nti.Error();
             owner.reset();  // the kernel deletes the table with its socket
             std::string payload;
             while (sink->Receive(payload, 50ms)) {
             }
             if (e.signo == SIGKILL && firewall == std::string("iptables")) {
-                if (e.command == std::string("intercept")) {
+                if (!stats) {
                     EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 1, 300ms), 0);
                 }
                 Program next(NtiArgv({"--duration", "0.1"}, firewall));
@@ -318,7 +352,7 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
             RunIn(m_net->Dut(), {"cat", "/proc/net/netfilter/nfnetlink_queue"}, &queues);
             EXPECT_EQ(queues, "");
             EXPECT_EQ(Deliver(*sender, *sink, NetnsPair::kDut4, 5000, 1), 1);
-            if (e.signo == -1 && e.command == std::string("stats")) {
+            if (e.signo == -1 && stats) {
                 // It printed what earlier runs saved when it began: what the
                 // next run restores is the interval it saved at its end.
                 Program next(NtiArgv({"--period", "100ms", "--json", "--intervals", "1"}, firewall,

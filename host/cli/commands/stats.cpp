@@ -15,6 +15,7 @@
 #include "host/cli/commands/commands.h"
 #include "host/cli/commands/intercept_options.h"
 #include "host/cli/commands/option_checks.h"
+#include "host/cli/commands/stats_counters.h"
 #include "host/cli/commands/stats_format.h"
 #include "host/cli/commands/stats_history.h"
 #include "host/cli/exit_signals.h"
@@ -199,16 +200,8 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
 
     int exitCode = kExitOk;
     {
-        qor::RefPtr<qor::IObject> object;
-        qor::RefPtr<IConnectionCounters> counters;
-        qor::result_t r =
-            host.CreateObject(dwi::network_interceptor::kConnectionCountersClassId, object.Ref());
-        if (QOR_SUCCEEDED(r)) {
-            r = qor::QueryInterfaceAs(object.Get(), counters);
-        }
-        if (!QOR_SUCCEEDED(r)) {
-            std::fprintf(stderr, "nti stats: cannot create ConnectionCounters: %s\n",
-                         qor::FormatResult(r).c_str());
+        const qor::RefPtr<IConnectionCounters> counters = CreateCounters(host, "nti stats");
+        if (!counters) {
             return kExitFailure;
         }
         Printer printer(o.id, s, o);
@@ -217,7 +210,7 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
         if (!o.noRead && QOR_SUCCEEDED(counters->ReadCounters(o.id, intervals))) {
             printer.Print(intervals, true);
         }
-        r = counters->RegisterCollector(o.id, s.alignment, s.periodMs);
+        qor::result_t r = counters->RegisterCollector(o.id, s.alignment, s.periodMs);
         if (!QOR_SUCCEEDED(r)) {
             std::fprintf(stderr, "nti stats: cannot register collector %u: %s\n", o.id,
                          qor::FormatResult(r).c_str());
@@ -231,6 +224,11 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
             if (poll(&pfd, 1, pollMs) > 0) {
                 signalfd_siginfo info{};
                 [[maybe_unused]] const ssize_t n = read(signalFd.fd, &info, sizeof(info));
+                break;
+            }
+            if (CountingStopped(host)) {
+                std::fprintf(stderr, "nti stats: %s\n", kCountingStopped);
+                exitCode = kExitFailure;
                 break;
             }
             if (o.noRead) {
@@ -256,8 +254,10 @@ int Run(const StatsSettings& s, const StatsOptions& o) {
         if (o.unregister) {
             // The run ends either way: nothing is left to undo when this fails.
             static_cast<void>(counters->UnregisterCollector(o.id));
+        } else {
+            // Releasing the service saves what was not read yet.
+            HarvestBeforeSaving(*counters, o.id);
         }
-        // Releasing the service saves what was not read yet.
     }
     // A module that cannot unload yet goes with the process.
     static_cast<void>(host.Shutdown());
@@ -276,10 +276,11 @@ CommandRunner AddStatsCommand(CLI::App& app) {
         "\n"
         "Changes on this machine while it runs: NFLOG firewall rules (see --firewall) that "
         "copy packet headers to nti (packets pass as before). It ends at --intervals, SIGINT, "
-        "SIGTERM, SIGHUP, SIGQUIT or a closed "
-        "standard output, and then removes its rules. Intervals closed but not printed are "
-        "saved in the state directory (--state-dir) and printed first by the next run with the "
-        "same --id; --unregister drops them instead. Needs root or CAP_NET_ADMIN.");
+        "SIGTERM, SIGHUP, SIGQUIT, a closed standard output or a failed NFLOG listener (exit "
+        "1), and then removes its rules. Intervals closed but not printed, and the traffic "
+        "counted since the last one, are saved in the state directory (--state-dir) and "
+        "printed first by the next run with the same --id; --unregister drops them instead. "
+        "Needs root or CAP_NET_ADMIN.");
     StatsOptions& o = *options;
     sub->add_option("--id", o.id, "Collector id")->capture_default_str()->type_name("N");
     sub->add_option("--period", o.period,

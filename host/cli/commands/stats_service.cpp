@@ -13,6 +13,7 @@
 
 #include "dwi_tracing/tracing.h"
 #include "host/cli/commands/commands.h"
+#include "host/cli/commands/stats_counters.h"
 #include "host/cli/exit_signals.h"
 #include "host/cli/service/history_store.h"
 #include "host/cli/service/ipfix_sink.h"
@@ -26,11 +27,7 @@ namespace {
 
 using system_interceptors::net::statistics::IConnectionCounters;
 using system_interceptors::net::statistics::IntervalCounters;
-using system_interceptors::net::statistics::PeriodAlignment;
 using Sinks = std::vector<std::unique_ptr<IIntervalSink>>;
-
-// kMaxFlushPeriodMs: the flushing collector lives a moment; its timer never fires.
-constexpr std::uint32_t kMaxFlushPeriodMs = 86'400'000;
 
 constexpr auto kError = qor::trace_level::kError;
 constexpr auto kWarning = qor::trace_level::kWarning;
@@ -170,16 +167,8 @@ int RunService(CommonOptions common, const std::string& configPath) {
     {
         Service service(configPath, std::move(*config), std::move(sinks), host.Tracer());
         const std::uint32_t id = service.Config().collectorId;
-        qor::RefPtr<qor::IObject> object;
-        qor::RefPtr<IConnectionCounters> counters;
-        qor::result_t r =
-            host.CreateObject(dwi::network_interceptor::kConnectionCountersClassId, object.Ref());
-        if (QOR_SUCCEEDED(r)) {
-            r = qor::QueryInterfaceAs(object.Get(), counters);
-        }
-        if (!QOR_SUCCEEDED(r)) {
-            std::fprintf(stderr, "nti stats-service: cannot create ConnectionCounters: %s\n",
-                         qor::FormatResult(r).c_str());
+        const qor::RefPtr<IConnectionCounters> counters = CreateCounters(host, "nti stats-service");
+        if (!counters) {
             return kExitFailure;
         }
         // Intervals the previous run closed but did not hand on.
@@ -187,7 +176,8 @@ int RunService(CommonOptions common, const std::string& configPath) {
         if (QOR_SUCCEEDED(counters->ReadCounters(id, intervals))) {
             service.Deliver(intervals, true);
         }
-        r = counters->RegisterCollector(id, service.Config().alignment, service.Config().periodMs);
+        qor::result_t r =
+            counters->RegisterCollector(id, service.Config().alignment, service.Config().periodMs);
         if (!QOR_SUCCEEDED(r)) {
             std::fprintf(stderr, "nti stats-service: cannot register collector %u: %s\n", id,
                          qor::FormatResult(r).c_str());
@@ -217,17 +207,16 @@ int RunService(CommonOptions common, const std::string& configPath) {
                 break;
             }
             service.Deliver(intervals, false);
+            if (CountingStopped(host)) {
+                // Failing lets systemd restart the service with a new listener.
+                QOR_TRACE(service.Tracer(), kError) << "RunService: " << kCountingStopped;
+                exitCode = kExitFailure;
+                break;
+            }
         }
         // The collector stays registered: releasing the service closes its
-        // open interval and saves it, and the next start hands it on. The
-        // service closes intervals without a last harvest, so a collector
-        // registered with "registration" alignment makes that harvest first:
-        // it hands what the source counted to every other collector.
-        const std::uint32_t flushId = id ^ 0x80000000u;
-        if (QOR_SUCCEEDED(counters->RegisterCollector(
-                flushId, PeriodAlignment::CollectorRegistration, kMaxFlushPeriodMs))) {
-            (void)counters->UnregisterCollector(flushId);
-        }
+        // open interval and saves it, and the next start hands it on.
+        HarvestBeforeSaving(*counters, id);
     }
     // A module that cannot unload yet goes with the process.
     static_cast<void>(host.Shutdown());

@@ -277,10 +277,25 @@ TEST(StatsForwardTest, ForwardedTrafficCountedByTheForwardRule) {
     std::this_thread::sleep_for(1200ms);
     EXPECT_EQ(nti.Stop(), 0) << nti.Error();
 
+    const Counts expected{6, 6 * 178, 2, 2 * 428};
     const auto totals = Totals(Intervals(nti.Stdout()), Key(from), false);
     const auto it = totals.find(Flow{Key(from), Key(to), 17});
     ASSERT_NE(it, totals.end()) << nti.Stdout();
-    EXPECT_EQ(it->second, (Counts{6, 6 * 178, 2, 2 * 428}));
+    EXPECT_EQ(it->second, expected);
+
+    // A run that ends before its interval does saves what it counted; the
+    // next run prints it first.
+    NtiStats unread(router, state, "stats", {"--id", "2", "--period", "1h"});
+    ASSERT_TRUE(unread.WaitForRules()) << unread.Error();
+    UdpExchange(client, from, server, to, 6, 150, 2, 400);
+    std::this_thread::sleep_for(300ms);  // NFLOG flush
+    EXPECT_EQ(unread.Stop(), 0) << unread.Error();
+    NtiStats next(router, state, "stats",
+                  {"--id", "2", "--intervals", "1", "--period", "100ms", "--json"});
+    EXPECT_EQ(next.Wait(20s), 0) << next.Error();
+    const auto saved = Totals(Intervals(next.Stdout()), Key(from), true);
+    ASSERT_TRUE(saved.contains(Flow{Key(from), Key(to), 17})) << next.Stdout();
+    EXPECT_EQ(saved.at(Flow{Key(from), Key(to), 17}), expected);
 }
 
 // NfdumpFlows reads nfdump's records of `dir` into flows "src:port" ->
