@@ -302,7 +302,8 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
                 continue;  // nftables rules go to a table of nti's own
             }
             if (e.signo == -3 && kSanitized) {
-                // The sanitizer's own poll in nti comes before a preloaded one.
+                // A sanitizer's runtime must be nti's first library: it refuses
+                // or bypasses a preloaded one.
                 std::printf("skipped: %s %s: sanitizer build\n", e.command, e.name);
                 continue;
             }
