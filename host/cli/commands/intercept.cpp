@@ -511,7 +511,7 @@ int Run(const CommonOptions& common, const InterceptOptions& o) {
     consumer->SetQueues(firstQueue);
 
     int exitCode = kExitOk;
-    const char* reason = "rules";
+    const char* reason = "rules not installed";
     if (host.Firewall()->WaitForTag(o.tag, kRulesTimeout)) {
         std::fprintf(stderr, "nti intercept: intercepting on queues %u-%u with tag %s\n",
                      firstQueue, firstQueue + 1u, o.tag.c_str());
