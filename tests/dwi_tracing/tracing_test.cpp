@@ -12,7 +12,6 @@
 namespace {
 
 using nti::test::RecordingTracer;
-using qor::trace::TraceRecord;
 
 class TracingTest : public testing::Test {
 protected:
