@@ -60,8 +60,6 @@ public:
     [[nodiscard]] qor::result_t UnregisterCollector(std::uint32_t id) noexcept override;
 
 private:
-    friend struct ConnectionCountersTestAccess;
-
     struct CollectorBucket {
         connection_counters_data::CollectorData data;
         std::uint64_t intervalStart = 0;

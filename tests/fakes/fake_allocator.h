@@ -18,7 +18,6 @@ public:
         void* p = std::malloc(size == 0 ? 1 : size);
         if (p != nullptr) {
             ++m_outstanding;
-            m_lastSize = size;
         }
         return p;
     }
@@ -31,12 +30,10 @@ public:
 
     void FailAllocations(bool fail) { m_fail = fail; }
     int Outstanding() const { return m_outstanding; }
-    std::size_t LastSize() const { return m_lastSize; }
 
 private:
     std::atomic<bool> m_fail{false};
     std::atomic<int> m_outstanding{0};
-    std::atomic<std::size_t> m_lastSize{0};
 };
 
 }  // namespace nti::test

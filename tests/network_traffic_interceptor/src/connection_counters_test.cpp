@@ -29,13 +29,6 @@
 
 namespace dwi::network_interceptor {
 
-// ConnectionCountersTestAccess reaches the harvest without a timer.
-struct ConnectionCountersTestAccess {
-    static int Harvest(ConnectionCounters& service, std::uint32_t id) {
-        return service.HarvestTimeHandler(id);
-    }
-};
-
 namespace {
 
 using connection_counters_data::CollectorData;
@@ -213,47 +206,6 @@ public:
 
 class ConnectionCountersTest : public ::testing::Test, public ServiceHarness {};
 
-TEST_F(ConnectionCountersTest, StartsEmptyWithoutStoredValue) {
-    m_storage->Put("Collectors", qor::ByteVector());  // an empty value is none
-    const auto service = Make();
-    EXPECT_TRUE(m_tracer->Has(700,
-                              "ConnectionCounters: LoadCountersFromStorage: There's no any saved "
-                              "statistics"));
-    EXPECT_TRUE(
-        m_tracer->Has(800, "ConnectionCounters: ConnectionCounters() <- m_outCollectors.size=0"));
-    EXPECT_EQ(m_factory->Listener(), nullptr);
-    EXPECT_EQ(m_timer->SetCount(), 0u);
-}
-
-TEST_F(ConnectionCountersTest, ConstructionFailsWithoutItsHostServices) {
-    const struct {
-        qor::iid_t iid;
-        const char* expression;
-        const char* message;
-    } cases[] = {
-        {app_core::component::IKeyValueStorage::IID, "qor::GetInterface(sl, m_storage.Ref())",
-         "Cannot get app_core::component::IKeyValueStorage"},
-        {qor::ITimer::IID, "qor::GetInterface(sl, m_harvestTimer.Ref())",
-         "Cannot get qor::ITimer interface"},
-        {qor::IMetaInfoProvider::IID, "qor::GetInterface(sl, m_metaInfoProvider.Ref())",
-         "Cannot get qor::IMetaInfoProvider interface"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.message);
-        ServiceHarness h;
-        ASSERT_EQ(h.m_locator->Unregister(c.iid), 0);
-        try {
-            h.Make();
-            ADD_FAILURE() << "constructed";
-        } catch (const qor::CheckResultFailedException& e) {
-            EXPECT_EQ(e.Message(), "Expression failed");
-            EXPECT_EQ(e.Result(), qor::errors::kNoInterface);
-        }
-        EXPECT_TRUE(h.HasCheckRecord(
-            c.expression, "0x80000001 (Interface not supported) " + std::string(c.message)));
-    }
-}
-
 TEST_F(ConnectionCountersTest, FirstRegistrationCreatesAndStartsTheSource) {
     // Low byte 0: IPv4 only.
     m_locator->Add(Create<nti::test::FakeIptablesInfoProvider>(0x100u).Get());
@@ -274,13 +226,6 @@ TEST_F(ConnectionCountersTest, FirstRegistrationCreatesAndStartsTheSource) {
     const auto scheduled = m_timer->Scheduled();
     ASSERT_EQ(scheduled.size(), 1u);
     EXPECT_EQ(scheduled[0].period, 60000u);
-
-    EXPECT_TRUE(m_tracer->Has(800,
-                              "ConnectionCounters: RegisterCollector() id=1, "
-                              "periodAlignment=EpochStartDate, period=60000"));
-    EXPECT_TRUE(m_tracer->Has(800,
-                              "ConnectionCounters: RegisterCollector: register new collector: 1, "
-                              "periodAlignment=EpochStartDate, period=60000"));
 }
 
 TEST_F(ConnectionCountersTest, HarvestClosesTheTriggersIntervalAndReadHandsItOverOnce) {
@@ -317,8 +262,6 @@ TEST_F(ConnectionCountersTest, HarvestClosesTheTriggersIntervalAndReadHandsItOve
     const auto next = Read(*service, 1);
     ASSERT_EQ(next.size(), 1u);
     EXPECT_EQ(next[0].begin, intervals[0].end);
-    EXPECT_TRUE(
-        m_tracer->Has(800, "ConnectionCounters: HarvestTimeUnsafe() collectorTrigger=1, cutMod=0"));
 }
 
 // Every harvest reaches every collector, adding up, and closes only the
@@ -331,11 +274,6 @@ TEST_F(ConnectionCountersTest, EveryCollectorReceivesTheHarvestOnlyTheTriggerIsC
     Deliver(Out(1000));
     ASSERT_EQ(service->RegisterCollector(2, kRegistration, 30000), 0);
     qor::IRunnable* second = m_timer->Latest();
-    EXPECT_TRUE(m_tracer->Has(800,
-                              "ConnectionCounters: RegisterCollector() id=2, "
-                              "periodAlignment=CollectorRegistration, period=30000"));
-    EXPECT_TRUE(
-        m_tracer->Has(800, "ConnectionCounters: HarvestTimeUnsafe() collectorTrigger=2, cutMod=1"));
     EXPECT_TRUE(Read(*service, 1).empty());  // received, not closed
 
     Deliver(Out(1000));
@@ -383,8 +321,6 @@ TEST_F(ConnectionCountersTest, SameParametersKeepTheCollectorOthersRestartIt) {
         ASSERT_EQ(scheduled.size(), 1u);
         EXPECT_EQ(scheduled[0].period, change.period);
         EXPECT_TRUE(Read(*service, 1).empty());  // the old intervals were dropped
-        EXPECT_TRUE(
-            m_tracer->Has(800, "ConnectionCounters: RegisterCollector: unregister collector: 1"));
     }
     EXPECT_EQ(m_factory->Listeners().size(), 1u);
     EXPECT_EQ(m_factory->Listener()->Stops(), 0);
@@ -468,14 +404,6 @@ TEST_F(ConnectionCountersTest, IntervalsCarryTheGatewayOfTheConnectionsFamily) {
     EXPECT_TRUE(m_tracer->Contains("UpdateGateways: Can not obtain network interfaces"));
 }
 
-TEST_F(ConnectionCountersTest, HarvestWithoutSourceOnlyTraces) {
-    const auto service = Make();
-    EXPECT_EQ(ConnectionCountersTestAccess::Harvest(*service, 5), 0);
-    EXPECT_TRUE(m_tracer->Has(800,
-                              "ConnectionCounters: HarvestTimeUnsafe() <- No collector registered, "
-                              "leaving"));
-}
-
 // The timer waits for a running harvest, which needs the service's mutex: the
 // mutex must be free while CancelAndWait waits.
 TEST_F(ConnectionCountersTest, CancelAndWaitRunsWithoutTheServiceLock) {
@@ -504,8 +432,6 @@ TEST_F(ConnectionCountersTest, TimerFailures) {
     const auto service = Make();
     m_timer->FailSet(qor::errors::kOutOfMemory);
     EXPECT_EQ(service->RegisterCollector(7, kEpoch, 60000), qor::errors::kOutOfMemory);
-    EXPECT_TRUE(HasCheckRecord("m_harvestTimer->SetRepeated(bucket.harvest, bucket.data.period)",
-                               "0x80000041 (Out of memory) Cannot start timer for collector 7"));
     EXPECT_TRUE(HasCheckRecord("StartCollectionForCollector(bucket)", "0x80000041"));
     std::vector<IntervalCounters> counters;
     EXPECT_EQ(service->ReadCounters(7, counters), qor::errors::kNotFound);
@@ -514,8 +440,6 @@ TEST_F(ConnectionCountersTest, TimerFailures) {
     ASSERT_EQ(service->RegisterCollector(8, kEpoch, 60000), 0);
     m_timer->FailCancel(qor::errors::kUnexpected);
     EXPECT_EQ(service->UnregisterCollector(8), 0);
-    EXPECT_TRUE(HasCheckRecord("m_harvestTimer->CancelAndWait(harvest)",
-                               "0x80000040 (Unexpected) Cannot cancel timer for collector 8"));
     EXPECT_EQ(service->ReadCounters(8, counters), qor::errors::kNotFound);
 }
 
@@ -530,9 +454,6 @@ TEST_F(ConnectionCountersTest, SourceFailuresFailTheRegistration) {
         {dwi::firewall::IIptablesInfoProvider::IID, qor::errors::kNoInterface,
          "qor::GetInterface(sl, iptablesInfoProvider.Ref())",
          "Cannot get IIptablesInfoProvider interface"},
-        {dwi::firewall::IStartupDataProvider::IID, qor::errors::kNoInterface,
-         "qor::GetInterface(sl, startupDataProvider.Ref())",
-         "Cannot get IStartupDataProvider interface"},
         {0, qor::errors::kUnspecified, "CreateSourceCollector()", "Cannot"},
         {0, qor::errors::kAccessDenied, "m_sourceCollector->Start()", "Cannot"},
     };
@@ -563,7 +484,6 @@ TEST_F(ConnectionCountersTest, DestructionCancelsStopsCutsAndSaves) {
     EXPECT_EQ(m_log.Entries(), (std::vector<std::string>{"CancelAndWait", "CancelAndWait",
                                                          "Listener Stop", "DeleteValue Collectors",
                                                          "SetValue Collectors", "Listener Stop"}));
-    EXPECT_EQ(m_tracer->Texts().front(), "ConnectionCounters: ~ConnectionCounters() ");
     EXPECT_TRUE(m_timer->Scheduled().empty());
 
     // Collector 1 keeps the harvest's interval and the final cut.
@@ -590,14 +510,6 @@ TEST_F(ConnectionCountersPersistenceTest, RestoredCollectorsRunAndCanBeRead) {
     const std::uint64_t created = CurrentTime();
     const auto service = Make();
 
-    EXPECT_TRUE(m_tracer->Has(700,
-                              "ConnectionCounters: LoadCountersFromStorage: value.collector=1, "
-                              "bucket.data.readyCounters.size()=2"));
-    EXPECT_TRUE(m_tracer->Has(700,
-                              "ConnectionCounters: LoadCountersFromStorage: value.collector=2, "
-                              "bucket.data.readyCounters.size()=1"));
-    EXPECT_TRUE(
-        m_tracer->Has(800, "ConnectionCounters: ConnectionCounters() <- m_outCollectors.size=2"));
     ASSERT_EQ(m_factory->Listeners().size(), 2u);
     EXPECT_EQ(m_factory->Listener()->Starts().size(), 1u);
     auto scheduled = m_timer->Scheduled();
@@ -627,27 +539,16 @@ TEST_F(ConnectionCountersPersistenceTest, OnlyCollectorsRegisteredAgainAreSavedA
     auto service = Make();
     EXPECT_EQ(service->RegisterCollector(1, kEpoch, 60000), 1);
     service.Reset();
-    EXPECT_TRUE(m_tracer->Has(700,
-                              "ConnectionCounters: MoveCountersToStorage: id=2, "
-                              "value.data.readyCounters.size()=2, value.registered=0"));
     EXPECT_EQ(Summary(Saved()), (std::vector<std::string>{"1/60000/0: 1 0 0"}));
 
     m_log.Clear();
     Make().Reset();
-    EXPECT_TRUE(m_tracer->Has(700,
-                              "ConnectionCounters: MoveCountersToStorage: There's no any statistic "
-                              "for saving"));
     // Restored and never registered again: started, stopped, then deleted.
     EXPECT_EQ(m_log.Entries(),
               (std::vector<std::string>{"GetValue Collectors", "Listener Start",
                                         "SetRepeated 60000", "CancelAndWait", "Listener Stop",
                                         "DeleteValue Collectors", "Listener Stop"}));
     EXPECT_FALSE(m_storage->Value("Collectors").has_value());
-    m_tracer->Clear();
-    const auto next = Make();
-    EXPECT_TRUE(m_tracer->Has(700,
-                              "ConnectionCounters: LoadCountersFromStorage: There's no any saved "
-                              "statistics"));
 }
 
 TEST_F(ConnectionCountersPersistenceTest, DamagedOrUnreadableValueStartsEmpty) {
@@ -675,9 +576,6 @@ TEST_F(ConnectionCountersPersistenceTest, DamagedOrUnreadableValueStartsEmpty) {
         c.damage(h);
         const auto service = h.Make();
         EXPECT_TRUE(h.HasCheckRecord(c.trace, "Cannot"));
-        EXPECT_TRUE(h.m_tracer->Has(800,
-                                    "ConnectionCounters: ConnectionCounters() <- "
-                                    "m_outCollectors.size=0"));
         EXPECT_EQ(h.m_factory->Listener(), nullptr);
         EXPECT_TRUE(c.failure.empty() || h.m_tracer->Has(300, c.failure));
     }

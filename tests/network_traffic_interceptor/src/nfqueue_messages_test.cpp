@@ -47,6 +47,10 @@ struct ConfigCase {
     std::string attributes;  // hex: length, type, payload of each
 };
 
+void PrintTo(const ConfigCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
 std::vector<ConfigCase> ConfigCases() {
     using namespace ni;
     return {

@@ -104,12 +104,6 @@ TEST(PacketSummaryTest, ReadsAddressesAndPorts) {
     EXPECT_EQ(Summarize(badIhl, sizeof(badIhl)).version, 0);
 }
 
-}  // namespace
-}  // namespace nti::host
-
-namespace nti::host {
-namespace {
-
 // OnesComplementSum of `data`, folded; a packet with a right checksum sums
 // to 0xFFFF over the checked span.
 std::uint16_t OnesSum(const std::vector<std::uint8_t>& data, std::size_t from, std::size_t to,

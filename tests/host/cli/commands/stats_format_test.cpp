@@ -192,17 +192,6 @@ TEST(StatsFormatTest, OneRowPerConnectionLargestFirst) {
                 "ipv6-icmp  [fd00:198:18::1]  [fd00:198:18::2]         3        312        0       "
                 "  0  "
                 "198.18.0.254\n"},
-        {"wide",
-         {1, false},
-         OneUdpExchangeAndAPing(),
-         true,
-         head +
-             "PROTO      LOCAL             REMOTE            LOCAL_MAC          REMOTE_MAC         "
-             "PKTS_OUT  BYTES_OUT  PKTS_IN  BYTES_IN  GATEWAY\n"
-             "udp        198.18.0.1:7001   198.18.0.2:38984  02:00:00:00:00:01  02:00:00:00:00:02  "
-             "      10        920       10       920  -\n"
-             "ipv6-icmp  [fd00:198:18::1]  [fd00:198:18::2]  -                  -                  "
-             "       3        312        0         0  198.18.0.254\n"},
         {"restored, empty",
          {2, true},
          {},
@@ -219,7 +208,6 @@ TEST(StatsFormatTest, FiltersSelectByProtocolAddressAndInterface) {
     const std::vector<ConnectionCounter> counters = OneUdpExchangeAndAPing().counters;
     const InterfaceIdentity byMac{{}, Mac(1)};
     const InterfaceIdentity byAddress{{V4(198, 18, 0, 1)}, Mac(9)};
-    const InterfaceIdentity gone;
     const struct {
         const char* name;
         std::optional<std::uint8_t> protocol;
@@ -229,14 +217,11 @@ TEST(StatsFormatTest, FiltersSelectByProtocolAddressAndInterface) {
     } cases[] = {
         {"none", std::nullopt, nullptr, nullptr, {312, 0, 920}},
         {"udp", 17, nullptr, nullptr, {0, 920}},
-        {"icmpv6", 58, nullptr, nullptr, {312}},
         {"remote v6 host", std::nullopt, "fd00:198:18::2", nullptr, {312}},
         {"v4 network", std::nullopt, "198.18.0.0/15", nullptr, {0, 920}},
-        {"other network", std::nullopt, "198.19.0.0/16", nullptr, {}},
         {"udp in other network", 17, "fd00:198:18::/64", nullptr, {}},
         {"interface by MAC", std::nullopt, nullptr, &byMac, {0}},
         {"interface by address", std::nullopt, nullptr, &byAddress, {0, 920}},
-        {"interface gone", std::nullopt, nullptr, &gone, {}},
     };
     for (const auto& c : cases) {
         StatsFilter filter;
